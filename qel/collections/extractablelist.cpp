@@ -1,0 +1,169 @@
+// The member list of a model.
+#include <qel/collections/extractablelist.h>
+
+void QelExtractableList::release(Node* n, QelEnvI* env) {
+  env->free(n, sizeof(Node));
+}
+
+long QelExtractableList::getSize() const {
+  long n = 0;
+  for (Node* p = _head; p != nullptr; p = p->next) ++n;
+  return n;
+}
+
+void QelExtractableList::add(QelExtractableI* x) {
+  QelEnvI* env = x->getEnv();
+  if (_env == nullptr) _env = env;
+  env->recordLocation(_tail);
+  env->recordLocation(&_tail);
+  Node* n = static_cast<Node*>(env->alloc(sizeof(Node)));
+  n->next = nullptr;
+  n->extractable = x;
+  *_tail = n;
+  _tail = &n->next;
+}
+
+void QelExtractableList::add(const QelExtractableArray& xs) {
+  QelArrayI* a = xs.getImpl();
+  if (a == nullptr) throw QelEmptyHandleException();
+  if (_env == nullptr) _env = a->getEnv();
+  long n = a->getSize();
+  for (long i = 0; i < n; ++i) {
+    QelExtractableI* e = QelArrayGet<QelExtractableI*>(a, i);
+    if (e == nullptr) continue;
+    QelEnvI* env = e->getEnv();
+    env->recordLocation(_tail);
+    env->recordLocation(&_tail);
+    Node* node = static_cast<Node*>(env->alloc(sizeof(Node)));
+    node->next = nullptr;
+    node->extractable = e;
+    *_tail = node;
+    _tail = &node->next;
+  }
+}
+
+void QelExtractableList::remove(const QelExtractableArray& xs,
+                                QelExtractableArray removed) {
+  QelArrayI* a = xs.getImpl();
+  if (a == nullptr) throw QelEmptyHandleException();
+  if (_head == nullptr) return;
+  QelEnvI* env = a->getEnv();
+  // Marking pass: the marked members are kept on a private stack (nodes of
+  // the same shape as the list's) so that they can be unmarked afterwards.
+  Node* stack = nullptr;
+  long n = a->getSize();
+  try {
+    for (long i = 0; i < n; ++i) {
+      QelExtractableI* e = QelArrayGet<QelExtractableI*>(a, i);
+      if (e == nullptr || e->getId() == -1) continue;
+      QelEnvI* eenv = e->getEnv();
+      if (eenv->getExtractableTable()[e->getId()] == QelEnvI::RemovalMark) continue;
+      Node* s = static_cast<Node*>(env->alloc(sizeof(Node)));
+      s->extractable = e;
+      s->next = stack;
+      stack = s;
+      eenv->mark(e);
+    }
+  } catch (...) {
+    while (stack != nullptr) {
+      Node* next = stack->next;
+      stack->extractable->getEnv()->unmark(stack->extractable);
+      env->free(stack, sizeof(Node));
+      stack = next;
+    }
+    throw;
+  }
+  // Sweep pass.
+  QelEnvI* first = _head->extractable->getEnv();
+  Node** link = &_head;
+  while (*link != nullptr) {
+    Node* node = *link;
+    QelExtractableI* m = node->extractable;
+    if (!QelEnvI::IsMarked(m)) {
+      link = &node->next;
+      continue;
+    }
+    // Release before unlinking: a refused release leaves the list intact.
+    Node* next = node->next;
+    try {
+      if (removed.getImpl() != nullptr) removed.add(QelExtractable(m));
+      release(node, m->getEnv());
+    } catch (...) {
+      first->recordLocation(&_tail);
+      _tail = link;
+      while ((*_tail) != nullptr) _tail = &(*_tail)->next;
+      unmarkAll(stack, env);
+      throw;
+    }
+    first->recordLocation(link);
+    *link = next;
+  }
+  first->recordLocation(&_tail);
+  _tail = link;
+  unmarkAll(stack, env);
+}
+
+void QelExtractableList::unmarkAll(Node* stack, QelEnvI* env) {
+  // Unmarking pass, in the reverse of the marking order.
+  while (stack != nullptr) {
+    Node* next = stack->next;
+    stack->extractable->getEnv()->unmark(stack->extractable);
+    env->free(stack, sizeof(Node));
+    stack = next;
+  }
+}
+
+QelBool QelExtractableList::removeFirst(QelExtractableI* x) {
+  QelEnvI* first = _head != nullptr ? _head->extractable->getEnv() : nullptr;
+  Node* prev = nullptr;
+  for (Node** link = &_head; *link != nullptr; link = &(*link)->next) {
+    Node* node = *link;
+    if (node->extractable != x) {
+      prev = node;
+      continue;
+    }
+    Node* next = node->next;
+    release(node, x->getEnv());
+    if (next == nullptr) {
+      // The last node went: the tail moves back to the predecessor's link.
+      first->recordLocation(&_tail);
+      _tail = prev != nullptr ? &prev->next : &_head;
+    }
+    first->recordLocation(link);
+    *link = next;
+    return true;
+  }
+  return false;
+}
+
+void QelExtractableList::removeMarked() {
+  if (_head == nullptr) return;
+  QelEnvI* first = _head->extractable->getEnv();
+  Node** link = &_head;
+  while (*link != nullptr) {
+    Node* node = *link;
+    if (!QelEnvI::IsMarked(node->extractable)) {
+      link = &node->next;
+      continue;
+    }
+    Node* next = node->next;
+    release(node, _env);
+    first->recordLocation(link);
+    *link = next;
+  }
+  first->recordLocation(&_tail);
+  _tail = link;
+}
+
+void QelExtractableList::clear() {
+  if (_head == nullptr) return;
+  _env->recordLocation(&_head);
+  _env->recordLocation(&_tail);
+  while (_head != nullptr) {
+    Node* next = _head->next;
+    release(_head, _env);
+    _head = next;
+  }
+  _head = nullptr;
+  _tail = &_head;
+}

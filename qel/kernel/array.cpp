@@ -1,0 +1,188 @@
+// The block-table array.
+#include <cstring>
+#include <new>
+#include <ostream>
+
+#include <qel/kernel/array.h>
+
+namespace {
+long ShiftFor(long n) {
+  long shift = QelArrayI::MinShift;
+  while (shift < QelArrayI::MaxShift && (1L << shift) < n) ++shift;
+  return shift;
+}
+}  // namespace
+
+QelArrayI::QelArrayI(QelGenAlloc* alloc, long size, long elementSize)
+    : _alloc(alloc), _blocks(_inlineTable) {
+  (void)elementSize;  // every array of the library holds 8-byte elements
+  init(size < 0 ? 0 : size);
+}
+
+QelArrayI::QelArrayI(QelGenAlloc* alloc, QelArrayI* source)
+    : _alloc(alloc), _blocks(_inlineTable) {
+  long n = source->getSize();
+  init(n);
+  for (long i = 0; i < n; ++i) rawAt(i) = source->rawAt(i);
+}
+
+void QelArrayI::init(long size) {
+  _shift = ShiftFor(size);
+  _mask = (1L << _shift) - 1;
+  _size = 0;
+  _capacity = 0;
+  if (size > 0) {
+    try {
+      grow(size);
+    } catch (...) {
+      freeStorage();
+      throw;
+    }
+  }
+  _size = size;
+}
+
+QelArrayI::~QelArrayI() { freeStorage(); }
+
+void QelArrayI::freeStorage() {
+  size_t blockBytes = sizeof(std::uint64_t) << _shift;
+  for (long b = 0; b < _blockCount; ++b) _alloc->free(_blocks[b], blockBytes);
+  if (_blocks != _inlineTable)
+    _alloc->free(_blocks, sizeof(void*) * static_cast<size_t>(_blockTableCapacity));
+  _blocks = _inlineTable;
+  _blockTableCapacity = 1;
+  _blockCount = 0;
+  _capacity = 0;
+}
+
+void QelArrayI::operator delete(void* p, size_t size) {
+  QelGenAlloc* alloc = static_cast<QelArrayI*>(p)->_alloc;
+  alloc->free(p, size);
+}
+
+QelArrayI* QelArrayI::Make(QelGenAlloc* alloc, long size) {
+  void* p = alloc->alloc(sizeof(QelArrayI));
+  try {
+    return new (p) QelArrayI(alloc, size);
+  } catch (...) {
+    alloc->free(p, sizeof(QelArrayI));
+    throw;
+  }
+}
+
+QelArrayI* QelArrayI::MakeCopy(QelGenAlloc* alloc, QelArrayI* source) {
+  void* p = alloc->alloc(sizeof(QelArrayI));
+  try {
+    return new (p) QelArrayI(alloc, source);
+  } catch (...) {
+    alloc->free(p, sizeof(QelArrayI));
+    throw;
+  }
+}
+
+void QelArrayI::reblock(long newShift, long minCapacity) {
+  // Move to larger blocks once the array has outgrown its small ones.
+  long blockElems = 1L << newShift;
+  long blocks = (minCapacity + blockElems - 1) / blockElems;
+  size_t blockBytes = sizeof(std::uint64_t) << newShift;
+  size_t tableBytes = sizeof(void*) * static_cast<size_t>(blocks);
+  void** table = blocks == 1 ? nullptr
+                             : static_cast<void**>(_alloc->alloc(tableBytes));
+  void* first = nullptr;
+  long made = 0;
+  try {
+    for (; made < blocks; ++made) {
+      void* b = _alloc->alloc(blockBytes);
+      std::memset(b, 0, blockBytes);
+      if (table != nullptr)
+        table[made] = b;
+      else
+        first = b;
+    }
+  } catch (...) {
+    for (long i = 0; i < made; ++i)
+      _alloc->free(table != nullptr ? table[i] : first, blockBytes);
+    if (table != nullptr) _alloc->free(table, tableBytes);
+    throw;
+  }
+  void** newBlocks = table != nullptr ? table : nullptr;
+  long newMask = blockElems - 1;
+  for (long i = 0; i < _size; ++i) {
+    void* block = newBlocks != nullptr ? newBlocks[i >> newShift] : first;
+    static_cast<std::uint64_t*>(block)[i & newMask] = rawAt(i);
+  }
+  long size = _size;
+  freeStorage();
+  _shift = newShift;
+  _mask = newMask;
+  if (newBlocks != nullptr) {
+    _blocks = newBlocks;
+    _blockTableCapacity = blocks;
+  } else {
+    _inlineTable[0] = first;
+  }
+  _blockCount = blocks;
+  _capacity = blocks << newShift;
+  _size = size;
+}
+
+void QelArrayI::grow(long newSize) {
+  if (newSize <= _capacity) return;
+  long blockElems = 1L << _shift;
+  long needed = (newSize + blockElems - 1) / blockElems;
+  if (_shift < MaxShift && needed > 8) {
+    long target = newSize + newSize / 2;
+    reblock(ShiftFor(target), target);
+    if (newSize <= _capacity) return;
+    blockElems = 1L << _shift;
+    needed = (newSize + blockElems - 1) / blockElems;
+  }
+  if (needed > _blockTableCapacity) {
+    long cap = _blockTableCapacity * 2;
+    while (cap < needed) cap *= 2;
+    void** table =
+        static_cast<void**>(_alloc->alloc(sizeof(void*) * static_cast<size_t>(cap)));
+    for (long b = 0; b < _blockCount; ++b) table[b] = _blocks[b];
+    if (_blocks != _inlineTable)
+      _alloc->free(_blocks, sizeof(void*) * static_cast<size_t>(_blockTableCapacity));
+    _blocks = table;
+    _blockTableCapacity = cap;
+  }
+  size_t blockBytes = sizeof(std::uint64_t) << _shift;
+  while (_blockCount < needed) {
+    void* b = _alloc->alloc(blockBytes);
+    std::memset(b, 0, blockBytes);
+    _blocks[_blockCount++] = b;
+    _capacity = _blockCount << _shift;
+  }
+}
+
+void QelArrayI::remove(long first, long count) {
+  if (count <= 0 || first < 0 || first >= _size) return;
+  if (first + count > _size) count = _size - first;
+  for (long i = first; i + count < _size; ++i) rawAt(i) = rawAt(i + count);
+  _size -= count;
+}
+
+void QelArrayI::addArray(QelArrayI* other) {
+  if (other == nullptr) return;
+  long n = other->getSize();
+  long base = _size;
+  grow(base + n);
+  for (long i = 0; i < n; ++i) rawAt(base + i) = other->rawAt(i);
+  _size = base + n;
+}
+
+std::ostream& operator<<(std::ostream& os, const QelNumArray& a) {
+  if (a.getImpl() == nullptr) return os;
+  QelPrintArrayForm(os, a.getSize(),
+                    [&a](std::ostream& o, long i) { o << a[i]; });
+  return os;
+}
+
+std::ostream& operator<<(std::ostream& os, const QelIntArray& a) {
+  if (a.getImpl() == nullptr) return os;
+  QelPrintArrayForm(os, a.getSize(),
+                    [&a](std::ostream& o, long i) { o << a[i]; });
+  return os;
+}

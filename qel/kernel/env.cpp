@@ -1,0 +1,479 @@
+// The environment: memory, table, registry, broadcast, clones.
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include <qel/change/change.h>
+#include <qel/kernel/algorithm.h>
+#include <qel/kernel/env.h>
+#include <qel/extractable/extractable.h>
+
+QelMutexI* QelEnvI::Mutex = nullptr;
+
+// ---- the clone map: source object -> its copy, open addressing ----------
+
+struct QelEnvI::CloneMap {
+  struct Entry {
+    const QelExtractableI* source;
+    QelExtractableI* clone;
+  };
+  QelEnvI* env;
+  Entry* entries = nullptr;
+  long capacity = 0;  // a power of two
+  long count = 0;
+
+  static std::size_t Hash(const void* p) {
+    std::uintptr_t v = reinterpret_cast<std::uintptr_t>(p);
+    v ^= v >> 17;
+    v *= 0x9E3779B97F4A7C15ULL;
+    return static_cast<std::size_t>(v ^ (v >> 29));
+  }
+  QelExtractableI* find(const QelExtractableI* source) const {
+    if (count == 0) return nullptr;
+    std::size_t mask = static_cast<std::size_t>(capacity - 1);
+    for (std::size_t i = Hash(source) & mask;; i = (i + 1) & mask) {
+      if (entries[i].source == source) return entries[i].clone;
+      if (entries[i].source == nullptr) return nullptr;
+    }
+  }
+  void put(const QelExtractableI* source, QelExtractableI* clone) {
+    if ((count + 1) * 2 > capacity) rehash(capacity == 0 ? 16 : capacity * 2);
+    std::size_t mask = static_cast<std::size_t>(capacity - 1);
+    std::size_t i = Hash(source) & mask;
+    while (entries[i].source != nullptr) i = (i + 1) & mask;
+    entries[i].source = source;
+    entries[i].clone = clone;
+    ++count;
+  }
+  void rehash(long newCapacity) {
+    Entry* fresh = static_cast<Entry*>(
+        env->alloc(sizeof(Entry) * static_cast<std::size_t>(newCapacity)));
+    std::memset(fresh, 0, sizeof(Entry) * static_cast<std::size_t>(newCapacity));
+    std::size_t mask = static_cast<std::size_t>(newCapacity - 1);
+    for (long k = 0; k < capacity; ++k) {
+      if (entries[k].source == nullptr) continue;
+      std::size_t i = Hash(entries[k].source) & mask;
+      while (fresh[i].source != nullptr) i = (i + 1) & mask;
+      fresh[i] = entries[k];
+    }
+    if (entries != nullptr)
+      env->free(entries, sizeof(Entry) * static_cast<std::size_t>(capacity));
+    entries = fresh;
+    capacity = newCapacity;
+  }
+  void clear() {
+    if (entries != nullptr)
+      env->free(entries, sizeof(Entry) * static_cast<std::size_t>(capacity));
+    entries = nullptr;
+    capacity = 0;
+    count = 0;
+  }
+};
+
+// ---- construction ------------------------------------------------------
+
+QelEnvI::QelEnvI(const QelEnvConfig& config)
+    : _memory(new QelMemory(config.smallBlockLimit, config.numClasses,
+                            config.freeLists)),
+      _largeBlocks(new QelAllocationList()),
+      _allocatorThread(std::this_thread::get_id()),
+      _genAlloc(&_genAllocObject),
+      _genAllocObject(this),
+      _registry(&_genAllocObject) {}
+
+QelEnvI::~QelEnvI() {
+  // Everything goes at once: the objects still alive are not destroyed one
+  // by one, their memory is released with the rest.
+  if (_customAllocator != nullptr) _customAllocator->flush();
+  delete _largeBlocks;
+  delete _memory;
+}
+
+// ---- memory ------------------------------------------------------------
+
+void* QelEnvI::alloc(size_t size) const {
+  if (!matchesAllocatorThread()) throw QelEnvAllocatorThreadMismatch();
+  if (_allocationDisabled) throw QelEnvAllocationDisabled();
+  if (_customAllocator != nullptr) return _customAllocator->alloc(size);
+  long s = static_cast<long>(size);
+  if (s < _memory->getSmallBlockLimit()) {
+    if (s == 0) return nullptr;
+    QelFixedSizeAllocatorI& c = _memory->getClass(_memory->getIndex(s));
+    void* block;
+    if (c.freeListMode != 0) {
+      block = c.freeList;
+      if (block != nullptr)
+        c.freeList = *static_cast<void**>(block);
+      else
+        block = c.allocateBlock(_memory);
+    } else {
+      block = c.allocationList->alloc(c.blockSize);
+      c.bytesObtained += c.blockSize;
+    }
+    c.bytesInUse += c.blockSize;
+    return block;
+  }
+  return _largeBlocks->alloc(s);
+}
+
+void QelEnvI::free(void* p, size_t size) const {
+  if (!matchesAllocatorThread()) throw QelEnvAllocatorThreadMismatch();
+  if (_allocationDisabled) throw QelEnvAllocationDisabled();
+  if (_customAllocator != nullptr) {
+    _customAllocator->free(p, size);
+    return;
+  }
+  if (p == nullptr) return;
+  long s = static_cast<long>(size);
+  if (s < _memory->getSmallBlockLimit()) {
+    QelFixedSizeAllocatorI& c = _memory->getClass(_memory->getIndex(s));
+    if (c.freeListMode != 0) {
+      *static_cast<void**>(p) = c.freeList;
+      c.freeList = p;
+    } else {
+      c.allocationList->free(p);
+      c.bytesObtained -= c.blockSize;
+    }
+    c.bytesInUse -= c.blockSize;
+    return;
+  }
+  _largeBlocks->free(p);
+}
+
+void QelEnvI::recordLocationSlow(void* address) const {
+  _customAllocator->recordLocation(address);
+}
+
+QelInt QelEnvI::getBytesInUse() const {
+  QelInt total = _largeBlocks->getBytesInUse();
+  for (long i = 0; i < _memory->getNumClasses(); ++i)
+    total += _memory->getClass(i).bytesInUse;
+  return total;
+}
+
+QelInt QelEnvI::getBytesObtained() const {
+  QelInt total = _largeBlocks->getBytesInUse();
+  for (long i = 0; i < _memory->getNumClasses(); ++i)
+    total += _memory->getClass(i).bytesObtained;
+  return total;
+}
+
+void* QelEnvGenAlloc::alloc(size_t size) { return _env->alloc(size); }
+void QelEnvGenAlloc::free(void* p, size_t size) { _env->free(p, size); }
+
+// ---- the extractable table --------------------------------------------
+
+void QelEnvI::growTable() {
+  QelInt newCapacity = _tableCapacity == 0 ? 64 : _tableCapacity * 2;
+  std::uintptr_t* fresh = static_cast<std::uintptr_t*>(
+      alloc(sizeof(std::uintptr_t) * static_cast<size_t>(newCapacity)));
+  // Free-slot links are addresses inside the table: move them with it.
+  std::uintptr_t oldBase = reinterpret_cast<std::uintptr_t>(_table);
+  std::uintptr_t newBase = reinterpret_cast<std::uintptr_t>(fresh);
+  for (QelInt i = 0; i < _tableSize; ++i) {
+    std::uintptr_t v = _table[i];
+    if (isTableLink(v)) v = v - oldBase + newBase;
+    fresh[i] = v;
+  }
+  if (_freeSlot != nullptr)
+    _freeSlot = fresh + (_freeSlot - _table);
+  if (_table != nullptr)
+    free(_table, sizeof(std::uintptr_t) * static_cast<size_t>(_tableCapacity));
+  _table = fresh;
+  _tableCapacity = newCapacity;
+}
+
+void QelEnvI::init(QelExtractableI* x) {
+  QelInt id;
+  if (_freeSlot != nullptr) {
+    std::uintptr_t* slot = _freeSlot;
+    std::uintptr_t next = *slot;
+    _freeSlot = isTableLink(next) ? reinterpret_cast<std::uintptr_t*>(next)
+                                  : nullptr;
+    id = slot - _table;
+  } else {
+    if (_tableSize == _tableCapacity) growTable();
+    id = _tableSize++;
+  }
+  _table[id] = reinterpret_cast<std::uintptr_t>(x);
+  x->_id = id;
+  ++_liveCount;
+}
+
+void QelEnvI::unregister(QelExtractableI* x) {
+  QelInt id = x->_id;
+  if (id < 0) return;
+  _registry.drop(id);
+  _table[id] = reinterpret_cast<std::uintptr_t>(_freeSlot);
+  _freeSlot = _table + id;
+  x->_id = -1;
+  --_liveCount;
+}
+
+QelExtractableI* QelEnvI::getExtractable(QelInt id) const {
+  if (id < 0 || id >= _tableSize) return nullptr;
+  std::uintptr_t v = _table[id];
+  if (v == 0 || v == RemovalMark || isTableLink(v)) return nullptr;
+  return reinterpret_cast<QelExtractableI*>(v);
+}
+
+QelBool QelEnvI::IsMarked(const QelExtractableI* x) {
+  if (x == nullptr) return true;
+  QelInt id = x->getId();
+  if (id == -1) return true;
+  const QelEnvI* env = x->getEnv();
+  return env->_table[id] == RemovalMark;
+}
+
+void QelEnvI::mark(const QelExtractableI* x) { _table[x->getId()] = RemovalMark; }
+
+void QelEnvI::unmark(const QelExtractableI* x) {
+  _table[x->getId()] = reinterpret_cast<std::uintptr_t>(x);
+}
+
+// ---- decision-expression map -------------------------------------------
+
+QelDecisionExprMap::QelDecisionExprMap(QelGenAlloc* alloc, long bucketCount)
+    : _alloc(alloc), _bucketCount(bucketCount) {}
+
+QelDecisionExprMap::~QelDecisionExprMap() {
+  if (_buckets == nullptr) return;
+  for (long b = 0; b < _bucketCount; ++b) {
+    Node* n = _buckets[b];
+    while (n != nullptr) {
+      Node* next = n->next;
+      _alloc->free(n, sizeof(Node));
+      n = next;
+    }
+  }
+  _alloc->free(_buckets, sizeof(Node*) * static_cast<size_t>(_bucketCount));
+}
+
+long QelDecisionExprMap::DefaultHash(const QelExtractableI* key,
+                                     long bucketCount) {
+  std::uintptr_t v = reinterpret_cast<std::uintptr_t>(key) >> 4;
+  v *= 0x9E3779B97F4A7C15ULL;
+  return static_cast<long>((v >> 32) % static_cast<std::uintptr_t>(bucketCount));
+}
+
+QelBool QelDecisionExprMap::DefaultEqual(const QelExtractableI* a,
+                                         const QelExtractableI* b) {
+  return a == b;
+}
+
+long QelDecisionExprMap::bucketOf(const QelExtractableI* key,
+                                  long bucketCount) const {
+  long b = _hash(key, bucketCount);
+  if (b < 0 || b >= bucketCount)
+    throw QelWrongUsage("Hash function returned bad index");
+  return b;
+}
+
+void QelDecisionExprMap::ensureBuckets() {
+  if (_buckets != nullptr) return;
+  size_t bytes = sizeof(Node*) * static_cast<size_t>(_bucketCount);
+  _buckets = static_cast<Node**>(_alloc->alloc(bytes));
+  std::memset(_buckets, 0, bytes);
+}
+
+QelDecisionExprMap::Node* QelDecisionExprMap::find(
+    const QelExtractableI* key) const {
+  if (_buckets == nullptr) return nullptr;
+  for (Node* n = _buckets[bucketOf(key, _bucketCount)]; n != nullptr;
+       n = n->next)
+    if (_equal(n->key, key)) return n;
+  return nullptr;
+}
+
+void QelDecisionExprMap::insert(const QelExtractableI* key, QelInt value) {
+  ensureBuckets();
+  long b = bucketOf(key, _bucketCount);
+  Node* n = static_cast<Node*>(_alloc->alloc(sizeof(Node)));
+  n->next = _buckets[b];
+  n->key = key;
+  n->value = value;
+  _buckets[b] = n;
+  ++_count;
+  if (_count > 2 * _bucketCount) {
+    long newCount = 2 * _bucketCount;
+    size_t bytes = sizeof(Node*) * static_cast<size_t>(newCount);
+    Node** fresh = static_cast<Node**>(_alloc->alloc(bytes));
+    std::memset(fresh, 0, bytes);
+    try {
+      for (long i = 0; i < _bucketCount; ++i) {
+        for (Node* m = _buckets[i]; m != nullptr;) {
+          Node* next = m->next;
+          long nb = bucketOf(m->key, newCount);
+          m->next = fresh[nb];
+          fresh[nb] = m;
+          m = next;
+        }
+        _buckets[i] = nullptr;
+      }
+    } catch (...) {
+      _alloc->free(fresh, bytes);
+      throw;
+    }
+    _alloc->free(_buckets, sizeof(Node*) * static_cast<size_t>(_bucketCount));
+    _buckets = fresh;
+    _bucketCount = newCount;
+  }
+}
+
+void QelDecisionExprMap::remove(const QelExtractableI* key) {
+  ensureBuckets();
+  long b = bucketOf(key, _bucketCount);
+  Node* prev = nullptr;
+  for (Node* n = _buckets[b]; n != nullptr; prev = n, n = n->next) {
+    if (!_equal(n->key, key)) continue;
+    if (prev == nullptr)
+      _buckets[b] = n->next;
+    else
+      prev->next = n->next;
+    _alloc->free(n, sizeof(Node));
+    --_count;
+    return;
+  }
+}
+
+QelDecisionExprMap* QelEnvI::getDecisionExprMap() {
+  if (_decisionMap == nullptr) {
+    void* p = alloc(sizeof(QelDecisionExprMap));
+    _decisionMap = new (p) QelDecisionExprMap(_genAlloc, 64);
+  }
+  return _decisionMap;
+}
+
+// ---- extraction registry ------------------------------------------------
+
+QelExtractionRegistry::~QelExtractionRegistry() {
+  if (_masks != nullptr)
+    _alloc->free(_masks, sizeof(std::uint64_t) * static_cast<size_t>(_size));
+}
+
+void QelExtractionRegistry::record(QelInt id, int slot) {
+  if (id >= _size) {
+    QelInt newSize = _size == 0 ? 64 : _size;
+    while (newSize <= id) newSize *= 2;
+    auto* fresh = static_cast<std::uint64_t*>(
+        _alloc->alloc(sizeof(std::uint64_t) * static_cast<size_t>(newSize)));
+    std::memset(fresh, 0, sizeof(std::uint64_t) * static_cast<size_t>(newSize));
+    if (_masks != nullptr) {
+      std::memcpy(fresh, _masks, sizeof(std::uint64_t) * static_cast<size_t>(_size));
+      _alloc->free(_masks, sizeof(std::uint64_t) * static_cast<size_t>(_size));
+    }
+    _masks = fresh;
+    _size = newSize;
+  }
+  _masks[id] |= std::uint64_t(1) << slot;
+}
+
+void QelExtractionRegistry::unrecord(QelInt id, int slot) {
+  if (id >= 0 && id < _size) _masks[id] &= ~(std::uint64_t(1) << slot);
+}
+
+void QelExtractionRegistry::dropAlgorithm(int slot) {
+  for (QelInt i = 0; i < _size; ++i) _masks[i] &= ~(std::uint64_t(1) << slot);
+}
+
+QelBool QelExtractionRegistry::knows(const QelExtractableI* owner,
+                                     const QelExtractableI* sub) const {
+  if (owner == nullptr || sub == nullptr) return false;
+  return (getMask(owner->getId()) & getMask(sub->getId())) != 0;
+}
+
+// ---- algorithms and broadcast -------------------------------------------
+
+int QelEnvI::attachAlgorithm(QelAlgorithmI* a) {
+  for (int s = 0; s < QelExtractionRegistry::MaxAlgorithms; ++s) {
+    if (_algorithms[s] == nullptr) {
+      _algorithms[s] = a;
+      return s;
+    }
+  }
+  throw QelWrongUsage("QelEnv: too many algorithms attached to one environment");
+}
+
+void QelEnvI::detachAlgorithm(QelAlgorithmI* a) {
+  int s = a->getSlot();
+  if (s < 0 || _algorithms[s] != a) return;
+  _registry.dropAlgorithm(s);
+  _algorithms[s] = nullptr;
+  _listening &= ~(std::uint64_t(1) << s);
+}
+
+void QelEnvI::setListening(int slot, QelBool on) {
+  if (on)
+    _listening |= std::uint64_t(1) << slot;
+  else
+    _listening &= ~(std::uint64_t(1) << slot);
+}
+
+void QelEnvI::changeSlow(const QelExtractableI* x, const QelChange& c) {
+  std::uint64_t mask =
+      x != nullptr ? (_registry.getMask(x->getId()) & _listening) : _listening;
+  while (mask != 0) {
+    int s = __builtin_ctzll(mask);
+    mask &= mask - 1;
+    _algorithms[s]->notifyChange(x, c);
+  }
+}
+
+void QelEnvI::change(const QelChange& c) {
+  if (_listening != 0) changeSlow(nullptr, c);
+}
+
+// ---- clones ------------------------------------------------------------
+
+QelExtractableI* QelEnvI::findClone(const QelExtractableI* x) const {
+  return _cloneMap != nullptr ? _cloneMap->find(x) : nullptr;
+}
+
+void QelEnvI::endCopy() {
+  if (_copyDepth > 0) --_copyDepth;
+  if (_copyDepth == 0 && _cloneMap != nullptr) _cloneMap->clear();
+}
+
+QelExtractableI* QelEnvI::getClone(QelExtractableI* x) {
+  if (x == nullptr) return nullptr;
+  if (_cloneMap == nullptr) {
+    void* p = alloc(sizeof(CloneMap));
+    _cloneMap = new (p) CloneMap();
+    _cloneMap->env = this;
+  }
+  if (QelExtractableI* done = _cloneMap->find(x)) return done;
+  // A getClone made outside beginCopy/endCopy is one copy operation of its
+  // own: the map lives while the nested getClone calls of makeClone run.
+  struct Scope {
+    QelEnvI* env;
+    explicit Scope(QelEnvI* e) : env(e) { env->beginCopy(); }
+    ~Scope() { env->endCopy(); }
+  } scope(this);
+  QelExtractableI* clone = x->makeClone(this);
+  _cloneMap->put(x, clone);
+  return clone;
+}
+
+// ---- the handle ---------------------------------------------------------
+
+QelEnv::QelEnv() : _impl(new QelEnvI()) {}
+QelEnv::QelEnv(const QelEnvConfig& config) : _impl(new QelEnvI(config)) {}
+
+void QelEnv::end() {
+  delete _impl;
+  _impl = nullptr;
+}
+
+QelMemoryManager QelEnv::getMemoryManager() const {
+  if (_impl == nullptr) throw QelEmptyHandleException("QelEnv: using empty handle");
+  return _impl->getMemoryManager();
+}
+
+int QelSPrintf(char* buffer, unsigned long, const char* format, ...) {
+  // The size is ignored on purpose: callers size the buffer themselves.
+  va_list args;
+  va_start(args, format);
+  int n = std::vsprintf(buffer, format, args);
+  va_end(args);
+  return n;
+}

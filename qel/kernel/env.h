@@ -1,0 +1,414 @@
+// The environment: the owner of every modeling object.
+//
+// An environment (QelEnvI, used through the handle QelEnv) owns the memory
+// of its objects, numbers and registers them in its extractable table,
+// broadcasts their change notices to the algorithms listening to them, runs
+// the remove-from-all protocol when objects end, makes the clones of objects
+// copied into it, and carries the flags that steer removal and printing.
+//
+//   QelEnv env;                                  // a new environment
+//   QelIntVar x(env, 0, 10, "x");
+//   ...
+//   std::cout << env.getImpl()->getBytesInUse(); // what objects hold now
+//   env.end();                                   // releases everything
+//
+// Threads: an environment belongs to one allocator thread (the one that made
+// it, until setAllocatorThread moves it); allocating or freeing its memory
+// from any other thread throws QelEnvAllocatorThreadMismatch.
+#ifndef QEL_KERNEL_ENV_H
+#define QEL_KERNEL_ENV_H
+
+#include <cstdint>
+#include <new>
+#include <thread>
+#include <utility>
+
+#include <qel/kernel/exception.h>
+#include <qel/kernel/memory.h>
+#include <qel/kernel/rtti.h>
+
+/// The chained hash map from extractable to a 64-bit value in which the
+/// environment caches which expressions are decision expressions.
+class QEL_API QelDecisionExprMap {
+ public:
+  /// Bucket index of `key` for `bucketCount` buckets.
+  using HashFunction = long (*)(const QelExtractableI* key, long bucketCount);
+  /// Equality of two keys.
+  using EqualFunction = QelBool (*)(const QelExtractableI* a,
+                                    const QelExtractableI* b);
+  /// One entry: three words.
+  struct Node {
+    Node* next;                  ///< next node of the bucket
+    const QelExtractableI* key;  ///< the extractable
+    QelInt value;                ///< 1: a decision expression, 0: not
+  };
+
+  /// An empty map with `bucketCount` buckets (made on first need) whose
+  /// nodes come from `alloc`.
+  QelDecisionExprMap(QelGenAlloc* alloc, long bucketCount);
+  QelDecisionExprMap(const QelDecisionExprMap&) = delete;
+  QelDecisionExprMap& operator=(const QelDecisionExprMap&) = delete;
+  /// Frees every node and the bucket array.
+  ~QelDecisionExprMap();
+
+  /// Makes the zero-filled bucket array if it does not exist yet.
+  void ensureBuckets();
+  /// The node of `key`, or null; throws QelWrongUsage "Hash function
+  /// returned bad index" when the hash is out of range.
+  Node* find(const QelExtractableI* key) const;
+  /// Adds (key, value) at the head of its bucket, doubling and re-hashing
+  /// when the count exceeds twice the bucket count.
+  void insert(const QelExtractableI* key, QelInt value);
+  /// Removes the entry of `key` if there is one.
+  void remove(const QelExtractableI* key);
+  /// Number of entries.
+  long getCount() const { return _count; }
+  /// Number of buckets.
+  long getBucketCount() const { return _bucketCount; }
+  /// Whether the bucket array has been made.
+  QelBool hasBuckets() const { return _buckets != nullptr; }
+  /// Replaces the hash function (the default hashes the address).
+  void setHashFunction(HashFunction f) { _hash = f; }
+  /// The default hash: the key's address, scrambled, modulo the count.
+  static long DefaultHash(const QelExtractableI* key, long bucketCount);
+  /// The default equality: the same address.
+  static QelBool DefaultEqual(const QelExtractableI* a,
+                              const QelExtractableI* b);
+
+ private:
+  long bucketOf(const QelExtractableI* key, long bucketCount) const;
+
+  QelGenAlloc* _alloc;
+  long _count = 0;
+  long _bucketCount;
+  HashFunction _hash = &DefaultHash;
+  EqualFunction _equal = &DefaultEqual;
+  Node** _buckets = nullptr;
+};
+
+/// Records which algorithms have extracted which objects, by object id.
+/// Each id has a mask of the (at most 64) algorithms of the environment.
+class QEL_API QelExtractionRegistry {
+ public:
+  /// Maximum number of algorithms an environment can hold at once.
+  static constexpr int MaxAlgorithms = 64;
+
+  /// An empty registry whose storage comes from `alloc`.
+  explicit QelExtractionRegistry(QelGenAlloc* alloc) : _alloc(alloc) {}
+  QelExtractionRegistry(const QelExtractionRegistry&) = delete;
+  QelExtractionRegistry& operator=(const QelExtractionRegistry&) = delete;
+  /// Frees the storage.
+  ~QelExtractionRegistry();
+
+  /// Records that algorithm `slot` extracted the object with `id`.
+  void record(QelInt id, int slot);
+  /// Forgets that algorithm `slot` extracted the object with `id`.
+  void unrecord(QelInt id, int slot);
+  /// The drop notification: no algorithm knows object `id` any more.
+  void drop(QelInt id) {
+    if (id >= 0 && id < _size) _masks[id] = 0;
+  }
+  /// Forgets everything algorithm `slot` had extracted.
+  void dropAlgorithm(int slot);
+  /// Mask of the algorithms that extracted object `id`.
+  std::uint64_t getMask(QelInt id) const {
+    return (id >= 0 && id < _size) ? _masks[id] : 0;
+  }
+  /// Whether algorithm `slot` extracted object `id`.
+  QelBool isExtracted(QelInt id, int slot) const {
+    return (getMask(id) >> slot) & 1U;
+  }
+  /// The yes/no query on a pair: some algorithm that extracted `owner` has
+  /// also extracted `sub`.
+  QelBool knows(const QelExtractableI* owner, const QelExtractableI* sub) const;
+
+ private:
+  QelGenAlloc* _alloc;
+  std::uint64_t* _masks = nullptr;
+  QelInt _size = 0;
+};
+
+/// The environment's general allocator: forwards to the environment memory.
+class QEL_API QelEnvGenAlloc : public QelGenAlloc {
+ public:
+  /// The allocator of `env`.
+  explicit QelEnvGenAlloc(QelEnvI* env) : _env(env) {}
+  /// The environment.
+  QelEnvI* getEnv() const override { return _env; }
+  /// A block from the environment memory.
+  void* alloc(size_t size) override;
+  /// Gives a block back to the environment memory.
+  void free(void* p, size_t size) override;
+
+ private:
+  QelEnvI* _env;
+};
+
+/// How an environment's memory is set up.
+struct QelEnvConfig {
+  /// Requests at or above this many bytes go to the large-block list.
+  long smallBlockLimit = QelMemory::DefaultSmallBlockLimit;
+  /// Number of size classes below the limit.
+  long numClasses = QelMemory::DefaultNumClasses;
+  /// Recycle small blocks through free lists (true), or obtain each block
+  /// singly so that memory checkers see every block (false).
+  bool freeLists = true;
+};
+
+/// The environment implementation.
+class QEL_API QelEnvI {
+ public:
+  /// The global lock taken when a class's type index is first assigned;
+  /// null when the library runs single-threaded.
+  static QelMutexI* Mutex;
+  /// The value written into a table slot while its object is being removed.
+  static constexpr std::uintptr_t RemovalMark = ~std::uintptr_t(0);
+  /// Written into a slot while the objects being destroyed are put in order
+  /// (odd, so never an object or a link).
+  static constexpr std::uintptr_t OrderingMark = ~std::uintptr_t(1);
+
+  /// A new environment owned by the calling thread.
+  explicit QelEnvI(const QelEnvConfig& config = QelEnvConfig());
+  QelEnvI(const QelEnvI&) = delete;
+  QelEnvI& operator=(const QelEnvI&) = delete;
+  /// Releases all the memory of the environment at once (objects still
+  /// alive are not destroyed one by one).
+  ~QelEnvI();
+
+  // ---- memory --------------------------------------------------------
+  /// A block of `size` bytes of environment memory (null for size 0).
+  void* alloc(size_t size) const;
+  /// Gives back a block of `size` bytes obtained from alloc.
+  void free(void* p, size_t size) const;
+  /// Whether the calling thread may allocate in this environment.
+  QelBool matchesAllocatorThread() const {
+    return std::this_thread::get_id() == _allocatorThread;
+  }
+  /// Makes the calling thread the environment's allocator thread.
+  void setAllocatorThread() { _allocatorThread = std::this_thread::get_id(); }
+  /// Switches allocation off (true) or on again (false).
+  void setAllocationDisabled(QelBool disabled) { _allocationDisabled = disabled; }
+  /// Whether allocation is switched off.
+  QelBool isAllocationDisabled() const { return _allocationDisabled; }
+  /// Installs `a` as the custom allocator (null removes it). Install it
+  /// before any object is made, or remove it only after every block it gave
+  /// has gone back: blocks are freed where they came from.
+  void setCustomAllocator(QelCustomAllocatorI* a) { _customAllocator = a; }
+  /// The custom allocator, or null.
+  QelCustomAllocatorI* getCustomAllocator() const { return _customAllocator; }
+  /// Reports `address` to the custom allocator when one is installed.
+  void recordLocation(void* address) const {
+    if (_customAllocator != nullptr) recordLocationSlow(address);
+  }
+  /// The size-class table.
+  QelMemory* getMemory() const { return _memory; }
+  /// The large-block list.
+  QelAllocationList* getLargeBlocks() const { return _largeBlocks; }
+  /// The general allocator of this environment.
+  QelGenAlloc* getGeneralAllocator() const { return _genAlloc; }
+  /// The memory manager handle of this environment.
+  QelMemoryManager getMemoryManager() const { return QelMemoryManager(_genAlloc); }
+  /// Bytes handed out and not yet given back (all classes and large blocks).
+  QelInt getBytesInUse() const;
+  /// Bytes obtained from the system by the size classes and large blocks.
+  QelInt getBytesObtained() const;
+
+  // ---- flags ---------------------------------------------------------
+  /// Non-zero: dependants of removed objects are updated one at a time with
+  /// their notices instead of in one marked sweep.
+  std::int32_t getOneByOne() const { return _oneByOne; }
+  /// Sets the one-by-one removal flag.
+  void setOneByOne(std::int32_t flag) { _oneByOne = flag; }
+  /// Whether objects print their detailed form.
+  QelBool getDetailedDisplay() const { return _detailedDisplay; }
+  /// Sets the detailed-display flag.
+  void setDetailedDisplay(QelBool flag) { _detailedDisplay = flag; }
+
+  // ---- extractable table -------------------------------------------
+  /// Registers `x` and gives it its id (reusing freed slots first).
+  void init(QelExtractableI* x);
+  /// Frees the slot of `x` and writes -1 into its id.
+  void unregister(QelExtractableI* x);
+  /// The table: slot id holds the object, a free-slot link (an address in
+  /// the table) or RemovalMark.
+  std::uintptr_t* getExtractableTable() const { return _table; }
+  /// Number of slots in use or free (ids are below this).
+  QelInt getExtractableTableSize() const { return _tableSize; }
+  /// Number of live registered objects.
+  QelInt getNumberOfExtractables() const { return _liveCount; }
+  /// The live object with `id`, or null.
+  QelExtractableI* getExtractable(QelInt id) const;
+  /// Whether slot content `v` is a free-slot link into the table.
+  QelBool isTableLink(std::uintptr_t v) const {
+    return v >= reinterpret_cast<std::uintptr_t>(_table) &&
+           v < reinterpret_cast<std::uintptr_t>(_table + _tableCapacity);
+  }
+  /// Whether `x` is null, ended, or carries the removal mark.
+  static QelBool IsMarked(const QelExtractableI* x);
+  /// Writes the removal mark into the slot of `x`.
+  void mark(const QelExtractableI* x);
+  /// Writes `x`'s own address back into its slot.
+  void unmark(const QelExtractableI* x);
+
+  // ---- removal -------------------------------------------------------
+  /// Removes `x` from every model, container and algorithm; `x` lives on.
+  /// Costs one pass over the live objects.
+  void removeFromAll(QelExtractableI* x);
+  /// Removes `x` everywhere, updates or ends what depends on it, writes -1
+  /// into its id, and with flag 0 destroys it (flag 1: its memory is already
+  /// being released). Costs one pass over the live objects.
+  void removeFromAllAndDestroy(QelExtractableI* x, long flag);
+  /// Ends the elements of `xs` together: one pass over the live objects
+  /// whatever the number of elements (with the one-by-one flag set, one
+  /// pass per element). `flag` as above; with `notifyArray` non-zero the
+  /// algorithms get one QelDestroyExtractableArray for the whole array.
+  void removeFromAllAndDestroy(QelExtractableArray xs, long flag,
+                               long notifyArray);
+
+  // ---- change broadcast ----------------------------------------------
+  /// Delivers `c` about `x` to every algorithm that has extracted `x`.
+  void change(const QelExtractableI* x, const QelChange& c) {
+    if (_listening != 0) changeSlow(x, c);
+  }
+  /// Delivers `c`, which concerns no single object, to every listening
+  /// algorithm of the environment.
+  void change(const QelChange& c);
+  /// The extraction registry.
+  QelExtractionRegistry& getRegistry() { return _registry; }
+  /// The extraction registry.
+  const QelExtractionRegistry& getRegistry() const { return _registry; }
+  /// Attaches `a` and returns its slot (throws QelWrongUsage beyond 64).
+  int attachAlgorithm(QelAlgorithmI* a);
+  /// Detaches `a` and forgets what it extracted.
+  void detachAlgorithm(QelAlgorithmI* a);
+  /// The algorithm in `slot`, or null.
+  QelAlgorithmI* getAlgorithm(int slot) const { return _algorithms[slot]; }
+  /// Marks `slot` as listening (extracted something) or not.
+  void setListening(int slot, QelBool on);
+
+  // ---- clones ----------------------------------------------------------
+  /// The one copy of `x` in this environment during the current copy
+  /// operation: made with `x->makeClone(this)` the first time.
+  QelExtractableI* getClone(QelExtractableI* x);
+  /// The copy already made of `x` in the current copy operation, or null.
+  QelExtractableI* findClone(const QelExtractableI* x) const;
+  /// Keeps the clone map across several getClone calls (one copy
+  /// operation) until the matching endCopy.
+  void beginCopy() { ++_copyDepth; }
+  /// Ends a copy operation begun with beginCopy; the last one empties the
+  /// clone map.
+  void endCopy();
+
+  // ---- expressions ---------------------------------------------------
+  /// A new linear term node coef * v, in this environment's memory.
+  struct QelLinTermNode* newTerm(QelNumVarI* v, double coef);
+  /// Drops one use that an object held on `e`; a reference-counted
+  /// expression that nobody uses any more is ended.
+  void release(QelNumExprI* e);
+  /// The decision-expression map, made when absent.
+  QelDecisionExprMap* getDecisionExprMap();
+  /// The decision-expression map, or null when it was never made.
+  QelDecisionExprMap* getDecisionExprMapOrNull() const { return _decisionMap; }
+
+ private:
+  friend class QelEnvGenAlloc;
+  void recordLocationSlow(void* address) const;
+  void changeSlow(const QelExtractableI* x, const QelChange& c);
+  void deliver(QelAlgorithmI* a, const QelExtractableI* x, const QelChange& c);
+  void growTable();
+  struct Removal;
+  enum RemovalKind { Destroy = 0, MemoryReleased = 1, KeepAlive = 2 };
+  void runRemoval(QelExtractableI* const* xs, long n, RemovalKind kind,
+                  QelBool notifyArray);
+  void join(Removal& r, QelExtractableI* x, RemovalKind kind);
+  void process(Removal& r);
+  void pass(QelExtractableI* removed);
+  void notifyRemoval(Removal& r, long from, long to);
+  void finishRemoval(Removal& r, long from, long to);
+  void orderForDestruction(QelExtractableI* y, QelArrayI* order);
+  void deliverTo(std::uint64_t mask, const QelExtractableI* x,
+                 const QelChange& c);
+
+  QelMemory* _memory;
+  QelAllocationList* _largeBlocks;
+  QelCustomAllocatorI* _customAllocator = nullptr;
+  QelBool _allocationDisabled = false;
+  std::thread::id _allocatorThread;
+  QelGenAlloc* _genAlloc;
+  QelEnvGenAlloc _genAllocObject;
+  QelDecisionExprMap* _decisionMap = nullptr;
+  std::int32_t _oneByOne = 0;
+  QelBool _detailedDisplay = false;
+
+  std::uintptr_t* _table = nullptr;
+  QelInt _tableSize = 0;
+  QelInt _tableCapacity = 0;
+  std::uintptr_t* _freeSlot = nullptr;
+  QelInt _liveCount = 0;
+
+  QelExtractionRegistry _registry;
+  QelAlgorithmI* _algorithms[QelExtractionRegistry::MaxAlgorithms] = {};
+  std::uint64_t _listening = 0;
+
+  Removal* _removal = nullptr;
+  struct CloneMap;
+  CloneMap* _cloneMap = nullptr;
+  int _copyDepth = 0;
+};
+
+/// Handle on an environment. `QelEnv env;` makes a new environment;
+/// `env.end()` releases it with everything it owns.
+class QEL_API QelEnv {
+ public:
+  /// Makes a new environment owned by the calling thread.
+  QelEnv();
+  /// Makes a new environment with the given memory set-up.
+  explicit QelEnv(const QelEnvConfig& config);
+  /// A handle on `impl`; a null `impl` gives an empty handle.
+  QelEnv(QelEnvI* impl) : _impl(impl) {}
+  /// The implementation, or null for an empty handle.
+  QelEnvI* getImpl() const { return _impl; }
+  /// Releases the environment and all its memory; the handle becomes empty.
+  void end();
+  /// The memory manager of the environment.
+  QelMemoryManager getMemoryManager() const;
+  /// Two handles on the same environment.
+  friend bool operator==(const QelEnv& a, const QelEnv& b) {
+    return a._impl == b._impl;
+  }
+  /// Handles on different environments.
+  friend bool operator!=(const QelEnv& a, const QelEnv& b) {
+    return a._impl != b._impl;
+  }
+
+ private:
+  QelEnvI* _impl;
+};
+
+/// Called when the constructor of an object placed at `block` threw: an
+/// extractable that its base constructor had registered is unregistered.
+QEL_API void QelOnConstructionFailure(const QelExtractableI*, void* block);
+/// Objects that are not extractables need nothing.
+inline void QelOnConstructionFailure(const void*, void*) {}
+
+/// Allocates a T in `env`'s memory and constructs it with `args`; when the
+/// constructor throws, the block goes back to the environment (and an
+/// extractable that was already registered is unregistered).
+template <class T, class... Args>
+T* QelNewObject(QelEnvI* env, Args&&... args) {
+  void* p = env->alloc(sizeof(T));
+  try {
+    return new (p) T(std::forward<Args>(args)...);
+  } catch (...) {
+    QelOnConstructionFailure(static_cast<T*>(nullptr), p);
+    env->free(p, sizeof(T));
+    throw;
+  }
+}
+
+/// Formats like vsprintf into `buffer` and returns its result. `size` is
+/// accepted and ignored: callers size their buffer themselves.
+QEL_API int QelSPrintf(char* buffer, unsigned long size, const char* format,
+                       ...);
+
+#endif

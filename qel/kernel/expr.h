@@ -1,0 +1,638 @@
+// The expression kernel: numeric and integer expressions and variables.
+//
+// Expressions are extractables. A variable (QelNumVarI) has bounds and a
+// type: float, integer or Boolean. Sums, differences and products by a
+// number build linear terms (QelNumLinTermI, or QelIntLinTermI when every
+// part is integral): a constant, a list of (coefficient, variable) terms, a
+// list of (coefficient, variable, variable) quadratic terms, and a list of
+// (coefficient, expression) aggregate terms for products that are neither
+// linear nor quadratic (QelNumProductI).
+//
+// Use counts: an object that holds an expression (an objective, a
+// constraint, a linear term holding a sub-expression) takes one use of it
+// and gives it back with QelEnvI::release. Variables live until ended;
+// expressions built by operators are use-counted (isRefCountedExpr): once
+// something has used one and given its last use back, it is ended. Expression
+// handles own nothing.
+//
+//   QelEnv env;
+//   QelIntVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+//   QelIntExpr e = 2 * x + y - 1;             // an integer linear term
+//   QelNumExpr q = x * y + 0.5;               // with a quadratic term
+//   QelAlgorithm alg(env);
+//   alg.setValue(x, 3); alg.setValue(y, 4);
+//   double v = alg.getValue(e);               // 9
+#ifndef QEL_KERNEL_EXPR_H
+#define QEL_KERNEL_EXPR_H
+
+#include <iosfwd>
+
+#include <qel/change/hooks.h>
+#include <qel/collections/extractablearray.h>
+#include <qel/extractable/extractable.h>
+#include <qel/kernel/algorithm.h>
+
+class QelNumVar;
+class QelNumVarArray;
+
+// ===========================================================================
+// Implementation classes
+// ===========================================================================
+
+/// Base of the numeric expressions.
+class QEL_API QelNumExprI : public QelExtractableI {
+  QEL_RTTI_DECL(QelNumExprI, QelExtractableI)
+
+ public:
+  /// An expression registered in `env`.
+  explicit QelNumExprI(QelEnvI* env, const char* name = nullptr)
+      : QelExtractableI(env, name) {}
+  /// Destroys the expression.
+  ~QelNumExprI() override;
+  /// true.
+  QelBool isNumExpr() override;
+  /// The value of the expression for the values held by `alg`.
+  virtual double eval(QelAlgorithm alg) const = 0;
+  /// Whether the expression only takes integer values.
+  virtual QelBool isIntegral() const;
+  /// The linear term an owner keeps for this expression: a linear term
+  /// returns itself, anything else a new linear term holding it.
+  virtual QelNumLinTermI* takeForKeeping();
+  /// A private copy for copy-on-write (a new object, use count 0).
+  virtual QelNumExprI* makeCopy() const = 0;
+  /// The constant part of the expression (0 when it has none).
+  virtual double getConstant() const;
+  /// Whether the expression is linear (no quadratic or aggregate part).
+  virtual QelBool isLinear() const;
+
+  /// Number of uses held on the expression.
+  QelInt getUseCount() const { return _useCount; }
+  /// Takes one use (the holder gives it back with QelEnvI::release).
+  void lockExpr() { ++_useCount; }
+  /// Gives one use back without ending anything (see QelEnvI::release).
+  void unlockExpr() { --_useCount; }
+
+ private:
+  QelInt _useCount = 0;
+};
+
+/// Base of the integer expressions.
+class QEL_API QelIntExprI : public QelNumExprI {
+  QEL_RTTI_DECL(QelIntExprI, QelNumExprI)
+
+ public:
+  /// An integer expression registered in `env`.
+  explicit QelIntExprI(QelEnvI* env, const char* name = nullptr)
+      : QelNumExprI(env, name) {}
+  /// true.
+  QelBool isIntegral() const override;
+};
+
+/// The kind of values a variable takes.
+enum class QelVarType { Float, Int, Bool };
+
+/// A decision variable. Integer and Boolean variables are integer
+/// expressions; a float variable answers false to QelIntExprI type tests.
+class QEL_API QelNumVarI : public QelIntExprI {
+  QEL_EXTRACTABLE_DECL_CORE(QelNumVarI, QelIntExprI)
+
+ public:
+  /// A variable of `type` with bounds [lb, ub].
+  QelNumVarI(QelEnvI* env, double lb, double ub, QelVarType type,
+             const char* name = nullptr);
+  /// A float variable is no integer expression.
+  QelBool isType(QelTypeInfo info) const override {
+    if (info == QelIntExprI::GetTypeInfo()) return _type != QelVarType::Float;
+    return info == GetTypeInfo() || QelIntExprI::isType(info);
+  }
+  /// The value held by `alg` for this variable.
+  double eval(QelAlgorithm alg) const override;
+  /// Whether the variable is integer or Boolean.
+  QelBool isIntegral() const override;
+  /// A variable is never copied: copy-on-write gives a linear term 1 * x.
+  QelNumExprI* makeCopy() const override;
+  /// true.
+  QelBool isNumVar() override;
+  /// A copy of the variable in `env` (same bounds and type, no name).
+  QelExtractableI* makeClone(QelEnvI* env) const override;
+  /// No sub-extractables.
+  void visitSubExtractables(QelExtractableVisitor* v) override;
+  /// The name, or "QelNumVar" / "QelIntVar" / "QelBoolVar" and the id.
+  void display(std::ostream& os) const override;
+
+  /// The lower bound.
+  double getLB() const { return _lb; }
+  /// The upper bound.
+  double getUB() const { return _ub; }
+  /// Sets the lower bound.
+  void setLB(double lb) { _lb = lb; }
+  /// Sets the upper bound.
+  void setUB(double ub) { _ub = ub; }
+  /// The type.
+  QelVarType getType() const { return _type; }
+
+ private:
+  double _lb;
+  double _ub;
+  QelVarType _type;
+};
+
+/// One linear term of a linear expression: coef * var, in environment
+/// memory (made by QelEnvI::newTerm).
+struct QelLinTermNode {
+  QelLinTermNode* next;  ///< the next term, or null
+  double coef;           ///< the coefficient
+  QelNumVarI* var;       ///< the variable
+};
+
+/// One quadratic term: coef * var1 * var2.
+struct QelQuadTermNode {
+  QelQuadTermNode* next;  ///< the next term, or null
+  double coef;            ///< the coefficient
+  QelNumVarI* var1;       ///< first variable
+  QelNumVarI* var2;       ///< second variable
+};
+
+/// One aggregate term: coef * expr, for a sub-expression that is neither
+/// linear nor quadratic (held with one use).
+struct QelAggregateTermNode {
+  QelAggregateTermNode* next;  ///< the next term, or null
+  double coef;                 ///< the coefficient
+  QelNumExprI* expr;           ///< the sub-expression
+};
+
+/// The parts of a linear expression, shared by the numeric and integer
+/// linear terms.
+class QEL_API QelLinearParts {
+ public:
+  /// The constant.
+  double constant = 0;
+  /// First linear term, or null.
+  QelLinTermNode* head = nullptr;
+  /// Last linear term, or null.
+  QelLinTermNode* tail = nullptr;
+  /// First quadratic term, or null.
+  QelQuadTermNode* quadHead = nullptr;
+  /// First aggregate term, or null.
+  QelAggregateTermNode* aggHead = nullptr;
+  /// Extraction bookkeeping: how many times the term was used (-1: never).
+  QelInt exprUsed = -1;
+  /// The decision word: a variable of the term, null when it has none.
+  const QelNumVarI* decision = nullptr;
+};
+
+/// A numeric linear (and quadratic) expression.
+class QEL_API QelNumLinTermI : public QelNumExprI {
+  QEL_EXTRACTABLE_DECL(QelNumLinTermI, QelNumExprI)
+
+ public:
+  /// The constant `constant` and no terms.
+  QelNumLinTermI(QelEnvI* env, double constant = 0, const char* name = nullptr);
+  /// Gives back every node and the uses held.
+  ~QelNumLinTermI() override;
+
+  // ---- QelExtractableI / QelNumExprI ------------------------------------
+  /// true: a linear term lives while something uses it.
+  QelBool isRefCountedExpr() const override;
+  /// A copy of the term in `env`, its variables cloned.
+  QelExtractableI* makeClone(QelEnvI* env) const override;
+  /// The variables, then the aggregate sub-expressions.
+  void visitSubExtractables(QelExtractableVisitor* v) override;
+  /// Writes the term, e.g. "2 * x + y - 3".
+  void display(std::ostream& os) const override;
+  /// True at once when the decision word is set.
+  QelBool isDecisionExpr() const override;
+  /// Resets the extraction bookkeeping.
+  void resetExprUsed() override;
+  /// The extraction bookkeeping.
+  QelInt getExprUsed() const override;
+  /// The value for the values held by `alg`.
+  double eval(QelAlgorithm alg) const override;
+  /// Returns itself.
+  QelNumLinTermI* takeForKeeping() override;
+  /// A copy in the same environment.
+  QelNumExprI* makeCopy() const override;
+  /// The constant.
+  double getConstant() const override;
+  /// No quadratic and no aggregate terms.
+  QelBool isLinear() const override;
+
+  // ---- the linear-term operations -----------------------------------------
+  /// Sets the coefficient of `x` (0 removes it); returns the coefficient
+  /// it had before.
+  double setCoef(const QelNumVar& x, double coef);
+  /// setCoef for every pair; `previous` receives each former coefficient.
+  void setCoef(const QelNumVarArray& xs, const QelNumArray& coefs,
+               const QelNumArray& previous);
+  /// Sets the coefficient of x * y (0 removes it); returns the former one.
+  double setQuadCoef(const QelNumVar& x, const QelNumVar& y, double coef);
+  /// Merges the terms of the same variables and drops zero coefficients.
+  void normalize();
+  /// Turns x * x of Boolean variables into x (x * x = x on 0-1 values).
+  void zolNormalization();
+  /// Whether the term holds aggregate sub-expressions.
+  QelBool containsAggregate() const;
+  /// Sets the constant.
+  void setConstant(double c) { _parts.constant = c; }
+  /// Appends `node` at the tail of the linear term list (no merging).
+  void appendTerm(QelLinTermNode* node);
+  /// Appends coef * x (no merging).
+  void addTerm(double coef, QelNumVarI* x);
+  /// Appends coef * x * y.
+  void addQuadTerm(double coef, QelNumVarI* x, QelNumVarI* y);
+  /// Appends coef * e (e gets one use).
+  void addAggregate(double coef, QelNumExprI* e);
+  /// Adds `factor` times `other` to this term.
+  void addScaled(const QelNumExprI* other, double factor);
+  /// The parts of the term.
+  QelLinearParts& getParts() { return _parts; }
+  /// The parts of the term.
+  const QelLinearParts& getParts() const { return _parts; }
+  /// The bookkeeping word saved and restored by column-wise addition.
+  QelInt getBookkeeping() const { return _parts.exprUsed; }
+  /// Writes the bookkeeping word back.
+  void setBookkeeping(QelInt v) { _parts.exprUsed = v; }
+
+ private:
+  QelLinearParts _parts;
+};
+
+/// An integer linear (and quadratic) expression: every coefficient,
+/// variable and the constant are integral.
+class QEL_API QelIntLinTermI : public QelIntExprI {
+  QEL_EXTRACTABLE_DECL(QelIntLinTermI, QelIntExprI)
+
+ public:
+  /// The constant `constant` and no terms.
+  QelIntLinTermI(QelEnvI* env, QelInt constant = 0, const char* name = nullptr);
+  /// Gives back every node and the uses held.
+  ~QelIntLinTermI() override;
+  /// true.
+  QelBool isRefCountedExpr() const override;
+  /// A copy in `env`, its variables cloned.
+  QelExtractableI* makeClone(QelEnvI* env) const override;
+  /// The variables, then the aggregate sub-expressions.
+  void visitSubExtractables(QelExtractableVisitor* v) override;
+  /// Writes the term.
+  void display(std::ostream& os) const override;
+  /// True at once when the decision word is set.
+  QelBool isDecisionExpr() const override;
+  /// Resets the extraction bookkeeping.
+  void resetExprUsed() override;
+  /// The extraction bookkeeping.
+  QelInt getExprUsed() const override;
+  /// The value for the values held by `alg`.
+  double eval(QelAlgorithm alg) const override;
+  /// A new numeric linear term with the same parts.
+  QelNumLinTermI* takeForKeeping() override;
+  /// A copy in the same environment.
+  QelNumExprI* makeCopy() const override;
+  /// The constant.
+  double getConstant() const override;
+  /// No quadratic and no aggregate terms.
+  QelBool isLinear() const override;
+  /// Appends coef * x.
+  void addTerm(QelInt coef, QelNumVarI* x);
+  /// Appends coef * x * y.
+  void addQuadTerm(QelInt coef, QelNumVarI* x, QelNumVarI* y);
+  /// Appends coef * e (e gets one use).
+  void addAggregate(QelInt coef, QelNumExprI* e);
+  /// Adds `factor` times `other` (an integral expression).
+  void addScaled(const QelNumExprI* other, QelInt factor);
+  /// Sets the constant.
+  void setConstant(QelInt c) { _parts.constant = static_cast<double>(c); }
+  /// The parts of the term.
+  QelLinearParts& getParts() { return _parts; }
+  /// The parts of the term.
+  const QelLinearParts& getParts() const { return _parts; }
+
+ private:
+  QelLinearParts _parts;
+};
+
+/// The product of two expressions whose product is neither linear nor
+/// quadratic. Holds one use of each factor.
+class QEL_API QelNumProductI : public QelNumExprI {
+  QEL_EXTRACTABLE_DECL(QelNumProductI, QelNumExprI)
+
+ public:
+  /// left * right (both get one use).
+  QelNumProductI(QelEnvI* env, QelNumExprI* left, QelNumExprI* right);
+  /// Gives the uses back.
+  ~QelNumProductI() override;
+  /// true.
+  QelBool isRefCountedExpr() const override;
+  /// A copy in `env` with cloned factors.
+  QelExtractableI* makeClone(QelEnvI* env) const override;
+  /// The two factors.
+  void visitSubExtractables(QelExtractableVisitor* v) override;
+  /// Writes "(left) * (right)".
+  void display(std::ostream& os) const override;
+  /// left value times right value.
+  double eval(QelAlgorithm alg) const override;
+  /// Whether both factors are integral.
+  QelBool isIntegral() const override;
+  /// A copy in the same environment (the factors are shared).
+  QelNumExprI* makeCopy() const override;
+  /// false.
+  QelBool isLinear() const override;
+  /// The left factor.
+  QelNumExprI* getLeft() const { return _left; }
+  /// The right factor.
+  QelNumExprI* getRight() const { return _right; }
+
+ private:
+  QelNumExprI* _left;
+  QelNumExprI* _right;
+};
+
+/// Throws QelWrongUsage "QelTestIsLinear: expression is not linear" when
+/// `e` is not linear.
+QEL_API void QelTestIsLinear(QelNumExprI* e);
+
+// ===========================================================================
+// Handles
+// ===========================================================================
+
+/// Handle on a numeric expression.
+class QEL_API QelNumExpr : public QelHandle<QelNumExprI, QelExtractable> {
+ public:
+  using QelHandle<QelNumExprI, QelExtractable>::QelHandle;
+  /// An empty handle.
+  QelNumExpr() = default;
+  /// The constant `value` as an expression of `env`.
+  QelNumExpr(QelEnv env, double value);
+
+  /// Iterates over the linear terms of a linear expression.
+  class QEL_API LinearIterator {
+   public:
+    /// Over the terms of `term` (null: nothing).
+    explicit LinearIterator(const QelLinearParts* parts)
+        : _node(parts != nullptr ? parts->head : nullptr) {}
+    /// Whether a term is under the iterator.
+    QelBool ok() const { return _node != nullptr; }
+    /// Moves to the next term.
+    LinearIterator& operator++() {
+      _node = _node->next;
+      return *this;
+    }
+    /// The coefficient of the current term.
+    double getCoef() const { return _node->coef; }
+    /// The variable of the current term.
+    QelNumVarI* getVar() const { return _node->var; }
+
+   private:
+    const QelLinTermNode* _node;
+  };
+
+  /// Iterates over the quadratic terms of an expression.
+  class QEL_API QuadIterator {
+   public:
+    /// Over the quadratic terms of `parts` (null: nothing).
+    explicit QuadIterator(const QelLinearParts* parts)
+        : _node(parts != nullptr ? parts->quadHead : nullptr) {}
+    /// Whether a term is under the iterator.
+    QelBool ok() const { return _node != nullptr; }
+    /// Moves to the next term.
+    QuadIterator& operator++() {
+      _node = _node->next;
+      return *this;
+    }
+    /// The coefficient of the current term.
+    double getCoef() const { return _node->coef; }
+    /// The first variable of the current term.
+    QelNumVarI* getVar1() const { return _node->var1; }
+    /// The second variable of the current term.
+    QelNumVarI* getVar2() const { return _node->var2; }
+
+   private:
+    const QelQuadTermNode* _node;
+  };
+
+  /// The linear terms (none for an expression that is no linear term; a
+  /// variable x gives the single term 1 * x... through takeForKeeping).
+  LinearIterator getLinearIterator() const;
+  /// The quadratic terms.
+  QuadIterator getQuadIterator() const;
+  /// The constant part.
+  double getConstant() const;
+};
+
+/// The expression handle of the kernel's general form.
+using QelExpr = QelNumExpr;
+
+/// Handle on an integer expression.
+class QEL_API QelIntExpr : public QelNumExpr {
+ public:
+  /// An empty handle.
+  QelIntExpr() = default;
+  /// A handle on `impl`.
+  QelIntExpr(QelIntExprI* impl) : QelNumExpr(impl) {}
+  /// The integer constant `value` as an expression of `env`.
+  QelIntExpr(QelEnv env, QelInt value);
+  /// The implementation, or null.
+  QelIntExprI* getImpl() const { return static_cast<QelIntExprI*>(_impl); }
+};
+
+/// Handle on a numeric variable (float, integer or Boolean).
+class QEL_API QelNumVar : public QelNumExpr {
+ public:
+  /// An empty handle.
+  QelNumVar() = default;
+  /// A handle on `impl`.
+  QelNumVar(QelNumVarI* impl) : QelNumExpr(impl) {}
+  /// A new float variable of `env` with bounds [lb, ub].
+  QelNumVar(QelEnv env, double lb, double ub, const char* name = nullptr);
+  /// A new variable of `env` of `type`.
+  QelNumVar(QelEnv env, double lb, double ub, QelVarType type,
+            const char* name = nullptr);
+  /// The implementation, or null.
+  QelNumVarI* getImpl() const { return static_cast<QelNumVarI*>(_impl); }
+  /// The lower bound.
+  double getLB() const { return getImpl()->getLB(); }
+  /// The upper bound.
+  double getUB() const { return getImpl()->getUB(); }
+};
+
+/// Handle on an integer variable.
+class QEL_API QelIntVar : public QelIntExpr {
+ public:
+  /// An empty handle.
+  QelIntVar() = default;
+  /// A handle on `impl` (an integer or Boolean variable).
+  QelIntVar(QelNumVarI* impl) : QelIntExpr(impl) {}
+  /// A new integer variable of `env` with bounds [lb, ub].
+  QelIntVar(QelEnv env, QelInt lb, QelInt ub, const char* name = nullptr);
+  /// The implementation, or null.
+  QelNumVarI* getImpl() const { return static_cast<QelNumVarI*>(_impl); }
+  /// The same variable as a numeric variable handle.
+  operator QelNumVar() const { return QelNumVar(getImpl()); }
+  /// The lower bound.
+  QelInt getLB() const { return static_cast<QelInt>(getImpl()->getLB()); }
+  /// The upper bound.
+  QelInt getUB() const { return static_cast<QelInt>(getImpl()->getUB()); }
+};
+
+/// Handle on a Boolean variable.
+class QEL_API QelBoolVar : public QelIntVar {
+ public:
+  /// An empty handle.
+  QelBoolVar() = default;
+  /// A handle on `impl`.
+  QelBoolVar(QelNumVarI* impl) : QelIntVar(impl) {}
+  /// A new Boolean variable of `env`.
+  explicit QelBoolVar(QelEnv env, const char* name = nullptr);
+};
+
+/// An expression argument: any numeric expression handle.
+class QEL_API QelNumExprArg : public QelNumExpr {
+ public:
+  /// An empty argument.
+  QelNumExprArg() = default;
+  /// The expression `e`.
+  QelNumExprArg(const QelNumExpr& e) : QelNumExpr(e.getImpl()) {}
+  /// The expression `impl`.
+  QelNumExprArg(QelNumExprI* impl) : QelNumExpr(impl) {}
+};
+
+/// An integer expression argument.
+class QEL_API QelIntExprArg : public QelIntExpr {
+ public:
+  /// An empty argument.
+  QelIntExprArg() = default;
+  /// The expression `e`.
+  QelIntExprArg(const QelIntExpr& e) : QelIntExpr(e.getImpl()) {}
+};
+
+// ---- operators ----------------------------------------------------------
+
+/// a + b.
+QEL_API QelNumExpr operator+(const QelNumExpr& a, const QelNumExpr& b);
+/// a + c.
+QEL_API QelNumExpr operator+(const QelNumExpr& a, double c);
+/// c + a.
+QEL_API QelNumExpr operator+(double c, const QelNumExpr& a);
+/// a - b.
+QEL_API QelNumExpr operator-(const QelNumExpr& a, const QelNumExpr& b);
+/// a - c.
+QEL_API QelNumExpr operator-(const QelNumExpr& a, double c);
+/// c - a.
+QEL_API QelNumExpr operator-(double c, const QelNumExpr& a);
+/// -a.
+QEL_API QelNumExpr operator-(const QelNumExpr& a);
+/// a * c.
+QEL_API QelNumExpr operator*(const QelNumExpr& a, double c);
+/// c * a.
+QEL_API QelNumExpr operator*(double c, const QelNumExpr& a);
+/// a * b (quadratic, or an aggregate product beyond degree two).
+QEL_API QelNumExpr operator*(const QelNumExpr& a, const QelNumExpr& b);
+
+/// a + b.
+QEL_API QelIntExpr operator+(const QelIntExpr& a, const QelIntExpr& b);
+/// a + c.
+QEL_API QelIntExpr operator+(const QelIntExpr& a, QelInt c);
+/// c + a.
+QEL_API QelIntExpr operator+(QelInt c, const QelIntExpr& a);
+/// a - b.
+QEL_API QelIntExpr operator-(const QelIntExpr& a, const QelIntExpr& b);
+/// a - c.
+QEL_API QelIntExpr operator-(const QelIntExpr& a, QelInt c);
+/// c - a.
+QEL_API QelIntExpr operator-(QelInt c, const QelIntExpr& a);
+/// -a.
+QEL_API QelIntExpr operator-(const QelIntExpr& a);
+/// a * c.
+QEL_API QelIntExpr operator*(const QelIntExpr& a, QelInt c);
+/// c * a.
+QEL_API QelIntExpr operator*(QelInt c, const QelIntExpr& a);
+/// a * b.
+QEL_API QelIntExpr operator*(const QelIntExpr& a, const QelIntExpr& b);
+
+/// Integer literals pick the integer forms.
+inline QelIntExpr operator+(const QelIntExpr& a, int c) { return a + QelInt(c); }
+inline QelIntExpr operator+(int c, const QelIntExpr& a) { return QelInt(c) + a; }
+inline QelIntExpr operator-(const QelIntExpr& a, int c) { return a - QelInt(c); }
+inline QelIntExpr operator-(int c, const QelIntExpr& a) { return QelInt(c) - a; }
+inline QelIntExpr operator*(const QelIntExpr& a, int c) { return a * QelInt(c); }
+inline QelIntExpr operator*(int c, const QelIntExpr& a) { return QelInt(c) * a; }
+
+// ===========================================================================
+// Expression and variable arrays
+// ===========================================================================
+
+/// Array of numeric expressions.
+class QEL_API QelNumExprArray : public QelExtractableArray {
+ public:
+  using QelExtractableArray::QelExtractableArray;
+  /// An empty handle.
+  QelNumExprArray() = default;
+  /// A handle on the same array as `a`.
+  QelNumExprArray(const QelExtractableArray& a) : QelExtractableArray(a.getImpl()) {}
+  /// Element i.
+  QelNumExpr operator[](long i) const {
+    return QelNumExpr(static_cast<QelNumExprI*>(getElement(i)));
+  }
+  /// Takes one use of every element.
+  void lockExprs() const;
+  /// Gives one use of every element back (QelEnvI::release).
+  void releaseExprs() const;
+};
+
+/// Array of integer expressions.
+class QEL_API QelIntExprArray : public QelNumExprArray {
+ public:
+  using QelNumExprArray::QelNumExprArray;
+  /// An empty handle.
+  QelIntExprArray() = default;
+  /// A handle on the same array as `a`.
+  QelIntExprArray(const QelExtractableArray& a) : QelNumExprArray(a.getImpl()) {}
+  /// Element i.
+  QelIntExpr operator[](long i) const {
+    return QelIntExpr(static_cast<QelIntExprI*>(getElement(i)));
+  }
+};
+
+/// Array of numeric variables.
+class QEL_API QelNumVarArray : public QelNumExprArray {
+ public:
+  using QelNumExprArray::QelNumExprArray;
+  /// An empty handle.
+  QelNumVarArray() = default;
+  /// A handle on the same array as `a`.
+  QelNumVarArray(const QelExtractableArray& a) : QelNumExprArray(a.getImpl()) {}
+  /// `n` new float variables of `env` with bounds [lb, ub].
+  QelNumVarArray(QelEnv env, long n, double lb, double ub);
+  /// Element i.
+  QelNumVar operator[](long i) const {
+    return QelNumVar(static_cast<QelNumVarI*>(getElement(i)));
+  }
+};
+
+/// Array of integer variables.
+class QEL_API QelIntVarArray : public QelIntExprArray {
+ public:
+  using QelIntExprArray::QelIntExprArray;
+  /// An empty handle.
+  QelIntVarArray() = default;
+  /// A handle on the same array as `a`.
+  QelIntVarArray(const QelExtractableArray& a) : QelIntExprArray(a.getImpl()) {}
+  /// `n` new integer variables of `env` with bounds [lb, ub].
+  QelIntVarArray(QelEnv env, long n, QelInt lb, QelInt ub);
+  /// Element i.
+  QelIntVar operator[](long i) const {
+    return QelIntVar(static_cast<QelNumVarI*>(getElement(i)));
+  }
+  /// The same variables as a numeric variable array (same array).
+  operator QelNumVarArray() const { return QelNumVarArray(getImpl()); }
+  /// A new integer expression array holding the same variables.
+  QelIntExprArray toIntExprArray() const;
+};
+
+/// The sum of the elements of `xs`.
+QEL_API QelNumExpr QelSum(const QelNumExprArray& xs);
+/// The sum of the elements of `xs`.
+QEL_API QelIntExpr QelSum(const QelIntExprArray& xs);
+/// The scalar product of `xs` and `coefs`.
+QEL_API QelNumExpr QelScalProd(const QelNumExprArray& xs, const QelNumArray& coefs);
+
+#endif

@@ -1,0 +1,146 @@
+// Size classes, free lists and block lists of environment memory.
+#include <cstdlib>
+#include <new>
+
+#include <qel/kernel/env.h>
+#include <qel/kernel/exception.h>
+#include <qel/kernel/memory.h>
+
+const unsigned char countBitsUnder16[16] = {0, 1, 2, 2, 3, 3, 3, 3,
+                                            4, 4, 4, 4, 4, 4, 4, 4};
+
+// ---- QelAllocationList ------------------------------------------------
+
+// 32 bytes keep the caller's block 16-byte aligned.
+struct alignas(16) QelAllocationList::Header {
+  Header* prev;
+  Header* next;
+  long size;
+  long pad;
+};
+
+void* QelAllocationList::alloc(long size) {
+  void* raw = std::malloc(sizeof(Header) + static_cast<size_t>(size));
+  if (raw == nullptr) throw QelMemoryException();
+  Header* h = static_cast<Header*>(raw);
+  h->prev = nullptr;
+  h->next = _head;
+  h->size = size;
+  h->pad = 0;
+  if (_head != nullptr) _head->prev = h;
+  _head = h;
+  _bytesInUse += size;
+  ++_blockCount;
+  return h + 1;
+}
+
+void QelAllocationList::free(void* p) {
+  if (p == nullptr) return;
+  Header* h = static_cast<Header*>(p) - 1;
+  if (h->prev != nullptr)
+    h->prev->next = h->next;
+  else
+    _head = h->next;
+  if (h->next != nullptr) h->next->prev = h->prev;
+  _bytesInUse -= h->size;
+  --_blockCount;
+  std::free(h);
+}
+
+void QelAllocationList::releaseAll() {
+  Header* h = _head;
+  while (h != nullptr) {
+    Header* next = h->next;
+    std::free(h);
+    h = next;
+  }
+  _head = nullptr;
+  _bytesInUse = 0;
+  _blockCount = 0;
+}
+
+// ---- QelMemory --------------------------------------------------------
+
+QelMemory::QelMemory(long smallBlockLimit, long numClasses, bool freeLists)
+    : _smallBlockLimit(smallBlockLimit), _numClasses(numClasses) {
+  _classes = static_cast<QelFixedSizeAllocatorI*>(
+      std::malloc(sizeof(QelFixedSizeAllocatorI) * static_cast<size_t>(numClasses)));
+  if (_classes == nullptr) throw QelMemoryException();
+  for (long i = 0; i < numClasses; ++i) {
+    QelFixedSizeAllocatorI* c = new (&_classes[i]) QelFixedSizeAllocatorI();
+    c->freeListMode = freeLists ? 1 : 0;
+    c->blockSize = BlockSizeOfClass(i);
+    c->allocationList = &_perClassBlocks;
+  }
+}
+
+QelMemory::~QelMemory() {
+  _chunks.releaseAll();
+  _perClassBlocks.releaseAll();
+  std::free(_classes);
+}
+
+long QelMemory::getIndex(long size) const {
+  long s = size - 1;
+  long q = s >> 3;
+  long index;
+  if (q <= 7) {
+    index = q;
+  } else {
+    unsigned long x = static_cast<unsigned long>(s >> 7);
+    long c = 8;
+    if (x > 0xFFFFFFFFUL) {
+      x >>= 32;
+      c = 40;
+    }
+    if (x > 0xFFFF) {
+      c += 16;
+      x >>= 16;
+    }
+    if (x > 0xFF) {
+      c += 8;
+      x >>= 8;
+    }
+    if (x > 0xF) {
+      c += 4;
+      x >>= 4;
+    }
+    index = c + countBitsUnder16[x];
+  }
+  if (index >= _numClasses || index < 0) throw QelMemoryException();
+  return index;
+}
+
+void* QelMemory::obtainChunk(long size) {
+  void* chunk = _chunks.alloc(size);
+  _chunkBytes += size;
+  return chunk;
+}
+
+void* QelFixedSizeAllocatorI::allocateBlock(QelMemory* memory) {
+  // Cut a chunk into blocks: the first goes to the caller, the rest onto the
+  // free list in address order.
+  long perChunk = QelMemory::ChunkSize / blockSize;
+  if (perChunk < 4) perChunk = 4;
+  long chunkBytes = perChunk * blockSize;
+  char* chunk = static_cast<char*>(memory->obtainChunk(chunkBytes));
+  bytesObtained += chunkBytes;
+  void* rest = nullptr;
+  for (long i = perChunk - 1; i >= 1; --i) {
+    void* b = chunk + i * blockSize;
+    *static_cast<void**>(b) = rest;
+    rest = b;
+  }
+  freeList = rest;
+  return chunk;
+}
+
+QelCustomAllocatorI::~QelCustomAllocatorI() = default;
+void QelCustomAllocatorI::flush() {}
+void QelCustomAllocatorI::recordLocation(void*) {}
+
+QelMemoryManagerObjectI::~QelMemoryManagerObjectI() = default;
+
+QelEnvI* QelMemoryManager::getEnv() const {
+  return _impl != nullptr ? _impl->getEnv() : nullptr;
+}

@@ -1,0 +1,294 @@
+// The remove-from-all protocol of the environment.
+//
+// Objects being removed get the removal mark in their table slot; one pass
+// over the live objects finds every object that holds a marked object as a
+// direct sub-extractable and calls its atRemove, which either drops the
+// marked members (models, sets, all-different) or ends the object itself.
+// Objects ended during the pass join the running removal and get their own
+// pass (a wave), so a cascade costs one pass per level, not one per object.
+// Then the algorithms are told, the slots are restored, the ids become -1
+// and the objects are destroyed, holders before what they hold. Destructors
+// that release the last use of an expression end it within the same
+// removal (one more round).
+#include <exception>
+
+#include <qel/change/change.h>
+#include <qel/extractable/visitor.h>
+#include <qel/kernel/algorithm.h>
+#include <qel/kernel/array.h>
+#include <qel/kernel/env.h>
+
+struct QelEnvI::Removal {
+  QelArrayI* list = nullptr;   // the marked objects, in marking order
+  QelArrayI* kinds = nullptr;  // their RemovalKind
+  long waved = 0;              // objects whose dependants were called
+  long notified = 0;           // objects the algorithms were told about
+  long finished = 0;           // objects unmarked / destroyed
+  QelBool notifyArray = false;
+  std::exception_ptr listenerFailure;
+};
+
+namespace {
+
+QelExtractableI* ElementOf(QelArrayI* a, long i) {
+  return QelArrayGet<QelExtractableI*>(a, i);
+}
+
+// Calls a function on every direct sub-extractable an object presents.
+template <class F>
+class DirectSubs : public QelExtractableVisitor {
+ public:
+  explicit DirectSubs(F f) : _f(f) {}
+  using QelExtractableVisitor::visitChildren;
+  void visitChildren(QelExtractableI*, QelExtractableI* child) override {
+    if (child != nullptr) _f(child);
+  }
+
+ private:
+  F _f;
+};
+
+}  // namespace
+
+void QelEnvI::removeFromAll(QelExtractableI* x) {
+  if (x == nullptr || x->getId() < 0) return;
+  runRemoval(&x, 1, KeepAlive, false);
+}
+
+void QelEnvI::removeFromAllAndDestroy(QelExtractableI* x, long flag) {
+  if (x == nullptr || x->getId() < 0) return;
+  runRemoval(&x, 1, flag != 0 ? MemoryReleased : Destroy, false);
+}
+
+void QelEnvI::removeFromAllAndDestroy(QelExtractableArray xs, long flag,
+                                      long notifyArray) {
+  QelArrayI* a = xs.getImpl();
+  if (a == nullptr || a->getSize() == 0) return;
+  long n = a->getSize();
+  RemovalKind kind = flag != 0 ? MemoryReleased : Destroy;
+  if (_oneByOne != 0) {
+    // One at a time, each with its own notices.
+    for (long i = 0; i < n; ++i) {
+      QelExtractableI* x = ElementOf(a, i);
+      if (x != nullptr && x->getId() >= 0) runRemoval(&x, 1, kind, false);
+    }
+    return;
+  }
+  // Copy the pointers: the caller's array may be one the removal changes.
+  QelExtractableI** copy = static_cast<QelExtractableI**>(
+      alloc(sizeof(QelExtractableI*) * static_cast<size_t>(n)));
+  for (long i = 0; i < n; ++i) copy[i] = ElementOf(a, i);
+  try {
+    runRemoval(copy, n, kind, notifyArray != 0);
+  } catch (...) {
+    free(copy, sizeof(QelExtractableI*) * static_cast<size_t>(n));
+    throw;
+  }
+  free(copy, sizeof(QelExtractableI*) * static_cast<size_t>(n));
+}
+
+void QelEnvI::join(Removal& r, QelExtractableI* x, RemovalKind kind) {
+  if (x == nullptr || x->getId() < 0 || _table[x->getId()] == RemovalMark)
+    return;
+  // Record first: if recording fails, nothing is marked.
+  r.list->addRaw(reinterpret_cast<std::uintptr_t>(x));
+  try {
+    r.kinds->addRaw(static_cast<std::uint64_t>(kind));
+  } catch (...) {
+    r.list->setSize(r.list->getSize() - 1);
+    throw;
+  }
+  mark(x);
+}
+
+void QelEnvI::runRemoval(QelExtractableI* const* xs, long n, RemovalKind kind,
+                         QelBool notifyArray) {
+  if (_removal != nullptr && _oneByOne == 0 && kind != MemoryReleased) {
+    // A removal is running: join it (its waves will reach the dependants).
+    for (long i = 0; i < n; ++i) join(*_removal, xs[i], kind);
+    return;
+  }
+  Removal r;
+  r.notifyArray = notifyArray;
+  r.list = QelArrayI::Make(_genAlloc, 0);
+  try {
+    r.kinds = QelArrayI::Make(_genAlloc, 0);
+  } catch (...) {
+    delete r.list;
+    throw;
+  }
+  Removal* outer = _removal;
+  _removal = &r;
+  try {
+    for (long i = 0; i < n; ++i) join(r, xs[i], kind);
+    process(r);
+  } catch (...) {
+    // Leave the table as it was for what was not finished.
+    for (long i = r.finished; i < r.list->getSize(); ++i) {
+      QelExtractableI* x = ElementOf(r.list, i);
+      if (x->getId() >= 0) unmark(x);
+    }
+    _removal = outer;
+    delete r.kinds;
+    delete r.list;
+    throw;
+  }
+  _removal = outer;
+  delete r.kinds;
+  delete r.list;
+  if (r.listenerFailure) std::rethrow_exception(r.listenerFailure);
+}
+
+void QelEnvI::process(Removal& r) {
+  for (;;) {
+    long size = r.list->getSize();
+    if (r.waved < size) {
+      QelExtractableI* removed = ElementOf(r.list, r.waved);
+      r.waved = size;
+      pass(removed);
+      continue;
+    }
+    if (r.notified < size) {
+      long from = r.notified;
+      r.notified = size;
+      notifyRemoval(r, from, size);
+      continue;
+    }
+    if (r.finished < size) {
+      long from = r.finished;
+      r.finished = size;
+      finishRemoval(r, from, size);
+      continue;
+    }
+    return;
+  }
+}
+
+void QelEnvI::pass(QelExtractableI* removed) {
+  // One pass over the live objects; the table may grow or change under
+  // atRemove, so re-read it at every step.
+  for (QelInt i = 0; i < _tableSize; ++i) {
+    std::uintptr_t v = _table[i];
+    if (v == 0 || v == RemovalMark || isTableLink(v)) continue;
+    QelExtractableI* y = reinterpret_cast<QelExtractableI*>(v);
+    QelFindMarkedVisitor finder;
+    y->visitSubExtractables(&finder);
+    if (finder.found != 0) y->atRemove(removed, nullptr);
+  }
+}
+
+void QelEnvI::deliverTo(std::uint64_t mask, const QelExtractableI* x,
+                        const QelChange& c) {
+  mask &= _listening;
+  while (mask != 0) {
+    int s = __builtin_ctzll(mask);
+    mask &= mask - 1;
+    QelAlgorithmI* a = _algorithms[s];
+    if (a == nullptr) continue;
+    try {
+      a->notifyChange(x, c);
+    } catch (...) {
+      // The removal goes on; the first listener failure is rethrown once
+      // the table and the objects are consistent again.
+      if (_removal != nullptr && !_removal->listenerFailure)
+        _removal->listenerFailure = std::current_exception();
+    }
+  }
+}
+
+void QelEnvI::notifyRemoval(Removal& r, long from, long to) {
+  if (_listening == 0) {
+    for (long i = from; i < to; ++i) _registry.drop(ElementOf(r.list, i)->getId());
+    return;
+  }
+  std::uint64_t all = 0;
+  std::uint64_t destroyed = 0;
+  for (long i = from; i < to; ++i) {
+    std::uint64_t m = _registry.getMask(ElementOf(r.list, i)->getId());
+    all |= m;
+    if (QelArrayGet<QelInt>(r.kinds, i) != KeepAlive) destroyed |= m;
+  }
+  if (all != 0) {
+    QelExtractableArray view(r.list);
+    QelExtractableArray range = view;
+    QelArrayI* temp = nullptr;
+    if (from != 0 || to != r.list->getSize()) {
+      temp = QelArrayI::Make(_genAlloc, 0);
+      for (long i = from; i < to; ++i) temp->addRaw(r.list->rawAt(i));
+      range = QelExtractableArray(temp);
+    }
+    {
+      QelRemoveFromAllChange c(range);
+      deliverTo(all, nullptr, c);
+    }
+    if (destroyed != 0) {
+      if (r.notifyArray && from == 0) {
+        QelDestroyExtractableArray c(range);
+        deliverTo(destroyed, nullptr, c);
+      } else {
+        for (long i = from; i < to; ++i) {
+          if (QelArrayGet<QelInt>(r.kinds, i) == KeepAlive) continue;
+          QelExtractableI* x = ElementOf(r.list, i);
+          QelDestroyExtractable c(x);
+          deliverTo(_registry.getMask(x->getId()), x, c);
+        }
+      }
+    }
+    delete temp;
+  }
+  for (long i = from; i < to; ++i) {
+    if (QelArrayGet<QelInt>(r.kinds, i) != KeepAlive)
+      _registry.drop(ElementOf(r.list, i)->getId());
+  }
+}
+
+void QelEnvI::orderForDestruction(QelExtractableI* y, QelArrayI* order) {
+  _table[y->getId()] = OrderingMark;
+  DirectSubs visit([this, order](QelExtractableI* c) {
+    QelInt id = c->getId();
+    if (id >= 0 && c->getEnv() == this && _table[id] == RemovalMark)
+      orderForDestruction(c, order);
+  });
+  y->visitSubExtractables(&visit);
+  order->addRaw(reinterpret_cast<std::uintptr_t>(y));
+}
+
+void QelEnvI::finishRemoval(Removal& r, long from, long to) {
+  // Objects that stay alive get their slots back; objects whose memory is
+  // being released elsewhere are only unregistered.
+  for (long i = from; i < to; ++i) {
+    QelExtractableI* x = ElementOf(r.list, i);
+    QelInt kind = QelArrayGet<QelInt>(r.kinds, i);
+    if (kind == KeepAlive) unmark(x);
+  }
+  QelArrayI* order = QelArrayI::Make(_genAlloc, 0);
+  try {
+    for (long i = from; i < to; ++i) {
+      QelExtractableI* x = ElementOf(r.list, i);
+      if (QelArrayGet<QelInt>(r.kinds, i) == Destroy &&
+          _table[x->getId()] == RemovalMark)
+        orderForDestruction(x, order);
+    }
+  } catch (...) {
+    for (long i = 0; i < order->getSize(); ++i) unmark(ElementOf(order, i));
+    delete order;
+    throw;
+  }
+  for (long i = from; i < to; ++i) {
+    QelExtractableI* x = ElementOf(r.list, i);
+    if (QelArrayGet<QelInt>(r.kinds, i) == KeepAlive) continue;
+    unmark(x);
+    unregister(x);
+  }
+  // Holders before what they hold: the reverse of the post-order.
+  std::exception_ptr failure;
+  for (long i = order->getSize() - 1; i >= 0; --i) {
+    try {
+      delete ElementOf(order, i);
+    } catch (...) {
+      if (!failure) failure = std::current_exception();
+    }
+  }
+  delete order;
+  if (failure) std::rethrow_exception(failure);
+}

@@ -1,0 +1,51 @@
+// Basic types of the Qel library and forward declarations of its classes.
+//
+// QelInt is the library's 64-bit signed integer, QelBool its truth value;
+// numeric values are doubles. Every header of the library includes this one.
+#ifndef QEL_KERNEL_TYPES_H
+#define QEL_KERNEL_TYPES_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include <qel/kernel/export.h>
+
+/// The library's 64-bit signed integer.
+using QelInt = std::int64_t;
+/// The library's truth value.
+using QelBool = bool;
+/// A class's type info: the address of one static function of the class.
+using QelTypeInfo = void (*)();
+
+class QelEnvI;
+class QelEnv;
+class QelMemory;
+class QelGenAlloc;
+class QelMemoryManagerObjectI;
+class QelMemoryManager;
+class QelCustomAllocatorI;
+class QelExtension;
+class QelArrayI;
+class QelRtti;
+class QelRttiEnvObjectI;
+class QelExtractableI;
+class QelExtractable;
+class QelExtractableArray;
+class QelExtractableVisitor;
+class QelChange;
+class QelChangeVisitor;
+class QelAlgorithmI;
+class QelAlgorithm;
+class QelNumExprI;
+class QelIntExprI;
+class QelNumVarI;
+class QelNumLinTermI;
+class QelIntLinTermI;
+class QelConstraintI;
+class QelModelI;
+class QelObjectiveI;
+class QelNamedPropertyI;
+class QelNamedPropertySetI;
+class QelParameterExtractableLinkI;
+
+#endif

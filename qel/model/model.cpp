@@ -1,0 +1,186 @@
+// The model and its notices.
+#include <ostream>
+
+#include <qel/extractable/visitor.h>
+#include <qel/model/model.h>
+
+QEL_EXTRACTABLE_DEF(QelModelI)
+
+QelModelI::QelModelI(QelEnvI* env, const char* name) : QelExtractableI(env, name) {}
+
+QelModelI::~QelModelI() { _members.clear(); }
+
+QelExtractableI* QelModelI::add(QelExtractableI* x) {
+  _members.add(x);
+  QelAddOneToModel change(this, x);
+  notify(change);
+  return x;
+}
+
+void QelModelI::add(const QelExtractableArray& xs) {
+  if (xs.getSize() < 1) return;
+  _members.add(xs);
+  QelAddToModel change(this, xs, false);
+  notify(change);
+}
+
+void QelModelI::remove(QelExtractableI* x) {
+  if (_members.isEmpty()) return;
+  bool held = false;
+  for (Iterator it(this); it.ok(); ++it) {
+    if (*it == x) {
+      held = true;
+      break;
+    }
+  }
+  if (!held) return;
+  // The notice's array is made before the node goes, so that a refused
+  // allocation leaves the model as it was.
+  QelExtractableArray removed(QelEnv(_env), 1, QelExtractable(x));
+  try {
+    _members.removeFirst(x);
+  } catch (...) {
+    removed.end();
+    throw;
+  }
+  QelRemoveFromModel change(this, removed, true);
+  notify(change);
+}
+
+void QelModelI::remove(const QelExtractableArray& xs) {
+  if (xs.getSize() < 1) return;
+  QelExtractableArray removed(QelEnv(xs.getImpl()->getEnv()), 0);
+  try {
+    _members.remove(xs, removed);
+    if (removed.getSize() > 0) {
+      QelRemoveFromModel change(this, removed, false);
+      notify(change);
+    }
+  } catch (...) {
+    removed.end();
+    throw;
+  }
+  removed.end();
+}
+
+QelExtractableI* QelModelI::makeClone(QelEnvI* env) const {
+  QelModelI* clone = QelNewObject<QelModelI>(env, env);
+  try {
+    for (Iterator it(this); it.ok(); ++it) clone->add(env->getClone(*it));
+  } catch (...) {
+    clone->end();
+    throw;
+  }
+  return clone;
+}
+
+void QelModelI::atRemove(QelExtractableI* x, void*) {
+  if (_env->getOneByOne() != 0) {
+    remove(x);
+    return;
+  }
+  _members.removeMarked();
+}
+
+void QelModelI::visitSubExtractables(QelExtractableVisitor* v) {
+  v->beginVisit(this);
+  for (QelExtractableList::Node* n = _members.getHead(); n != nullptr; n = n->next)
+    v->visitChildren(this, n->extractable);
+  v->endVisit(this);
+}
+
+void QelModelI::display(std::ostream& os) const {
+  os << "QelModel ";
+  printNameOrId(os, "model");
+  os << " = {" << std::endl;
+  for (Iterator it(this); it.ok(); ++it) {
+    (*it)->display(os);
+    os << std::endl;
+  }
+  os << "}" << std::endl;
+}
+
+QelBool QelModelI::isModel() { return true; }
+
+void QelExtractableI::expandTo(QelModelI* model, const char*, const char*) const {
+  model->add(const_cast<QelExtractableI*>(this));
+}
+
+// ---- the handle -------------------------------------------------------------
+
+QelModel::QelModel(QelEnv env, const char* name) {
+  if (env.getImpl() == nullptr) throw QelEmptyHandleException("QelEnv: using empty handle");
+  _impl = QelNewObject<QelModelI>(env.getImpl(), env.getImpl(), name);
+}
+
+QelExtractable QelModel::add(QelExtractable x) const {
+  if (_impl == nullptr)
+    throw QelEmptyHandleException("trying to add to an empty handle QelModel");
+  if (x.getImpl() == nullptr)
+    throw QelEmptyHandleException("trying to add an empty handle extractable");
+  getImpl()->add(x.getImpl());
+  return x;
+}
+
+const QelExtractableArray& QelModel::add(const QelExtractableArray& xs) const {
+  if (_impl == nullptr) throw QelEmptyHandleException("trying to add 0 extractor handle");
+  if (xs.getImpl() == nullptr)
+    throw QelEmptyHandleException("Using empty QelExtractableArray handle.");
+  getImpl()->add(xs);
+  return xs;
+}
+
+void QelModel::remove(QelExtractable x) const {
+  if (_impl == nullptr)
+    throw QelEmptyHandleException("trying to remove 0 extractor handle");
+  if (x.getImpl() == nullptr)
+    throw QelEmptyHandleException("trying to remove 0 extractable handle");
+  getImpl()->remove(x.getImpl());
+}
+
+void QelModel::remove(QelExtractableArray xs) const {
+  if (_impl == nullptr)
+    throw QelEmptyHandleException("trying to remove 0 extractor handle");
+  if (xs.getImpl() == nullptr)
+    throw QelEmptyHandleException("Using empty QelExtractableArray handle.");
+  getImpl()->remove(xs);
+}
+
+QelExtractable QelModel::expand(QelExtractable x, const char* a, const char* b) const {
+  if (_impl == nullptr)
+    throw QelEmptyHandleException("Expanding to an empty QelModel handle.");
+  if (x.getImpl() == nullptr)
+    throw QelEmptyHandleException("trying to expand an empty extractable handle");
+  x.getImpl()->expandTo(getImpl(), a, b);
+  return x;
+}
+
+QelModel::Iterator::Iterator(const QelModel& model)
+    : _it((model.getImpl() != nullptr
+               ? model.getImpl()
+               : throw QelEmptyHandleException("Using empty QelModel handle."))) {}
+
+// ---- notices ------------------------------------------------------------------
+
+void QelAddOneToModel::visitChange(QelEnvI*, QelExtractableI* extractable,
+                                   QelChangeVisitor* visitor) const {
+  visitor->addSubExtractable(extractable, _member);
+}
+
+QelExtractableI* QelAddOneToModel::getChangedExtractable() const { return _model; }
+
+QelModelArrayNotice::~QelModelArrayNotice() {
+  if (_owns) _members.end();
+}
+
+QelExtractableI* QelModelArrayNotice::getChangedExtractable() const { return _model; }
+
+void QelAddToModel::visitChange(QelEnvI*, QelExtractableI* extractable,
+                                QelChangeVisitor* visitor) const {
+  visitor->addSubExtractable(extractable, _members);
+}
+
+void QelRemoveFromModel::visitChange(QelEnvI*, QelExtractableI* extractable,
+                                     QelChangeVisitor* visitor) const {
+  visitor->removeSubExtractable(extractable, _members);
+}
