@@ -105,7 +105,8 @@ void QelExtractableArray::replaceByClone(QelEnvI* env) {
   long n = getSize();
   QelEnvI* home = env != nullptr ? env : _impl->getEnv();
   QelArrayI* fresh = QelArrayI::Make(home->getGeneralAllocator(), n);
-  if (env != nullptr) env->beginCopy();
+  // One copy operation: an object held twice is cloned once.
+  home->beginCopy();
   try {
     for (long i = 0; i < n; ++i) {
       QelExtractableI* e = getElement(i);
@@ -114,11 +115,11 @@ void QelExtractableArray::replaceByClone(QelEnvI* env) {
       QelArraySet(fresh, i, target->getClone(e));
     }
   } catch (...) {
-    if (env != nullptr) env->endCopy();
+    home->endCopy();
     delete fresh;
     throw;
   }
-  if (env != nullptr) env->endCopy();
+  home->endCopy();
   _impl = fresh;
 }
 

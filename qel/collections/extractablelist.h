@@ -54,6 +54,10 @@ class QEL_API QelExtractableList {
   Node* getHead() const { return _head; }
   /// The link field the next append fills.
   Node** getTailLink() const { return _tail; }
+  /// The address of the head link (what the tail designates when empty).
+  Node* const* getHeadLink() const { return &_head; }
+  /// The address of the tail-link field itself.
+  Node** const* getTailField() const { return &_tail; }
   /// Whether the list has no node.
   QelBool isEmpty() const { return _head == nullptr; }
   /// Number of nodes (one walk).

@@ -46,8 +46,8 @@ struct QelEnvI::CloneMap {
     ++count;
   }
   void rehash(long newCapacity) {
-    Entry* fresh = static_cast<Entry*>(
-        env->alloc(sizeof(Entry) * static_cast<std::size_t>(newCapacity)));
+    Entry* fresh = static_cast<Entry*>(env->getInternalAllocator()->alloc(
+        sizeof(Entry) * static_cast<std::size_t>(newCapacity)));
     std::memset(fresh, 0, sizeof(Entry) * static_cast<std::size_t>(newCapacity));
     std::size_t mask = static_cast<std::size_t>(newCapacity - 1);
     for (long k = 0; k < capacity; ++k) {
@@ -57,13 +57,15 @@ struct QelEnvI::CloneMap {
       fresh[i] = entries[k];
     }
     if (entries != nullptr)
-      env->free(entries, sizeof(Entry) * static_cast<std::size_t>(capacity));
+      env->getInternalAllocator()->free(entries,
+                                        sizeof(Entry) * static_cast<std::size_t>(capacity));
     entries = fresh;
     capacity = newCapacity;
   }
   void clear() {
     if (entries != nullptr)
-      env->free(entries, sizeof(Entry) * static_cast<std::size_t>(capacity));
+      env->getInternalAllocator()->free(entries,
+                                        sizeof(Entry) * static_cast<std::size_t>(capacity));
     entries = nullptr;
     capacity = 0;
     count = 0;
@@ -79,7 +81,8 @@ QelEnvI::QelEnvI(const QelEnvConfig& config)
       _allocatorThread(std::this_thread::get_id()),
       _genAlloc(&_genAllocObject),
       _genAllocObject(this),
-      _registry(&_genAllocObject) {}
+      _internalAllocObject(this),
+      _registry(&_internalAllocObject) {}
 
 QelEnvI::~QelEnvI() {
   // Everything goes at once: the objects still alive are not destroyed one
@@ -159,14 +162,24 @@ QelInt QelEnvI::getBytesObtained() const {
 }
 
 void* QelEnvGenAlloc::alloc(size_t size) { return _env->alloc(size); }
+
+void* QelEnvInternalAlloc::alloc(size_t size) {
+  _env->checkThread();
+  return _env->_internal.alloc(static_cast<long>(size));
+}
+
+void QelEnvInternalAlloc::free(void* p, size_t) {
+  _env->checkThread();
+  _env->_internal.free(p);
+}
 void QelEnvGenAlloc::free(void* p, size_t size) { _env->free(p, size); }
 
 // ---- the extractable table --------------------------------------------
 
 void QelEnvI::growTable() {
   QelInt newCapacity = _tableCapacity == 0 ? 64 : _tableCapacity * 2;
-  std::uintptr_t* fresh = static_cast<std::uintptr_t*>(
-      alloc(sizeof(std::uintptr_t) * static_cast<size_t>(newCapacity)));
+  std::uintptr_t* fresh = static_cast<std::uintptr_t*>(_internalAllocObject.alloc(
+      sizeof(std::uintptr_t) * static_cast<size_t>(newCapacity)));
   // Free-slot links are addresses inside the table: move them with it.
   std::uintptr_t oldBase = reinterpret_cast<std::uintptr_t>(_table);
   std::uintptr_t newBase = reinterpret_cast<std::uintptr_t>(fresh);
@@ -178,7 +191,8 @@ void QelEnvI::growTable() {
   if (_freeSlot != nullptr)
     _freeSlot = fresh + (_freeSlot - _table);
   if (_table != nullptr)
-    free(_table, sizeof(std::uintptr_t) * static_cast<size_t>(_tableCapacity));
+    _internalAllocObject.free(_table,
+                              sizeof(std::uintptr_t) * static_cast<size_t>(_tableCapacity));
   _table = fresh;
   _tableCapacity = newCapacity;
 }
@@ -296,23 +310,23 @@ void QelDecisionExprMap::insert(const QelExtractableI* key, QelInt value) {
   ++_count;
   if (_count > 2 * _bucketCount) {
     long newCount = 2 * _bucketCount;
+    // Check every new index before moving any node: a bad index then leaves
+    // the map whole (with the new entry, in the old buckets).
+    for (long i = 0; i < _bucketCount; ++i)
+      for (Node* m = _buckets[i]; m != nullptr; m = m->next)
+        bucketOf(m->key, newCount);
     size_t bytes = sizeof(Node*) * static_cast<size_t>(newCount);
     Node** fresh = static_cast<Node**>(_alloc->alloc(bytes));
     std::memset(fresh, 0, bytes);
-    try {
-      for (long i = 0; i < _bucketCount; ++i) {
-        for (Node* m = _buckets[i]; m != nullptr;) {
-          Node* next = m->next;
-          long nb = bucketOf(m->key, newCount);
-          m->next = fresh[nb];
-          fresh[nb] = m;
-          m = next;
-        }
-        _buckets[i] = nullptr;
+    for (long i = 0; i < _bucketCount; ++i) {
+      for (Node* m = _buckets[i]; m != nullptr;) {
+        Node* next = m->next;
+        long nb = bucketOf(m->key, newCount);
+        m->next = fresh[nb];
+        fresh[nb] = m;
+        m = next;
       }
-    } catch (...) {
-      _alloc->free(fresh, bytes);
-      throw;
+      _buckets[i] = nullptr;
     }
     _alloc->free(_buckets, sizeof(Node*) * static_cast<size_t>(_bucketCount));
     _buckets = fresh;
@@ -338,18 +352,13 @@ void QelDecisionExprMap::remove(const QelExtractableI* key) {
 
 QelDecisionExprMap* QelEnvI::getDecisionExprMap() {
   if (_decisionMap == nullptr) {
-    void* p = alloc(sizeof(QelDecisionExprMap));
-    _decisionMap = new (p) QelDecisionExprMap(_genAlloc, 64);
+    void* p = _internalAllocObject.alloc(sizeof(QelDecisionExprMap));
+    _decisionMap = new (p) QelDecisionExprMap(&_internalAllocObject, 64);
   }
   return _decisionMap;
 }
 
 // ---- extraction registry ------------------------------------------------
-
-QelExtractionRegistry::~QelExtractionRegistry() {
-  if (_masks != nullptr)
-    _alloc->free(_masks, sizeof(std::uint64_t) * static_cast<size_t>(_size));
-}
 
 void QelExtractionRegistry::record(QelInt id, int slot) {
   if (id >= _size) {
@@ -437,7 +446,7 @@ void QelEnvI::endCopy() {
 QelExtractableI* QelEnvI::getClone(QelExtractableI* x) {
   if (x == nullptr) return nullptr;
   if (_cloneMap == nullptr) {
-    void* p = alloc(sizeof(CloneMap));
+    void* p = _internalAllocObject.alloc(sizeof(CloneMap));
     _cloneMap = new (p) CloneMap();
     _cloneMap->env = this;
   }

@@ -97,8 +97,8 @@ class QEL_API QelExtractionRegistry {
   explicit QelExtractionRegistry(QelGenAlloc* alloc) : _alloc(alloc) {}
   QelExtractionRegistry(const QelExtractionRegistry&) = delete;
   QelExtractionRegistry& operator=(const QelExtractionRegistry&) = delete;
-  /// Frees the storage.
-  ~QelExtractionRegistry();
+  /// The storage is the environment's and goes with it.
+  ~QelExtractionRegistry() = default;
 
   /// Records that algorithm `slot` extracted the object with `id`.
   void record(QelInt id, int slot);
@@ -126,6 +126,25 @@ class QEL_API QelExtractionRegistry {
   QelGenAlloc* _alloc;
   std::uint64_t* _masks = nullptr;
   QelInt _size = 0;
+};
+
+/// The allocator of the environment's own bookkeeping (extractable table,
+/// registry, clone and decision-expression maps): blocks from a list of the
+/// environment's own, kept out of the object statistics, with the same
+/// thread and disabled checks as object memory.
+class QEL_API QelEnvInternalAlloc : public QelGenAlloc {
+ public:
+  /// The bookkeeping allocator of `env`.
+  explicit QelEnvInternalAlloc(QelEnvI* env) : _env(env) {}
+  /// The environment.
+  QelEnvI* getEnv() const override { return _env; }
+  /// A bookkeeping block.
+  void* alloc(size_t size) override;
+  /// Gives a bookkeeping block back.
+  void free(void* p, size_t size) override;
+
+ private:
+  QelEnvI* _env;
 };
 
 /// The environment's general allocator: forwards to the environment memory.
@@ -212,6 +231,13 @@ class QEL_API QelEnvI {
   QelInt getBytesInUse() const;
   /// Bytes obtained from the system by the size classes and large blocks.
   QelInt getBytesObtained() const;
+  /// Bytes of the environment's own bookkeeping (table, registry, maps),
+  /// not counted in getBytesInUse.
+  QelInt getInternalBytes() const { return _internal.getBytesInUse(); }
+  /// The allocator of the environment's own bookkeeping.
+  QelGenAlloc* getInternalAllocator() const {
+    return const_cast<QelEnvInternalAlloc*>(&_internalAllocObject);
+  }
 
   // ---- flags ---------------------------------------------------------
   /// Non-zero: dependants of removed objects are updated one at a time with
@@ -312,6 +338,11 @@ class QEL_API QelEnvI {
 
  private:
   friend class QelEnvGenAlloc;
+  friend class QelEnvInternalAlloc;
+  void checkThread() const {
+    if (!matchesAllocatorThread()) throw QelEnvAllocatorThreadMismatch();
+    if (_allocationDisabled) throw QelEnvAllocationDisabled();
+  }
   void recordLocationSlow(void* address) const;
   void changeSlow(const QelExtractableI* x, const QelChange& c);
   void deliver(QelAlgorithmI* a, const QelExtractableI* x, const QelChange& c);
@@ -336,6 +367,8 @@ class QEL_API QelEnvI {
   std::thread::id _allocatorThread;
   QelGenAlloc* _genAlloc;
   QelEnvGenAlloc _genAllocObject;
+  mutable QelAllocationList _internal;
+  QelEnvInternalAlloc _internalAllocObject;
   QelDecisionExprMap* _decisionMap = nullptr;
   std::int32_t _oneByOne = 0;
   QelBool _detailedDisplay = false;

@@ -201,41 +201,51 @@ void QelEnvI::notifyRemoval(Removal& r, long from, long to) {
     for (long i = from; i < to; ++i) _registry.drop(ElementOf(r.list, i)->getId());
     return;
   }
+  // Who extracted what is read before anything is told: the removal notice
+  // makes visiting algorithms drop their registry entries.
+  QelArrayI* masks = QelArrayI::Make(_genAlloc, to - from);
   std::uint64_t all = 0;
   std::uint64_t destroyed = 0;
   for (long i = from; i < to; ++i) {
     std::uint64_t m = _registry.getMask(ElementOf(r.list, i)->getId());
+    QelArraySet<std::uint64_t>(masks, i - from, m);
     all |= m;
     if (QelArrayGet<QelInt>(r.kinds, i) != KeepAlive) destroyed |= m;
   }
-  if (all != 0) {
-    QelExtractableArray view(r.list);
-    QelExtractableArray range = view;
-    QelArrayI* temp = nullptr;
-    if (from != 0 || to != r.list->getSize()) {
-      temp = QelArrayI::Make(_genAlloc, 0);
-      for (long i = from; i < to; ++i) temp->addRaw(r.list->rawAt(i));
-      range = QelExtractableArray(temp);
-    }
-    {
-      QelRemoveFromAllChange c(range);
-      deliverTo(all, nullptr, c);
-    }
-    if (destroyed != 0) {
-      if (r.notifyArray && from == 0) {
-        QelDestroyExtractableArray c(range);
-        deliverTo(destroyed, nullptr, c);
-      } else {
-        for (long i = from; i < to; ++i) {
-          if (QelArrayGet<QelInt>(r.kinds, i) == KeepAlive) continue;
-          QelExtractableI* x = ElementOf(r.list, i);
-          QelDestroyExtractable c(x);
-          deliverTo(_registry.getMask(x->getId()), x, c);
+  QelArrayI* temp = nullptr;
+  try {
+    if (all != 0) {
+      QelExtractableArray range(r.list);
+      if (from != 0 || to != r.list->getSize()) {
+        temp = QelArrayI::Make(_genAlloc, 0);
+        for (long i = from; i < to; ++i) temp->addRaw(r.list->rawAt(i));
+        range = QelExtractableArray(temp);
+      }
+      {
+        QelRemoveFromAllChange c(range);
+        deliverTo(all, nullptr, c);
+      }
+      if (destroyed != 0) {
+        if (r.notifyArray && from == 0) {
+          QelDestroyExtractableArray c(range);
+          deliverTo(destroyed, nullptr, c);
+        } else {
+          for (long i = from; i < to; ++i) {
+            if (QelArrayGet<QelInt>(r.kinds, i) == KeepAlive) continue;
+            QelExtractableI* x = ElementOf(r.list, i);
+            QelDestroyExtractable c(x);
+            deliverTo(QelArrayGet<std::uint64_t>(masks, i - from), x, c);
+          }
         }
       }
     }
+  } catch (...) {
     delete temp;
+    delete masks;
+    throw;
   }
+  delete temp;
+  delete masks;
   for (long i = from; i < to; ++i) {
     if (QelArrayGet<QelInt>(r.kinds, i) != KeepAlive)
       _registry.drop(ElementOf(r.list, i)->getId());

@@ -24,16 +24,14 @@ void QelModelI::add(const QelExtractableArray& xs) {
   notify(change);
 }
 
+QelBool QelModelI::holds(const QelExtractableI* x) const {
+  for (Iterator it(this); it.ok(); ++it)
+    if (*it == x) return true;
+  return false;
+}
+
 void QelModelI::remove(QelExtractableI* x) {
-  if (_members.isEmpty()) return;
-  bool held = false;
-  for (Iterator it(this); it.ok(); ++it) {
-    if (*it == x) {
-      held = true;
-      break;
-    }
-  }
-  if (!held) return;
+  if (!holds(x)) return;
   // The notice's array is made before the node goes, so that a refused
   // allocation leaves the model as it was.
   QelExtractableArray removed(QelEnv(_env), 1, QelExtractable(x));
@@ -76,7 +74,9 @@ QelExtractableI* QelModelI::makeClone(QelEnvI* env) const {
 
 void QelModelI::atRemove(QelExtractableI* x, void*) {
   if (_env->getOneByOne() != 0) {
-    remove(x);
+    // One remove, with its notice, per node holding x: a second node left
+    // behind would name an object about to be destroyed.
+    while (holds(x)) remove(x);
     return;
   }
   _members.removeMarked();

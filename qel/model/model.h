@@ -51,7 +51,8 @@ class QEL_API QelModelI : public QelExtractableI {
   /// A copy in `env`: every member cloned once, in order (no name).
   QelExtractableI* makeClone(QelEnvI* env) const override;
   /// Drops the members being removed from everything (one sweep, no
-  /// notice), or, with the one-by-one flag set, removes `x` with its notice.
+  /// notice), or, with the one-by-one flag set, removes every node of `x`,
+  /// each with its notice.
   void atRemove(QelExtractableI* x, void* data) override;
   /// The members, in order.
   void visitSubExtractables(QelExtractableVisitor* v) override;
@@ -60,6 +61,8 @@ class QEL_API QelModelI : public QelExtractableI {
   /// true.
   QelBool isModel() override;
 
+  /// Whether `x` is a member (one walk).
+  QelBool holds(const QelExtractableI* x) const;
   /// The member list.
   QelExtractableList& getMembers() { return _members; }
   /// The member list.

@@ -1,0 +1,273 @@
+// The remove-from-all protocol of the environment: cascades, the one-by-one
+// flag, bulk ends in one pass, notices, destruction order.
+#include <string>
+#include <vector>
+
+#include "support/items.h"
+#include "support/qeltest.h"
+
+using namespace qeltest;
+
+namespace {
+
+std::vector<std::string> destroyed;  // destruction log
+int visits = 0;                      // visitSubExtractables calls on bystanders
+
+// A holder that logs its destruction and checks that what it holds is still
+// there (holders go before what they hold).
+class LoggedHolderI : public QelExtractableI {
+  QEL_EXTRACTABLE_DECL(LoggedHolderI, QelExtractableI)
+
+ public:
+  LoggedHolderI(QelEnvI* env, const char* tag, QelExtractableI* held)
+      : QelExtractableI(env, tag), _held(held) {}
+  ~LoggedHolderI() override {
+    destroyed.push_back(getName() != nullptr ? getName() : "?");
+    if (_held != nullptr) destroyed.push_back(std::string("  held still named ") +
+                                              (_held->getName() ? _held->getName() : "?"));
+  }
+  void visitSubExtractables(QelExtractableVisitor* v) override {
+    v->beginVisit(this);
+    if (_held != nullptr) v->visitChildren(this, _held);
+    v->endVisit(this);
+  }
+
+ private:
+  QelExtractableI* _held;
+};
+QEL_EXTRACTABLE_DEF(LoggedHolderI)
+
+// An object nothing depends on, counting how often it is visited.
+class BystanderI : public QelExtractableI {
+  QEL_EXTRACTABLE_DECL(BystanderI, QelExtractableI)
+
+ public:
+  explicit BystanderI(QelEnvI* env) : QelExtractableI(env) {}
+  void visitSubExtractables(QelExtractableVisitor* v) override {
+    ++visits;
+    v->beginVisit(this);
+    v->endVisit(this);
+  }
+};
+QEL_EXTRACTABLE_DEF(BystanderI)
+
+// Holds an expression with one use, given back in its destructor.
+class ExprHolderI : public QelExtractableI {
+  QEL_EXTRACTABLE_DECL(ExprHolderI, QelExtractableI)
+
+ public:
+  ExprHolderI(QelEnvI* env, QelNumExprI* e) : QelExtractableI(env), _e(e) {
+    _e->lockExpr();
+  }
+  ~ExprHolderI() override { getEnv()->release(_e); }
+  void visitSubExtractables(QelExtractableVisitor* v) override {
+    v->beginVisit(this);
+    v->visitChildren(this, _e);
+    v->endVisit(this);
+  }
+
+ private:
+  QelNumExprI* _e;
+};
+QEL_EXTRACTABLE_DEF(ExprHolderI)
+
+// Throws from every notice it receives.
+class ThrowingAlgorithmI : public QelAlgorithmI {
+ public:
+  using QelAlgorithmI::QelAlgorithmI;
+  void notifyChange(const QelExtractableI*, const QelChange&) override {
+    throw QelWrongUsage("listener failed");
+  }
+};
+
+struct RemovalTest : ::testing::Test {
+  QelEnv env;
+  QelInt baseline = 0;
+  void SetUp() override {
+    baseline = BytesInUse(env);
+    destroyed.clear();
+    visits = 0;
+  }
+  void TearDown() override { env.end(); }
+  LoggedHolderI* Logged(const char* tag, QelExtractableI* held) {
+    return QelNewObject<LoggedHolderI>(env.getImpl(), env.getImpl(), tag, held);
+  }
+  bool Alive(QelInt id, const QelExtractableI* x) {
+    return env.getImpl()->getExtractable(id) == x;
+  }
+};
+
+std::vector<QelExtractableI*> Members(QelModelI* m) {
+  std::vector<QelExtractableI*> out;
+  for (QelModelI::Iterator it(m); it.ok(); ++it) out.push_back(*it);
+  return out;
+}
+
+}  // namespace
+
+TEST_F(RemovalTest, EndingAnObjectEndsItsHoldersAndSweepsModels) {
+  LoggedHolderI* x = Logged("x", nullptr);
+  LoggedHolderI* h = Logged("h", x);
+  QelModel m(env);
+  ItemI* other = Item(env);
+  m.add(QelExtractable(h));
+  m.add(QelExtractable(other));
+  RecordingAlgorithmI* rec = MakeRecorder(env);
+  rec->extract(m.getImpl());
+  QelInt hid = h->getId();
+  x->end();
+  EXPECT_FALSE(Alive(hid, h));
+  EXPECT_EQ(Members(m.getImpl()), (std::vector<QelExtractableI*>{other}));
+  // The holder went first, while what it held was still there.
+  EXPECT_EQ(destroyed, (std::vector<std::string>{"h", "  held still named x", "x"}));
+  // One removal notice for the whole wave, then one destruction notice per
+  // object in the order they were reached; no model notice.
+  EXPECT_EQ(rec->notices,
+            (std::vector<std::string>{"QelRemoveFromAllChange", "QelDestroyExtractable",
+                                      "QelDestroyExtractable"}));
+  EXPECT_TRUE(rec->visitor.calls.empty());
+  delete rec;
+  m.end();
+  other->end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(RemovalTest, OneByOneEndsEachDependantWithItsOwnNotices) {
+  env.getImpl()->setOneByOne(1);
+  LoggedHolderI* x = Logged("x", nullptr);
+  LoggedHolderI* h = Logged("h", x);
+  QelModel m(env);
+  m.add(QelExtractable(h));
+  RecordingAlgorithmI* rec = MakeRecorder(env);
+  rec->extract(m.getImpl());
+  x->end();
+  EXPECT_TRUE(m.getImpl()->getMembers().isEmpty());
+  EXPECT_EQ(rec->notices,
+            (std::vector<std::string>{"QelRemoveFromModel", "QelRemoveFromAllChange",
+                                      "QelDestroyExtractable", "QelRemoveFromAllChange",
+                                      "QelDestroyExtractable"}));
+  EXPECT_EQ(rec->objects[2], h);
+  EXPECT_EQ(rec->objects[4], x);
+  EXPECT_EQ(rec->visitor.calls, (std::vector<VisitCall>{{"remove", m.getImpl(), h}}));
+  EXPECT_EQ(destroyed, (std::vector<std::string>{"h", "  held still named x", "x"}));
+  delete rec;
+  m.end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(RemovalTest, EndingManyTogetherCostsOnePass) {
+  std::vector<BystanderI*> bystanders;
+  for (int i = 0; i < 20; ++i)
+    bystanders.push_back(QelNewObject<BystanderI>(env.getImpl(), env.getImpl()));
+  QelExtractableArray xs(env, 0);
+  for (int i = 0; i < 10; ++i) xs.add(QelExtractable(Item(env)));
+  visits = 0;
+  xs.endElements();
+  EXPECT_EQ(visits, 20);  // each bystander visited once for all ten
+  QelExtractableArray ys(env, 0);
+  for (int i = 0; i < 10; ++i) ys.add(QelExtractable(Item(env)));
+  visits = 0;
+  for (long i = 0; i < ys.getSize(); ++i) ys.getElement(i)->end();
+  EXPECT_EQ(visits, 200);  // one pass per single end
+  xs.end();
+  ys.end();
+  for (BystanderI* b : bystanders) b->end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(RemovalTest, BulkEndWithTheOneByOneFlagTakesOnePassPerElement) {
+  env.getImpl()->setOneByOne(1);
+  BystanderI* b = QelNewObject<BystanderI>(env.getImpl(), env.getImpl());
+  QelExtractableArray xs(env, 0);
+  for (int i = 0; i < 5; ++i) xs.add(QelExtractable(Item(env)));
+  visits = 0;
+  xs.endElements();
+  EXPECT_EQ(visits, 5);
+  b->end();
+  xs.end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(RemovalTest, RemoveFromAllKeepsTheObjectAlive) {
+  LoggedHolderI* x = Logged("x", nullptr);
+  LoggedHolderI* h = Logged("h", x);
+  QelModel m(env);
+  m.add(QelExtractable(x));
+  m.add(QelExtractable(h));
+  RecordingAlgorithmI* rec = MakeRecorder(env);
+  rec->extract(m.getImpl());
+  QelInt xid = x->getId();
+  x->removeFromAll();
+  EXPECT_TRUE(Alive(xid, x));
+  EXPECT_EQ(env.getImpl()->getExtractableTable()[xid], reinterpret_cast<std::uintptr_t>(x));
+  EXPECT_TRUE(m.getImpl()->getMembers().isEmpty());
+  EXPECT_EQ(destroyed, (std::vector<std::string>{"h", "  held still named x"}));
+  EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelRemoveFromAllChange",
+                                                     "QelDestroyExtractable"}));
+  EXPECT_EQ(rec->objects[1], h);
+  delete rec;
+  m.end();
+  x->end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(RemovalTest, DeletingDirectlyRemovesFromEverything) {
+  ItemI* a = Item(env);
+  QelModel m(env);
+  m.add(QelExtractable(a));
+  QelInt id = a->getId();
+  delete a;
+  EXPECT_TRUE(m.getImpl()->getMembers().isEmpty());
+  EXPECT_EQ(env.getImpl()->getExtractable(id), nullptr);
+  m.end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(RemovalTest, EndedObjectsReleaseTheirExpressionsInTheSameRemoval) {
+  QelNumVar x(env, 0, 1, "x");
+  QelNumVar y(env, 0, 1, "y");
+  QelNumExpr e = x + y;
+  QelInt eid = e.getId();
+  auto* holder = QelNewObject<ExprHolderI>(env.getImpl(), env.getImpl(), e.getImpl());
+  EXPECT_EQ(e.getImpl()->getUseCount(), 1);
+  QelInt live = env.getImpl()->getNumberOfExtractables();
+  holder->end();
+  // The last use of the sum went with the holder: the sum ended too.
+  EXPECT_EQ(env.getImpl()->getExtractable(eid), nullptr);
+  EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), live - 2);
+  x.end();
+  y.end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(RemovalTest, AFailingListenerDoesNotStopTheRemoval) {
+  ItemI* a = Item(env);
+  ItemI* b = Item(env);
+  QelModel m(env);
+  m.add(QelExtractable(a));
+  m.add(QelExtractable(b));
+  auto* bad = QelNewObject<ThrowingAlgorithmI>(env.getImpl(), env.getImpl());
+  bad->extract(m.getImpl());
+  QelInt aid = a->getId();
+  EXPECT_EQ(MessageOf<QelWrongUsage>([&] { a->end(); }), "listener failed");
+  // The removal finished: a is gone from the model and the table, b is
+  // untouched and unmarked.
+  EXPECT_EQ(env.getImpl()->getExtractable(aid), nullptr);
+  EXPECT_EQ(Members(m.getImpl()), (std::vector<QelExtractableI*>{b}));
+  EXPECT_EQ(env.getImpl()->getExtractableTable()[b->getId()],
+            reinterpret_cast<std::uintptr_t>(b));
+  delete bad;
+  m.end();
+  b->end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(RemovalTest, EndingAnEndedObjectDoesNothing) {
+  ItemI* a = Item(env);
+  QelExtractableArray xs(env, 2, QelExtractable(a), QelExtractable(a));
+  QelInt live = env.getImpl()->getNumberOfExtractables();
+  xs.endElements();  // the same object twice: ended once
+  EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), live - 1);
+  xs.end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}

@@ -1,0 +1,398 @@
+// The model: membership, notices, removal sweeps, cloning, printing.
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/items.h"
+#include "support/qeltest.h"
+
+using namespace qeltest;
+
+namespace {
+
+struct ModelTest : ::testing::Test {
+  QelEnv env;
+  QelInt baseline = 0;
+  void SetUp() override { baseline = BytesInUse(env); }
+  void TearDown() override { env.end(); }
+};
+
+std::vector<QelExtractableI*> Members(const QelModel& m) {
+  std::vector<QelExtractableI*> out;
+  for (QelModel::Iterator it(m); it.ok(); ++it) out.push_back((*it).getImpl());
+  return out;
+}
+
+std::vector<QelExtractableI*> Elements(const QelExtractableArray& a) {
+  std::vector<QelExtractableI*> out;
+  for (long i = 0; i < a.getSize(); ++i) out.push_back(a.getElement(i));
+  return out;
+}
+
+// Records the arrays of the model notices as well as their class names.
+class ArrayRecorderI : public RecordingAlgorithmI {
+ public:
+  using RecordingAlgorithmI::RecordingAlgorithmI;
+  void notifyChange(const QelExtractableI* x, const QelChange& c) override {
+    if (c.isType(QelRemoveFromModel::GetTypeInfo()) ||
+        c.isType(QelAddToModel::GetTypeInfo()))
+      arrays.push_back(Elements(static_cast<const QelModelArrayNotice&>(c).getMembers()));
+    RecordingAlgorithmI::notifyChange(x, c);
+  }
+  std::vector<std::vector<QelExtractableI*>> arrays;
+};
+
+}  // namespace
+
+TEST_F(ModelTest, NewModelIsEmptyAndIsAModel) {
+  QelModel m(env, "m");
+  EXPECT_TRUE(m.getImpl()->isModel());
+  EXPECT_TRUE(m.getImpl()->getMembers().isEmpty());
+  EXPECT_EQ(m.getImpl()->getMembers().getEnv(), nullptr);
+  EXPECT_EQ(m.getImpl()->getMembers().getTailLink(),
+            m.getImpl()->getMembers().getHeadLink());
+  EXPECT_STREQ(m.getImpl()->getRttiTypeName(), "QelModelI");
+  EXPECT_TRUE(m.getImpl()->isType(QelExtractableI::GetTypeInfo()));
+  m.end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(ModelTest, AddingTwiceGivesTwoNodesAndTwoNotices) {
+  QelModel m(env);
+  ItemI* x = Item(env, "x");
+  RecordingAlgorithmI* rec = MakeRecorder(env);
+  rec->extract(m.getImpl());
+  m.add(QelExtractable(x));
+  m.add(QelExtractable(x));
+  EXPECT_EQ(Members(m), (std::vector<QelExtractableI*>{x, x}));
+  EXPECT_EQ(rec->notices,
+            (std::vector<std::string>{"QelAddOneToModel", "QelAddOneToModel"}));
+  EXPECT_EQ(rec->visitor.calls,
+            (std::vector<VisitCall>{{"add", m.getImpl(), x}, {"add", m.getImpl(), x}}));
+  delete rec;
+  m.end();
+  x->end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(ModelTest, SingleRemoveTakesOnlyTheFirstNodeAndNotifiesOneElementArray) {
+  QelModel m(env);
+  ItemI* x = Item(env);
+  ItemI* y = Item(env);
+  m.add(QelExtractable(x));
+  m.add(QelExtractable(y));
+  m.add(QelExtractable(x));
+  ArrayRecorderI* rec = QelNewObject<ArrayRecorderI>(env.getImpl(), env.getImpl());
+  rec->extract(m.getImpl());
+  m.remove(QelExtractable(x));
+  EXPECT_EQ(Members(m), (std::vector<QelExtractableI*>{y, x}));
+  EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelRemoveFromModel"}));
+  ASSERT_EQ(rec->arrays.size(), 1u);
+  EXPECT_EQ(rec->arrays[0], (std::vector<QelExtractableI*>{x}));
+  EXPECT_EQ(rec->visitor.calls,
+            (std::vector<VisitCall>{{"remove", m.getImpl(), x}}));
+  // The tail link follows the last node.
+  m.remove(QelExtractable(x));
+  EXPECT_EQ(Members(m), (std::vector<QelExtractableI*>{y}));
+  EXPECT_EQ(m.getImpl()->getMembers().getTailLink(),
+            &m.getImpl()->getMembers().getHead()->next);
+  m.add(QelExtractable(x));
+  EXPECT_EQ(Members(m), (std::vector<QelExtractableI*>{y, x}));
+  delete rec;
+  m.end();
+  x->end();
+  y->end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(ModelTest, RemovingANonMemberSendsNothing) {
+  QelModel m(env);
+  ItemI* x = Item(env);
+  ItemI* y = Item(env);
+  RecordingAlgorithmI* rec = MakeRecorder(env);
+  rec->extract(m.getImpl());
+  m.remove(QelExtractable(x));  // empty model
+  m.add(QelExtractable(y));
+  rec->notices.clear();
+  m.remove(QelExtractable(x));  // not a member
+  QelExtractableArray xs(env, 1, QelExtractable(x));
+  m.remove(xs);  // no element is a member
+  EXPECT_TRUE(rec->notices.empty());
+  EXPECT_EQ(Members(m), (std::vector<QelExtractableI*>{y}));
+  xs.end();
+  delete rec;
+  m.end();
+  x->end();
+  y->end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(ModelTest, BulkRemoveSweepsOnceAndReportsInModelOrder) {
+  QelModel m(env);
+  ItemI* a = Item(env);
+  ItemI* b = Item(env);
+  ItemI* c = Item(env);
+  m.add(QelExtractable(a));
+  m.add(QelExtractable(b));
+  m.add(QelExtractable(c));
+  m.add(QelExtractable(a));
+  ArrayRecorderI* rec = QelNewObject<ArrayRecorderI>(env.getImpl(), env.getImpl());
+  rec->extract(m.getImpl());
+  // xs holds c twice and a once; the model holds a twice.
+  QelExtractableArray xs(env, 3, QelExtractable(c), QelExtractable(a), QelExtractable(c));
+  m.remove(xs);
+  EXPECT_EQ(Members(m), (std::vector<QelExtractableI*>{b}));
+  ASSERT_EQ(rec->arrays.size(), 1u);
+  EXPECT_EQ(rec->arrays[0], (std::vector<QelExtractableI*>{a, c, a}));
+  EXPECT_EQ(rec->visitor.calls,
+            (std::vector<VisitCall>{{"remove", m.getImpl(), a},
+                                    {"remove", m.getImpl(), c},
+                                    {"remove", m.getImpl(), a}}));
+  // Every element of xs is unmarked again: its slot holds its address.
+  for (QelExtractableI* e : {static_cast<QelExtractableI*>(a), static_cast<QelExtractableI*>(c)})
+    EXPECT_EQ(env.getImpl()->getExtractableTable()[e->getId()],
+              reinterpret_cast<std::uintptr_t>(e));
+  EXPECT_EQ(m.getImpl()->getMembers().getTailLink(),
+            &m.getImpl()->getMembers().getHead()->next);
+  xs.end();
+  delete rec;
+  m.end();
+  a->end();
+  b->end();
+  c->end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(ModelTest, ArrayAddSkipsNullsAndNotifiesTheArrayUnchanged) {
+  QelModel m(env);
+  ItemI* a = Item(env);
+  ItemI* b = Item(env);
+  ArrayRecorderI* rec = QelNewObject<ArrayRecorderI>(env.getImpl(), env.getImpl());
+  rec->extract(m.getImpl());
+  QelExtractableArray empty(env, 0);
+  m.add(empty);
+  EXPECT_TRUE(rec->notices.empty());
+  QelExtractableArray xs(env, 3, QelExtractable(a), QelExtractable(), QelExtractable(b));
+  m.add(xs);
+  EXPECT_EQ(Members(m), (std::vector<QelExtractableI*>{a, b}));
+  EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelAddToModel"}));
+  ASSERT_EQ(rec->arrays.size(), 1u);
+  EXPECT_EQ(rec->arrays[0], (std::vector<QelExtractableI*>{a, nullptr, b}));
+  // The visitor's array form passes the null element on as it stands.
+  EXPECT_EQ(rec->visitor.calls,
+            (std::vector<VisitCall>{{"add", m.getImpl(), a},
+                                    {"add", m.getImpl(), nullptr},
+                                    {"add", m.getImpl(), b}}));
+  empty.end();
+  xs.end();
+  delete rec;
+  m.end();
+  a->end();
+  b->end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(ModelTest, DisplayOfAnUnnamedModel) {
+  // Ids 0, 1, 2 go to the first objects; the model gets id 3.
+  ItemI* a = Item(env, "a");
+  ItemI* b = Item(env, "b");
+  ItemI* spare = Item(env);
+  QelModel m(env);
+  ASSERT_EQ(m.getId(), 3);
+  m.add(QelExtractable(a));
+  m.add(QelExtractable(b));
+  EXPECT_EQ(Print(QelExtractable(m)), "QelModel model3 = {\nitem a\nitem b\n}\n");
+  QelModel empty(env, "named");
+  EXPECT_EQ(Display(empty.getImpl()), "QelModel named = {\n}\n");
+  m.end();
+  empty.end();
+  a->end();
+  b->end();
+  spare->end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(ModelTest, HandleChecksInOrderWithTheirMessages) {
+  QelModel none;
+  QelModel m(env);
+  QelExtractable nothing;
+  ItemI* x = Item(env);
+  QelExtractableArray noArray;
+  QelExtractableArray xs(env, 1, QelExtractable(x));
+  using E = QelEmptyHandleException;
+  EXPECT_EQ(MessageOf<E>([&] { none.add(nothing); }),
+            "trying to add to an empty handle QelModel");
+  EXPECT_EQ(MessageOf<E>([&] { m.add(nothing); }),
+            "trying to add an empty handle extractable");
+  EXPECT_EQ(MessageOf<E>([&] { none.add(noArray); }), "trying to add 0 extractor handle");
+  EXPECT_EQ(MessageOf<E>([&] { m.add(noArray); }), "Using empty QelExtractableArray handle.");
+  EXPECT_EQ(MessageOf<E>([&] { none.remove(nothing); }),
+            "trying to remove 0 extractor handle");
+  EXPECT_EQ(MessageOf<E>([&] { m.remove(nothing); }),
+            "trying to remove 0 extractable handle");
+  EXPECT_EQ(MessageOf<E>([&] { none.remove(noArray); }),
+            "trying to remove 0 extractor handle");
+  EXPECT_EQ(MessageOf<E>([&] { m.remove(noArray); }),
+            "Using empty QelExtractableArray handle.");
+  EXPECT_EQ(MessageOf<E>([&] { none.expand(nothing); }),
+            "Expanding to an empty QelModel handle.");
+  EXPECT_EQ(MessageOf<E>([&] { m.expand(nothing); }),
+            "trying to expand an empty extractable handle");
+  // The model handle is tested before the argument.
+  EXPECT_EQ(MessageOf<E>([&] { none.add(QelExtractable(x)); }),
+            "trying to add to an empty handle QelModel");
+  EXPECT_TRUE(m.getImpl()->getMembers().isEmpty());
+  // expand adds the object as a member and returns it.
+  EXPECT_EQ(m.expand(QelExtractable(x)).getImpl(), x);
+  EXPECT_EQ(Members(m), (std::vector<QelExtractableI*>{x}));
+  xs.end();
+  m.end();
+  x->end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(ModelTest, EndingAMemberSweepsItOutWithoutNotice) {
+  QelModel m(env);
+  ItemI* a = Item(env);
+  ItemI* b = Item(env);
+  m.add(QelExtractable(a));
+  m.add(QelExtractable(b));
+  m.add(QelExtractable(a));
+  RecordingAlgorithmI* rec = MakeRecorder(env);
+  rec->extract(m.getImpl());
+  a->end();
+  EXPECT_EQ(Members(m), (std::vector<QelExtractableI*>{b}));
+  // The algorithm hears of the removal from everything and the destruction,
+  // never of a removal from the model.
+  EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelRemoveFromAllChange",
+                                                     "QelDestroyExtractable"}));
+  EXPECT_TRUE(rec->visitor.calls.empty());
+  delete rec;
+  m.end();
+  b->end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(ModelTest, EndingAMemberOneByOneRemovesEachNodeWithNotice) {
+  env.getImpl()->setOneByOne(1);
+  QelModel m(env);
+  ItemI* a = Item(env);
+  ItemI* b = Item(env);
+  m.add(QelExtractable(a));
+  m.add(QelExtractable(b));
+  m.add(QelExtractable(a));
+  RecordingAlgorithmI* rec = MakeRecorder(env);
+  rec->extract(m.getImpl());
+  a->end();
+  EXPECT_EQ(Members(m), (std::vector<QelExtractableI*>{b}));
+  EXPECT_EQ(rec->notices,
+            (std::vector<std::string>{"QelRemoveFromModel", "QelRemoveFromModel",
+                                      "QelRemoveFromAllChange", "QelDestroyExtractable"}));
+  EXPECT_EQ(rec->visitor.calls, (std::vector<VisitCall>{{"remove", m.getImpl(), a},
+                                                        {"remove", m.getImpl(), a}}));
+  delete rec;
+  m.end();
+  b->end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(ModelTest, AnEndedMemberGoesWithAnyBulkRemoval) {
+  // A member whose id is -1 (ended behind the model's back by the
+  // environment's bookkeeping) counts as marked in every sweep.
+  QelModel m(env);
+  ItemI* a = Item(env);
+  ItemI* b = Item(env);
+  ItemI* other = Item(env);
+  m.add(QelExtractable(a));
+  m.add(QelExtractable(b));
+  env.getImpl()->unregister(a);  // id -1, memory still there
+  QelExtractableArray ys(env, 1, QelExtractable(other));
+  m.remove(ys);
+  EXPECT_EQ(Members(m), (std::vector<QelExtractableI*>{b}));
+  ys.end();
+  delete a;  // already unregistered: only the memory goes back
+  m.end();
+  b->end();
+  other->end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(ModelTest, CloneIntoAnotherEnvironmentKeepsOrderAndClonesOnce) {
+  QelEnv target;
+  QelInt targetBase = BytesInUse(target);
+  QelModel m(env, "original");
+  ItemI* a = Item(env, "a");
+  ItemI* b = Item(env, "b");
+  HolderI* h = Holder(env, a, b);
+  m.add(QelExtractable(b));
+  m.add(QelExtractable(a));
+  m.add(QelExtractable(h));
+  m.add(QelExtractable(a));
+  ItemI::clones = 0;
+  QelExtractableI* copy = target.getImpl()->getClone(m.getImpl());
+  ASSERT_TRUE(copy->isModel());
+  QelModel clone(static_cast<QelModelI*>(copy));
+  EXPECT_EQ(clone.getName(), nullptr);
+  std::vector<QelExtractableI*> cm = Members(clone);
+  ASSERT_EQ(cm.size(), 4u);
+  EXPECT_EQ(ItemI::clones, 2);  // a and b once each
+  EXPECT_EQ(cm[1], cm[3]);      // a's clone, shared
+  for (QelExtractableI* e : cm) EXPECT_EQ(e->getEnv(), target.getImpl());
+  EXPECT_EQ(Display(copy), "QelModel model" + std::to_string(copy->getId()) +
+                               " = {\nitem #" + std::to_string(cm[0]->getId()) +
+                               "\nitem #" + std::to_string(cm[1]->getId()) +
+                               "\nholder" + std::to_string(cm[2]->getId()) +
+                               "\nitem #" + std::to_string(cm[3]->getId()) + "\n}\n");
+  // The clone map lived for one copy only: a new copy makes new clones.
+  QelExtractableI* again = target.getImpl()->getClone(a);
+  EXPECT_NE(again, cm[1]);
+  again->end();
+  clone.end();
+  for (QelExtractableI* e : cm)
+    if (e->getId() >= 0) e->end();
+  EXPECT_EQ(BytesInUse(target), targetBase);
+  target.end();
+  m.end();
+  h->end();
+  a->end();
+  b->end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+TEST_F(ModelTest, RecordLocationSeesEveryLinkWrite) {
+  struct Recorder : QelCustomAllocatorI {
+    QelEnvI* env;
+    std::vector<void*> locations;
+    int allocs = 0;
+    void* alloc(size_t size) override {
+      ++allocs;
+      return env->getLargeBlocks()->alloc(static_cast<long>(size == 0 ? 1 : size));
+    }
+    void free(void* p, size_t) override { env->getLargeBlocks()->free(p); }
+    void recordLocation(void* address) override { locations.push_back(address); }
+  } custom;
+  QelEnv e2;
+  custom.env = e2.getImpl();
+  e2.getImpl()->setCustomAllocator(&custom);
+  {
+    QelModel m(e2);
+    ItemI* a = Item(e2);
+    const QelExtractableList& list = m.getImpl()->getMembers();
+    void* headLink = const_cast<QelExtractableList::Node**>(list.getHeadLink());
+    void* tailField = const_cast<QelExtractableList::Node***>(list.getTailField());
+    m.add(QelExtractable(a));
+    // The add reported the location the tail designated (the head link of
+    // the empty list), then the tail-link field.
+    EXPECT_EQ(custom.locations, (std::vector<void*>{headLink, tailField}));
+    custom.locations.clear();
+    m.remove(QelExtractable(a));
+    // Removing the last node: the tail field moves back, then the link that
+    // held the node (the head link) is overwritten.
+    EXPECT_EQ(custom.locations, (std::vector<void*>{tailField, headLink}));
+    EXPECT_GT(custom.allocs, 0);
+    m.end();
+    a->end();
+  }
+  e2.getImpl()->setCustomAllocator(nullptr);
+  e2.end();
+}

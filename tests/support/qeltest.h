@@ -1,0 +1,103 @@
+// Helpers shared by the tests: a listening algorithm that records every
+// notice it receives, a change visitor that records the structural calls,
+// and a memory baseline that checks an environment got its memory back.
+#ifndef QEL_TESTS_SUPPORT_QELTEST_H
+#define QEL_TESTS_SUPPORT_QELTEST_H
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <qel/qel.h>
+
+namespace qeltest {
+
+/// One structural call a change visitor received.
+struct VisitCall {
+  std::string kind;  ///< "add" or "remove"
+  QelExtractableI* owner;
+  QelExtractableI* sub;
+  bool operator==(const VisitCall& o) const {
+    return kind == o.kind && owner == o.owner && sub == o.sub;
+  }
+};
+
+inline std::ostream& operator<<(std::ostream& os, const VisitCall& c) {
+  return os << c.kind << "(" << c.owner << ", " << c.sub << ")";
+}
+
+/// Records addSubExtractable / removeSubExtractable calls in order.
+class RecordingVisitor : public QelChangeVisitor {
+ public:
+  using QelChangeVisitor::addSubExtractable;
+  using QelChangeVisitor::removeSubExtractable;
+  void addSubExtractable(QelExtractableI* owner, QelExtractableI* sub) override {
+    calls.push_back({"add", owner, sub});
+  }
+  void removeSubExtractable(QelExtractableI* owner, QelExtractableI* sub) override {
+    calls.push_back({"remove", owner, sub});
+  }
+  std::vector<VisitCall> calls;
+};
+
+/// An algorithm that records the class name of every notice it receives
+/// (and the object it concerned), then follows it through its visitor.
+class RecordingAlgorithmI : public QelAlgorithmI {
+ public:
+  explicit RecordingAlgorithmI(QelEnvI* env) : QelAlgorithmI(env) {
+    setChangeVisitor(&visitor);
+  }
+  void notifyChange(const QelExtractableI* x, const QelChange& c) override {
+    notices.push_back(c.getRttiTypeName());
+    objects.push_back(x);
+    QelAlgorithmI::notifyChange(x, c);
+  }
+  RecordingVisitor visitor;
+  std::vector<std::string> notices;
+  std::vector<const QelExtractableI*> objects;
+};
+
+/// Makes a recording algorithm in `env` (ended with the environment, or
+/// with `delete`).
+inline RecordingAlgorithmI* MakeRecorder(QelEnv env) {
+  return QelNewObject<RecordingAlgorithmI>(env.getImpl(), env.getImpl());
+}
+
+/// The bytes an environment has handed out and not got back.
+inline QelInt BytesInUse(QelEnv env) { return env.getImpl()->getBytesInUse(); }
+
+/// What an object prints with its display.
+inline std::string Display(const QelExtractableI* x) {
+  std::ostringstream os;
+  x->display(os);
+  return os.str();
+}
+
+/// What a handle prints with operator<<.
+template <class T>
+std::string Print(const T& x) {
+  std::ostringstream os;
+  os << x;
+  return os.str();
+}
+
+/// Runs `f` and returns the message of the QelException it throws (or
+/// "<no exception>"); a wrong exception type fails the test.
+template <class E, class F>
+std::string MessageOf(F f) {
+  try {
+    f();
+  } catch (const E& e) {
+    return e.getMessage() != nullptr ? e.getMessage() : "<null>";
+  } catch (const std::exception& e) {
+    ADD_FAILURE() << "unexpected exception type: " << e.what();
+    return "<wrong exception>";
+  }
+  return "<no exception>";
+}
+
+}  // namespace qeltest
+
+#endif
