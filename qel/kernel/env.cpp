@@ -78,11 +78,19 @@ QelEnvI::QelEnvI(const QelEnvConfig& config)
     : _memory(new QelMemory(config.smallBlockLimit, config.numClasses,
                             config.freeLists)),
       _largeBlocks(new QelAllocationList()),
-      _allocatorThread(std::this_thread::get_id()),
+      _allocatorThread(CurrentThreadKey()),
       _genAlloc(&_genAllocObject),
       _genAllocObject(this),
       _internalAllocObject(this),
-      _registry(&_internalAllocObject) {}
+      _registry(&_internalAllocObject) {
+  _classes = &_memory->getClass(0);
+  updateFastKey();
+}
+
+std::uintptr_t QelEnvI::CurrentThreadKeySlow() {
+  static thread_local char token;
+  return reinterpret_cast<std::uintptr_t>(&token);
+}
 
 QelEnvI::~QelEnvI() {
   // Everything goes at once: the objects still alive are not destroyed one
@@ -94,7 +102,7 @@ QelEnvI::~QelEnvI() {
 
 // ---- memory ------------------------------------------------------------
 
-void* QelEnvI::alloc(size_t size) const {
+void* QelEnvI::allocSlow(size_t size) const {
   if (!matchesAllocatorThread()) throw QelEnvAllocatorThreadMismatch();
   if (_allocationDisabled) throw QelEnvAllocationDisabled();
   if (_customAllocator != nullptr) return _customAllocator->alloc(size);
@@ -119,7 +127,7 @@ void* QelEnvI::alloc(size_t size) const {
   return _largeBlocks->alloc(s);
 }
 
-void QelEnvI::free(void* p, size_t size) const {
+void QelEnvI::freeSlow(void* p, size_t size) const {
   if (!matchesAllocatorThread()) throw QelEnvAllocatorThreadMismatch();
   if (_allocationDisabled) throw QelEnvAllocationDisabled();
   if (_customAllocator != nullptr) {
@@ -135,7 +143,6 @@ void QelEnvI::free(void* p, size_t size) const {
       c.freeList = p;
     } else {
       c.allocationList->free(p);
-      c.bytesObtained -= c.blockSize;
     }
     c.bytesInUse -= c.blockSize;
     return;
