@@ -242,8 +242,10 @@ template <class N>
 struct QelColumnNotice {
   /// A copy of `n` in `env` memory.
   static N* Copy(const N& n, QelEnvI* env) { return QelNewObject<N>(env, n); }
-  /// Destroys `n` and gives its memory back to `env`.
+  /// Destroys `n` and gives its memory back to `env` (a refused release
+  /// throws before anything is destroyed).
   static void Destroy(N* n, QelEnvI* env) {
+    env->checkThread();
     n->~N();
     env->free(n, sizeof(N));
   }

@@ -6,6 +6,9 @@
 #define QEL_CHANGE_NOTICES_H
 
 #include <qel/change/change.h>
+#include <qel/constraints/alldiff.h>
 #include <qel/model/model.h>
+#include <qel/objective/objectivechange.h>
+#include <qel/constraints/sos.h>
 
 #endif

@@ -15,7 +15,8 @@ QelExtractableI::QelExtractableI(QelEnvI* env, const char* name)
     try {
       setNameNoNotif(name);
     } catch (...) {
-      // Nothing can know the object yet: give its slot back.
+      // Nothing can know the object yet: give its record and slot back.
+      releaseExtension();
       env->unregister(this);
       throw;
     }
@@ -23,30 +24,18 @@ QelExtractableI::QelExtractableI(QelEnvI* env, const char* name)
 }
 
 QelExtractableI::~QelExtractableI() {
+  if (_id >= 0) _env->removeFromAllAndDestroy(this, 1);
   if (QelDecisionExprMap* map = _env->getDecisionExprMapOrNull())
     map->remove(this);
-  if (_extension != nullptr) {
-    QelGenAlloc* alloc = _env->getGeneralAllocator();
-    _extension->end(alloc);
-    alloc->free(_extension, sizeof(QelExtension));
-    _extension = nullptr;
-  }
+  releaseExtension();
 }
 
-void QelExtractableI::operator delete(void* p, size_t size) {
-  // The destructor has run; env and id are still in the block.
-  QelExtractableI* x = static_cast<QelExtractableI*>(p);
-  QelEnvI* env = x->_env;
-  if (x->_id >= 0) env->removeFromAllAndDestroy(x, 1);
-  env->free(p, size);
-}
-
-void QelOnConstructionFailure(const QelExtractableI* x, void* block) {
-  (void)x;
-  // The base constructor completed (its own failures unregister it), then a
-  // derived constructor threw: the slot still names the block.
-  QelExtractableI* dead = static_cast<QelExtractableI*>(block);
-  if (dead->_id >= 0) dead->_env->unregister(dead);
+void QelExtractableI::releaseExtension() {
+  if (_extension == nullptr) return;
+  QelGenAlloc* alloc = _env->getGeneralAllocator();
+  _extension->end(alloc);
+  alloc->free(_extension, sizeof(QelExtension));
+  _extension = nullptr;
 }
 
 // ---- name, location, user object -----------------------------------------

@@ -40,15 +40,11 @@ class QEL_API QelExtractableI : public QelRttiEnvObjectI {
   /// not null, names it without notice.
   QelExtractableI(QelEnvI* env, const char* name = nullptr);
   /// Removes the decision-expression cache entry and releases the extension
-  /// record. Does not unregister the object and sends no notice.
+  /// record. An object still registered (deleted directly, or whose derived
+  /// constructor threw) is first removed from everything with flag 1, while
+  /// its base part is still whole; otherwise it sends no notice. The memory
+  /// goes back to the environment through operator delete.
   ~QelExtractableI() override;
-  /// Gives the block of a deleted object back to its environment; an object
-  /// still registered is first removed from everything (flag 1).
-  static void operator delete(void* p, size_t size);
-  /// Placement form used by QelNewObject.
-  static void* operator new(size_t, void* place) noexcept { return place; }
-  /// Matching placement delete (does nothing).
-  static void operator delete(void*, void*) noexcept {}
 
   // ---- virtual operations, in table order ----------------------------
   /// A copy of this object in `env`; the base throws
@@ -192,10 +188,11 @@ class QEL_API QelExtractableI : public QelRttiEnvObjectI {
 
  private:
   friend class QelEnvI;
-  friend void QelOnConstructionFailure(const QelExtractableI*, void*);
   QelExtension* extension() {
     return QelExtension::getOrMake(_env->getGeneralAllocator(), &_extension);
   }
+  /// Ends the extension record, if any, and gives it back.
+  void releaseExtension();
 
   QelInt _id;
   QelExtension* _extension;

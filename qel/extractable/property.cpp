@@ -114,8 +114,9 @@ void QelNamedPropertySetI::addClonedProperty(const QelNamedPropertyI* p) {
 
 QelNamedPropertyI* QelNamedPropertySetI::getElem(const char* name) const {
   if (name == nullptr) return nullptr;
+  // A property made without a name is never found by name.
   for (QelNamedPropertyI* p = _head; p != nullptr; p = p->_next)
-    if (std::strcmp(p->getName(), name) == 0) return p;
+    if (p->getName() != nullptr && std::strcmp(p->getName(), name) == 0) return p;
   return nullptr;
 }
 

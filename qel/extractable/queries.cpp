@@ -1,6 +1,7 @@
 // The kind queries of the extractable handle.
 #include <qel/kernel/constraint.h>
 #include <qel/model/model.h>
+#include <qel/objective/objective.h>
 
 namespace {
 // One shape for every query pair: test the class, hand back a typed handle.
@@ -18,6 +19,10 @@ Handle As(const QelExtractable& x) {
 QelBool QelExtractable::isConstraint() const { return Is<QelConstraintI>(*this); }
 QelConstraint QelExtractable::asConstraint() const {
   return As<QelConstraint, QelConstraintI>(*this);
+}
+QelBool QelExtractable::isObjective() const { return Is<QelObjectiveI>(*this); }
+QelObjective QelExtractable::asObjective() const {
+  return As<QelObjective, QelObjectiveI>(*this);
 }
 QelBool QelExtractable::isModel() const { return Is<QelModelI>(*this); }
 QelModel QelExtractable::asModel() const { return As<QelModel, QelModelI>(*this); }

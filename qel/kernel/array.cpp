@@ -56,7 +56,8 @@ void QelArrayI::freeStorage() {
 }
 
 void QelArrayI::operator delete(void* p, size_t size) {
-  QelGenAlloc* alloc = static_cast<QelArrayI*>(p)->_alloc;
+  QelGenAlloc* alloc;
+  std::memcpy(&alloc, static_cast<const char*>(p) + sizeof(void*), sizeof alloc);
   alloc->free(p, size);
 }
 
@@ -127,6 +128,10 @@ void QelArrayI::reblock(long newShift, long minCapacity) {
 }
 
 void QelArrayI::grow(long newSize) {
+  // Slots past the size may still hold elements that remove() or clear()
+  // left behind: the new elements start at zero like those of new blocks.
+  long reused = newSize < _capacity ? newSize : _capacity;
+  for (long i = _size; i < reused; ++i) rawAt(i) = 0;
   if (newSize <= _capacity) return;
   long blockElems = 1L << _shift;
   long needed = (newSize + blockElems - 1) / blockElems;

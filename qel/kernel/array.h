@@ -44,7 +44,8 @@ class QEL_API QelArrayI {
   QelArrayI& operator=(const QelArrayI&) = delete;
   /// Releases the blocks.
   virtual ~QelArrayI();
-  /// Gives the array object back to its allocator.
+  /// Gives the array object back to its allocator (read from the raw
+  /// block: the allocator follows the table of virtual operations).
   static void operator delete(void* p, size_t size);
   /// Placement form.
   static void* operator new(size_t, void* place) noexcept { return place; }

@@ -223,6 +223,13 @@ class QEL_API QelEnvI {
     }
     freeSlow(p, size);
   }
+  /// Throws what alloc and free would throw on this thread now
+  /// (QelEnvAllocatorThreadMismatch, then QelEnvAllocationDisabled), so that
+  /// a caller can check before it destroys what it will then free.
+  void checkThread() const {
+    if (!matchesAllocatorThread()) throw QelEnvAllocatorThreadMismatch();
+    if (_allocationDisabled) throw QelEnvAllocationDisabled();
+  }
   /// Whether the calling thread may allocate in this environment.
   QelBool matchesAllocatorThread() const {
     return CurrentThreadKey() == _allocatorThread;
@@ -403,10 +410,6 @@ class QEL_API QelEnvI {
   void freeSlow(void* p, size_t size) const;
   friend class QelEnvGenAlloc;
   friend class QelEnvInternalAlloc;
-  void checkThread() const {
-    if (!matchesAllocatorThread()) throw QelEnvAllocatorThreadMismatch();
-    if (_allocationDisabled) throw QelEnvAllocationDisabled();
-  }
   void recordLocationSlow(void* address) const;
   void changeSlow(const QelExtractableI* x, const QelChange& c);
   void deliver(QelAlgorithmI* a, const QelExtractableI* x, const QelChange& c);
@@ -484,22 +487,16 @@ class QEL_API QelEnv {
   QelEnvI* _impl;
 };
 
-/// Called when the constructor of an object placed at `block` threw: an
-/// extractable that its base constructor had registered is unregistered.
-QEL_API void QelOnConstructionFailure(const QelExtractableI*, void* block);
-/// Objects that are not extractables need nothing.
-inline void QelOnConstructionFailure(const void*, void*) {}
-
 /// Allocates a T in `env`'s memory and constructs it with `args`; when the
-/// constructor throws, the block goes back to the environment (and an
-/// extractable that was already registered is unregistered).
+/// constructor throws, the block goes back to the environment (an
+/// extractable whose base part was already registered unregisters itself as
+/// its base part is destroyed).
 template <class T, class... Args>
 T* QelNewObject(QelEnvI* env, Args&&... args) {
   void* p = env->alloc(sizeof(T));
   try {
     return new (p) T(std::forward<Args>(args)...);
   } catch (...) {
-    QelOnConstructionFailure(static_cast<T*>(nullptr), p);
     env->free(p, sizeof(T));
     throw;
   }

@@ -19,7 +19,6 @@ QelMemoryManagerObjectI* QelRttiEnvObjectI::getMemoryManager() const {
 }
 
 void QelRttiEnvObjectI::operator delete(void* p, size_t size) {
-  // The destructor has run; the environment pointer is still in the block.
-  QelEnvI* env = static_cast<QelRttiEnvObjectI*>(p)->_env;
-  env->free(p, size);
+  // The destructor has run: the environment is read from the raw block.
+  EnvOfBlock(p)->free(p, size);
 }

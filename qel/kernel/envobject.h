@@ -7,6 +7,7 @@
 #define QEL_KERNEL_ENVOBJECT_H
 
 #include <cstddef>
+#include <cstring>
 
 #include <qel/kernel/rtti.h>
 
@@ -41,6 +42,14 @@ class QEL_API QelRttiEnvObjectI {
   static void operator delete(void*, void*) noexcept {}
   /// Gives the block of a deleted object back to its environment.
   static void operator delete(void* p, size_t size);
+  /// The environment of the object that occupied `block`, read from the raw
+  /// block after its destructor has run (the layout puts the environment
+  /// right after the table of virtual operations).
+  static QelEnvI* EnvOfBlock(const void* block) {
+    QelEnvI* env;
+    std::memcpy(&env, static_cast<const char*>(block) + sizeof(void*), sizeof env);
+    return env;
+  }
 
  protected:
   /// The owning environment.

@@ -556,6 +556,15 @@ inline QelIntExpr operator-(int c, const QelIntExpr& a) { return QelInt(c) - a; 
 inline QelIntExpr operator*(const QelIntExpr& a, int c) { return a * QelInt(c); }
 inline QelIntExpr operator*(int c, const QelIntExpr& a) { return QelInt(c) * a; }
 
+/// Floating-point numbers with an integer expression give numeric
+/// expressions (without these, x * y + 0.5 would be ambiguous).
+inline QelNumExpr operator+(const QelIntExpr& a, double c) { return static_cast<const QelNumExpr&>(a) + c; }
+inline QelNumExpr operator+(double c, const QelIntExpr& a) { return c + static_cast<const QelNumExpr&>(a); }
+inline QelNumExpr operator-(const QelIntExpr& a, double c) { return static_cast<const QelNumExpr&>(a) - c; }
+inline QelNumExpr operator-(double c, const QelIntExpr& a) { return c - static_cast<const QelNumExpr&>(a); }
+inline QelNumExpr operator*(const QelIntExpr& a, double c) { return static_cast<const QelNumExpr&>(a) * c; }
+inline QelNumExpr operator*(double c, const QelIntExpr& a) { return c * static_cast<const QelNumExpr&>(a); }
+
 // ===========================================================================
 // Expression and variable arrays
 // ===========================================================================

@@ -62,7 +62,8 @@ class QEL_API QelFixedSizeAllocatorI {
   void* freeList = nullptr;
   /// Bytes handed out and not yet given back.
   QelInt bytesInUse = 0;
-  /// Bytes obtained from the system for this class.
+  /// Bytes this class has obtained so far (whole chunks in free-list mode,
+  /// each block otherwise); freeing a block lowers only bytesInUse.
   QelInt bytesObtained = 0;
   /// Where blocks come from when not in free-list mode.
   QelAllocationList* allocationList = nullptr;

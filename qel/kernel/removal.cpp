@@ -256,7 +256,7 @@ void QelEnvI::orderForDestruction(QelExtractableI* y, QelArrayI* order) {
   _table[y->getId()] = OrderingMark;
   DirectSubs visit([this, order](QelExtractableI* c) {
     QelInt id = c->getId();
-    if (id >= 0 && c->getEnv() == this && _table[id] == RemovalMark)
+    if (id >= 0 && c->getEnv() == this && _table[id] == PendingMark)
       orderForDestruction(c, order);
   });
   y->visitSubExtractables(&visit);
@@ -264,29 +264,50 @@ void QelEnvI::orderForDestruction(QelExtractableI* y, QelArrayI* order) {
 }
 
 void QelEnvI::finishRemoval(Removal& r, long from, long to) {
-  // Objects that stay alive get their slots back; objects whose memory is
-  // being released elsewhere are only unregistered.
+  // Objects that stay alive get their slots back. Objects whose memory is
+  // being released elsewhere have already been destroyed: they are only
+  // unregistered, at once, so that the ordering below (which walks the
+  // sub-extractables of what it destroys) never reaches them.
   for (long i = from; i < to; ++i) {
     QelExtractableI* x = ElementOf(r.list, i);
     QelInt kind = QelArrayGet<QelInt>(r.kinds, i);
-    if (kind == KeepAlive) unmark(x);
+    if (kind == KeepAlive) {
+      unmark(x);
+    } else if (kind == MemoryReleased) {
+      unmark(x);
+      unregister(x);
+    }
   }
   QelArrayI* order = QelArrayI::Make(_genAlloc, 0);
+  // Only what this removal destroys is put in order. A sub-extractable that
+  // carries the removal mark of an enclosing removal (one-by-one removals
+  // nest) is left to that removal.
+  for (long i = from; i < to; ++i) {
+    QelExtractableI* x = ElementOf(r.list, i);
+    if (QelArrayGet<QelInt>(r.kinds, i) == Destroy &&
+        _table[x->getId()] == RemovalMark)
+      _table[x->getId()] = PendingMark;
+  }
   try {
     for (long i = from; i < to; ++i) {
       QelExtractableI* x = ElementOf(r.list, i);
       if (QelArrayGet<QelInt>(r.kinds, i) == Destroy &&
-          _table[x->getId()] == RemovalMark)
+          _table[x->getId()] == PendingMark)
         orderForDestruction(x, order);
     }
   } catch (...) {
-    for (long i = 0; i < order->getSize(); ++i) unmark(ElementOf(order, i));
+    for (long i = from; i < to; ++i) {
+      QelExtractableI* x = ElementOf(r.list, i);
+      if (QelArrayGet<QelInt>(r.kinds, i) != Destroy) continue;
+      std::uintptr_t v = _table[x->getId()];
+      if (v == PendingMark || v == OrderingMark) unmark(x);
+    }
     delete order;
     throw;
   }
   for (long i = from; i < to; ++i) {
     QelExtractableI* x = ElementOf(r.list, i);
-    if (QelArrayGet<QelInt>(r.kinds, i) == KeepAlive) continue;
+    if (QelArrayGet<QelInt>(r.kinds, i) != Destroy) continue;
     unmark(x);
     unregister(x);
   }

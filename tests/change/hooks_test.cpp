@@ -29,15 +29,6 @@ QelInt ApplyAddOne(QelAlgorithm a, const QelAddOneToModel* n, void* data) {
   return 42;
 }
 
-// Saves a slot and puts it back when the test ends, whatever happens.
-template <class Slot>
-struct SlotGuard {
-  Slot& slot;
-  Slot saved;
-  explicit SlotGuard(Slot& s) : slot(s), saved(s) {}
-  ~SlotGuard() { slot = saved; }
-};
-
 struct HooksTest : ::testing::Test {
   QelEnv env;
   void SetUp() override { calls.clear(); }

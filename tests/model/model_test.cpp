@@ -347,9 +347,12 @@ TEST_F(ModelTest, CloneIntoAnotherEnvironmentKeepsOrderAndClonesOnce) {
   QelExtractableI* again = target.getImpl()->getClone(a);
   EXPECT_NE(again, cm[1]);
   again->end();
-  clone.end();
-  for (QelExtractableI* e : cm)
-    if (e->getId() >= 0) e->end();
+  // Ending the clones together: one of them holds two others.
+  QelExtractableArray clones(target, 4, clone, QelExtractable(cm[0]), QelExtractable(cm[1]),
+                             QelExtractable(cm[2]));
+  clones.endElements();
+  clones.end();
+  EXPECT_EQ(target.getImpl()->getNumberOfExtractables(), 0);
   EXPECT_EQ(BytesInUse(target), targetBase);
   target.end();
   m.end();

@@ -98,6 +98,22 @@ std::string MessageOf(F f) {
   return "<no exception>";
 }
 
+/// Saves a static hook slot (optionally filling it with `value`) and puts
+/// the saved content back when the scope ends, whatever happens.
+template <class Slot>
+class SlotGuard {
+ public:
+  explicit SlotGuard(Slot& slot) : _slot(slot), _saved(slot) {}
+  SlotGuard(Slot& slot, Slot value) : _slot(slot), _saved(slot) { _slot = value; }
+  ~SlotGuard() { _slot = _saved; }
+  SlotGuard(const SlotGuard&) = delete;
+  SlotGuard& operator=(const SlotGuard&) = delete;
+
+ private:
+  Slot& _slot;
+  Slot _saved;
+};
+
 }  // namespace qeltest
 
 #endif

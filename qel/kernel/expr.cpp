@@ -1,0 +1,1150 @@
+// The expression kernel: variables, linear terms, products, their handles
+// and operators.
+//
+// Both linear-term classes (QelNumLinTermI and QelIntLinTermI) keep their
+// terms in a QelLinearParts; every operation on the parts is written once,
+// below, as free functions and the PartsAppender, and the two classes only
+// forward to them.
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <ostream>
+#include <unordered_map>
+#include <utility>
+
+#include <qel/extractable/visitor.h>
+#include <qel/kernel/expr.h>
+
+QEL_RTTI_DEF(QelNumExprI)
+QEL_RTTI_DEF(QelIntExprI)
+QEL_EXTRACTABLE_DEF(QelNumVarI)
+QEL_EXTRACTABLE_DEF(QelNumLinTermI)
+QEL_EXTRACTABLE_DEF(QelIntLinTermI)
+QEL_EXTRACTABLE_DEF(QelNumProductI)
+
+// ===========================================================================
+// The environment's expression services
+// ===========================================================================
+
+QelLinTermNode* QelEnvI::newTerm(QelNumVarI* v, double coef) {
+  auto* node = static_cast<QelLinTermNode*>(alloc(sizeof(QelLinTermNode)));
+  node->next = nullptr;
+  node->coef = coef;
+  node->var = v;
+  return node;
+}
+
+void QelEnvI::release(QelNumExprI* e) {
+  if (e == nullptr) return;
+  e->unlockExpr();
+  if (e->getUseCount() <= 0 && e->isRefCountedExpr() && e->getId() >= 0 &&
+      !IsMarked(e))
+    e->end();
+}
+
+// ===========================================================================
+// The linear parts, shared by both linear-term classes
+// ===========================================================================
+
+namespace {
+
+// The variable `e` is, or null.
+QelNumVarI* AsVar(const QelNumExprI* e) {
+  return e->isType(QelNumVarI::GetTypeInfo())
+             ? const_cast<QelNumVarI*>(static_cast<const QelNumVarI*>(e))
+             : nullptr;
+}
+
+// The parts of `e` when it is a linear term of either class, else null.
+const QelLinearParts* PartsOf(const QelNumExprI* e) {
+  if (e->isType(QelNumLinTermI::GetTypeInfo()))
+    return &static_cast<const QelNumLinTermI*>(e)->getParts();
+  if (e->isType(QelIntLinTermI::GetTypeInfo()))
+    return &static_cast<const QelIntLinTermI*>(e)->getParts();
+  return nullptr;
+}
+
+// Gives back one use held on `e` (through its own environment).
+void Drop(QelNumExprI* e) { e->getEnv()->release(e); }
+
+void FreeNode(QelEnvI* env, QelLinTermNode* n) { env->free(n, sizeof(QelLinTermNode)); }
+void FreeNode(QelEnvI* env, QelQuadTermNode* n) { env->free(n, sizeof(QelQuadTermNode)); }
+void FreeNode(QelEnvI* env, QelAggregateTermNode* n) {
+  env->free(n, sizeof(QelAggregateTermNode));
+}
+
+// The decision word after terms were removed: the first variable left.
+void RecomputeDecision(QelLinearParts& p) {
+  if (p.head != nullptr)
+    p.decision = p.head->var;
+  else if (p.quadHead != nullptr)
+    p.decision = p.quadHead->var1;
+  else
+    p.decision = nullptr;
+}
+
+// Links a linear node that already holds its variable's use.
+void LinkLinear(QelLinearParts& p, QelLinTermNode* node) {
+  node->next = nullptr;
+  if (p.tail != nullptr)
+    p.tail->next = node;
+  else
+    p.head = node;
+  p.tail = node;
+  p.decision = node->var;
+}
+
+// Gives back every node and every use held, and leaves empty parts (the
+// constant and the bookkeeping word are kept).
+void ClearParts(QelEnvI* env, QelLinearParts& p) {
+  QelLinTermNode* lin = p.head;
+  QelQuadTermNode* quad = p.quadHead;
+  QelAggregateTermNode* agg = p.aggHead;
+  p.head = p.tail = nullptr;
+  p.quadHead = nullptr;
+  p.aggHead = nullptr;
+  p.decision = nullptr;
+  while (lin != nullptr) {
+    QelLinTermNode* next = lin->next;
+    QelNumVarI* x = lin->var;
+    FreeNode(env, lin);
+    Drop(x);
+    lin = next;
+  }
+  while (quad != nullptr) {
+    QelQuadTermNode* next = quad->next;
+    QelNumVarI* x = quad->var1;
+    QelNumVarI* y = quad->var2;
+    FreeNode(env, quad);
+    Drop(x);
+    Drop(y);
+    quad = next;
+  }
+  while (agg != nullptr) {
+    QelAggregateTermNode* next = agg->next;
+    QelNumExprI* e = agg->expr;
+    FreeNode(env, agg);
+    Drop(e);
+    agg = next;
+  }
+}
+
+template <class Node>
+long CountNodes(const Node* n) {
+  long k = 0;
+  for (; n != nullptr; n = n->next) ++k;
+  return k;
+}
+
+// The degree of `e` as a polynomial in its variables: 0 for a constant, 1
+// or 2, or -1 when unknown (a term with aggregates, a product, anything
+// that is no linear term).
+int DegreeOf(const QelNumExprI* e) {
+  if (AsVar(e) != nullptr) return 1;
+  const QelLinearParts* p = PartsOf(e);
+  if (p == nullptr || p->aggHead != nullptr) return -1;
+  if (p->quadHead != nullptr) return 2;
+  return p->head != nullptr ? 1 : 0;
+}
+
+// Whether the product of `a` and `b` can be written as a linear term: one
+// of them is a constant, or both are of degree 1.
+bool ProductIsQuadratic(const QelNumExprI* a, const QelNumExprI* b) {
+  int da = DegreeOf(a);
+  int db = DegreeOf(b);
+  return da == 0 || db == 0 || (da == 1 && db == 1);
+}
+
+// Appends terms to a linear parts. The ends of the quadratic and aggregate
+// lists (which the parts do not store) are found once, so that bulk
+// additions stay linear in the number of terms. Every addition allocates
+// its node before it changes anything, and each node takes one use of
+// each variable or sub-expression it holds.
+class PartsAppender {
+ public:
+  PartsAppender(QelEnvI* env, QelLinearParts& p) : _env(env), _p(p) {
+    _quadEnd = &p.quadHead;
+    while (*_quadEnd != nullptr) _quadEnd = &(*_quadEnd)->next;
+    _aggEnd = &p.aggHead;
+    while (*_aggEnd != nullptr) _aggEnd = &(*_aggEnd)->next;
+  }
+
+  void constant(double c) { _p.constant += c; }
+
+  void linear(double coef, QelNumVarI* x) {
+    QelLinTermNode* node = _env->newTerm(x, coef);
+    x->lockExpr();
+    LinkLinear(_p, node);
+  }
+
+  void quadratic(double coef, QelNumVarI* x, QelNumVarI* y) {
+    auto* node = static_cast<QelQuadTermNode*>(_env->alloc(sizeof(QelQuadTermNode)));
+    node->next = nullptr;
+    node->coef = coef;
+    node->var1 = x;
+    node->var2 = y;
+    x->lockExpr();
+    y->lockExpr();
+    *_quadEnd = node;
+    _quadEnd = &node->next;
+    _p.decision = x;
+  }
+
+  void aggregate(double coef, QelNumExprI* e) {
+    auto* node =
+        static_cast<QelAggregateTermNode*>(_env->alloc(sizeof(QelAggregateTermNode)));
+    node->next = nullptr;
+    node->coef = coef;
+    node->expr = e;
+    e->lockExpr();
+    *_aggEnd = node;
+    _aggEnd = &node->next;
+  }
+
+  // Adds factor * (the parts of `from`), each variable and sub-expression
+  // passed through `map` (identity, or the clone of a copy operation).
+  // `from` may be the very parts being appended to: only the terms present
+  // at the start are read.
+  template <class Map>
+  void parts(const QelLinearParts& from, double factor, Map map) {
+    long nLin = CountNodes(from.head);
+    long nQuad = CountNodes(from.quadHead);
+    long nAgg = CountNodes(from.aggHead);
+    double c = from.constant;
+    const QelLinTermNode* lin = from.head;
+    for (long k = 0; k < nLin; ++k, lin = lin->next)
+      linear(factor * lin->coef, map(lin->var));
+    const QelQuadTermNode* quad = from.quadHead;
+    for (long k = 0; k < nQuad; ++k, quad = quad->next)
+      quadratic(factor * quad->coef, map(quad->var1), map(quad->var2));
+    const QelAggregateTermNode* agg = from.aggHead;
+    for (long k = 0; k < nAgg; ++k, agg = agg->next)
+      aggregate(factor * agg->coef, map(agg->expr));
+    constant(factor * c);
+  }
+
+  // Adds factor * e: the parts of a linear term, factor * x for a
+  // variable, an aggregate term for anything else.
+  void scaled(const QelNumExprI* e, double factor) {
+    if (const QelLinearParts* from = PartsOf(e)) {
+      parts(*from, factor, [](auto* x) { return x; });
+    } else if (QelNumVarI* x = AsVar(e)) {
+      linear(factor, x);
+    } else {
+      aggregate(factor, const_cast<QelNumExprI*>(e));
+    }
+  }
+
+  // Adds a * b, for operands accepted by ProductIsQuadratic.
+  void product(const QelNumExprI* a, const QelNumExprI* b) {
+    if (DegreeOf(a) == 0) {
+      scaled(b, PartsOf(a)->constant);
+      return;
+    }
+    if (DegreeOf(b) == 0) {
+      scaled(a, PartsOf(b)->constant);
+      return;
+    }
+    // (ca + sum ai xi) * (cb + sum bj yj)
+    //   = sum ai bj xi yj + cb sum ai xi + ca sum bj yj + ca cb
+    double ca = PartsOf(a) != nullptr ? PartsOf(a)->constant : 0;
+    double cb = PartsOf(b) != nullptr ? PartsOf(b)->constant : 0;
+    ForEachLinear(a, [&](double ai, QelNumVarI* x) {
+      ForEachLinear(b, [&](double bj, QelNumVarI* y) { quadratic(ai * bj, x, y); });
+    });
+    if (cb != 0) ForEachLinear(a, [&](double ai, QelNumVarI* x) { linear(cb * ai, x); });
+    if (ca != 0) ForEachLinear(b, [&](double bj, QelNumVarI* y) { linear(ca * bj, y); });
+    constant(ca * cb);
+  }
+
+ private:
+  // Calls f(coef, var) for each linear term of a degree-1 operand (a
+  // variable x is the one term 1 * x).
+  template <class F>
+  static void ForEachLinear(const QelNumExprI* e, F f) {
+    if (QelNumVarI* x = AsVar(e)) {
+      f(1.0, x);
+      return;
+    }
+    for (const QelLinTermNode* n = PartsOf(e)->head; n != nullptr; n = n->next)
+      f(n->coef, n->var);
+  }
+
+  QelEnvI* _env;
+  QelLinearParts& _p;
+  QelQuadTermNode** _quadEnd;
+  QelAggregateTermNode** _aggEnd;
+};
+
+double EvalParts(const QelLinearParts& p, QelAlgorithm alg) {
+  QelAlgorithmI* a = alg.getImpl();
+  if (a == nullptr) throw QelEmptyHandleException();
+  double v = p.constant;
+  for (const QelLinTermNode* n = p.head; n != nullptr; n = n->next)
+    v += n->coef * a->getValue(n->var);
+  for (const QelQuadTermNode* n = p.quadHead; n != nullptr; n = n->next)
+    v += n->coef * a->getValue(n->var1) * a->getValue(n->var2);
+  for (const QelAggregateTermNode* n = p.aggHead; n != nullptr; n = n->next)
+    v += n->coef * n->expr->eval(alg);
+  return v;
+}
+
+// Writes the sign and coefficient in front of a term: nothing for 1, "-"
+// for -1, "c * " otherwise; later terms are joined with " + " or " - ".
+void WriteCoef(std::ostream& os, double coef, bool first) {
+  if (first) {
+    if (coef == 1) return;
+    if (coef == -1) {
+      os << "-";
+      return;
+    }
+    os << coef << " * ";
+    return;
+  }
+  if (coef == 1) {
+    os << " + ";
+  } else if (coef == -1) {
+    os << " - ";
+  } else if (coef < 0) {
+    os << " - " << -coef << " * ";
+  } else {
+    os << " + " << coef << " * ";
+  }
+}
+
+void DisplayParts(const QelLinearParts& p, std::ostream& os) {
+  bool first = true;
+  for (const QelLinTermNode* n = p.head; n != nullptr; n = n->next) {
+    WriteCoef(os, n->coef, first);
+    n->var->display(os);
+    first = false;
+  }
+  for (const QelQuadTermNode* n = p.quadHead; n != nullptr; n = n->next) {
+    WriteCoef(os, n->coef, first);
+    n->var1->display(os);
+    os << " * ";
+    n->var2->display(os);
+    first = false;
+  }
+  for (const QelAggregateTermNode* n = p.aggHead; n != nullptr; n = n->next) {
+    WriteCoef(os, n->coef, first);
+    os << "(";
+    n->expr->display(os);
+    os << ")";
+    first = false;
+  }
+  double c = p.constant;
+  if (first) {
+    os << (c == 0 ? 0.0 : c);
+  } else if (c > 0) {
+    os << " + " << c;
+  } else if (c < 0) {
+    os << " - " << -c;
+  } else if (c != c) {
+    os << " + " << c;
+  }
+}
+
+void VisitParts(QelExtractableI* self, const QelLinearParts& p,
+                QelExtractableVisitor* v) {
+  v->beginVisit(self);
+  for (const QelLinTermNode* n = p.head; n != nullptr; n = n->next)
+    v->visitChildren(self, n->var);
+  for (const QelQuadTermNode* n = p.quadHead; n != nullptr; n = n->next) {
+    v->visitChildren(self, n->var1);
+    v->visitChildren(self, n->var2);
+  }
+  for (const QelAggregateTermNode* n = p.aggHead; n != nullptr; n = n->next)
+    v->visitChildren(self, n->expr);
+  v->endVisit(self);
+}
+
+bool SamePair(const QelQuadTermNode* n, const QelNumVarI* x, const QelNumVarI* y) {
+  return (n->var1 == x && n->var2 == y) || (n->var1 == y && n->var2 == x);
+}
+
+double SetCoef(QelEnvI* env, QelLinearParts& p, QelNumVarI* x, double coef) {
+  QelLinTermNode* first = p.head;
+  while (first != nullptr && first->var != x) first = first->next;
+  // Allocate before changing anything.
+  QelLinTermNode* fresh = (first == nullptr && coef != 0) ? env->newTerm(x, coef) : nullptr;
+  double before = 0;
+  bool removed = false;
+  QelLinTermNode* prev = nullptr;
+  for (QelLinTermNode* n = p.head; n != nullptr;) {
+    QelLinTermNode* next = n->next;
+    if (n->var != x) {
+      prev = n;
+    } else {
+      before += n->coef;
+      if (n == first && coef != 0) {
+        n->coef = coef;
+        prev = n;
+      } else {
+        if (prev != nullptr)
+          prev->next = next;
+        else
+          p.head = next;
+        if (p.tail == n) p.tail = prev;
+        FreeNode(env, n);
+        Drop(x);
+        removed = true;
+      }
+    }
+    n = next;
+  }
+  if (removed) RecomputeDecision(p);
+  if (fresh != nullptr) {
+    x->lockExpr();
+    LinkLinear(p, fresh);
+  }
+  return before;
+}
+
+double SetQuadCoef(QelEnvI* env, QelLinearParts& p, QelNumVarI* x, QelNumVarI* y,
+                   double coef) {
+  QelQuadTermNode* first = p.quadHead;
+  while (first != nullptr && !SamePair(first, x, y)) first = first->next;
+  QelQuadTermNode* fresh = nullptr;
+  if (first == nullptr && coef != 0) {
+    fresh = static_cast<QelQuadTermNode*>(env->alloc(sizeof(QelQuadTermNode)));
+    fresh->next = nullptr;
+    fresh->coef = coef;
+    fresh->var1 = x;
+    fresh->var2 = y;
+  }
+  double before = 0;
+  bool removed = false;
+  QelQuadTermNode** link = &p.quadHead;
+  while (*link != nullptr) {
+    QelQuadTermNode* n = *link;
+    if (!SamePair(n, x, y)) {
+      link = &n->next;
+      continue;
+    }
+    before += n->coef;
+    if (n == first && coef != 0) {
+      // The one node left for the pair, written in the order asked for.
+      n->coef = coef;
+      n->var1 = x;
+      n->var2 = y;
+      link = &n->next;
+      continue;
+    }
+    *link = n->next;
+    QelNumVarI* v1 = n->var1;
+    QelNumVarI* v2 = n->var2;
+    FreeNode(env, n);
+    Drop(v1);
+    Drop(v2);
+    removed = true;
+  }
+  if (removed) RecomputeDecision(p);
+  if (fresh != nullptr) {
+    x->lockExpr();
+    y->lockExpr();
+    *link = fresh;
+    p.decision = x;
+  }
+  return before;
+}
+
+struct PairHash {
+  std::size_t operator()(const std::pair<const QelNumVarI*, const QelNumVarI*>& k) const {
+    std::size_t a = std::hash<const QelNumVarI*>()(k.first);
+    std::size_t b = std::hash<const QelNumVarI*>()(k.second);
+    return a ^ (b + 0x9E3779B97F4A7C15ULL + (a << 6) + (a >> 2));
+  }
+};
+
+void Normalize(QelEnvI* env, QelLinearParts& p) {
+  // Merge every later node of a variable into its first node.
+  {
+    std::unordered_map<const QelNumVarI*, QelLinTermNode*> firstOf;
+    QelLinTermNode* prev = nullptr;
+    for (QelLinTermNode* n = p.head; n != nullptr;) {
+      QelLinTermNode* next = n->next;
+      auto found = firstOf.find(n->var);
+      if (found == firstOf.end()) {
+        firstOf.emplace(n->var, n);
+        prev = n;
+      } else {
+        found->second->coef += n->coef;
+        prev->next = next;  // a first node precedes n, so prev is set
+        QelNumVarI* x = n->var;
+        FreeNode(env, n);
+        Drop(x);
+      }
+      n = next;
+    }
+  }
+  {
+    using Key = std::pair<const QelNumVarI*, const QelNumVarI*>;
+    std::unordered_map<Key, QelQuadTermNode*, PairHash> firstOf;
+    QelQuadTermNode** link = &p.quadHead;
+    while (*link != nullptr) {
+      QelQuadTermNode* n = *link;
+      Key key = std::less<const QelNumVarI*>()(n->var1, n->var2)
+                    ? Key(n->var1, n->var2)
+                    : Key(n->var2, n->var1);
+      auto found = firstOf.find(key);
+      if (found == firstOf.end()) {
+        firstOf.emplace(key, n);
+        link = &n->next;
+        continue;
+      }
+      found->second->coef += n->coef;
+      *link = n->next;
+      QelNumVarI* v1 = n->var1;
+      QelNumVarI* v2 = n->var2;
+      FreeNode(env, n);
+      Drop(v1);
+      Drop(v2);
+    }
+  }
+  // Drop the zero coefficients.
+  QelLinTermNode* prev = nullptr;
+  for (QelLinTermNode* n = p.head; n != nullptr;) {
+    QelLinTermNode* next = n->next;
+    if (n->coef == 0) {
+      if (prev != nullptr)
+        prev->next = next;
+      else
+        p.head = next;
+      QelNumVarI* x = n->var;
+      FreeNode(env, n);
+      Drop(x);
+    } else {
+      prev = n;
+    }
+    n = next;
+  }
+  p.tail = prev;
+  QelQuadTermNode** link = &p.quadHead;
+  while (*link != nullptr) {
+    QelQuadTermNode* n = *link;
+    if (n->coef != 0) {
+      link = &n->next;
+      continue;
+    }
+    *link = n->next;
+    QelNumVarI* v1 = n->var1;
+    QelNumVarI* v2 = n->var2;
+    FreeNode(env, n);
+    Drop(v1);
+    Drop(v2);
+  }
+  RecomputeDecision(p);
+}
+
+void ZolNormalize(QelEnvI* env, QelLinearParts& p) {
+  bool changed = false;
+  QelQuadTermNode** link = &p.quadHead;
+  while (*link != nullptr) {
+    QelQuadTermNode* n = *link;
+    QelNumVarI* x = n->var1;
+    if (x != n->var2 || x->getType() != QelVarType::Bool) {
+      link = &n->next;
+      continue;
+    }
+    // x * x = x on 0-1 values: the quadratic node becomes a linear one.
+    QelLinTermNode* lin = env->newTerm(x, n->coef);
+    *link = n->next;
+    FreeNode(env, n);
+    x->lockExpr();
+    LinkLinear(p, lin);
+    Drop(x);
+    Drop(x);
+    changed = true;
+  }
+  if (changed) RecomputeDecision(p);
+}
+
+// Allocates a new linear term of class Term in `env` and lets `fill` add
+// its parts; if filling fails, the term is ended (giving back what it took).
+template <class Term, class Fill>
+Term* MakeTerm(QelEnvI* env, Fill fill) {
+  Term* t = QelNewObject<Term>(env, env);
+  try {
+    PartsAppender out(env, t->getParts());
+    fill(out);
+  } catch (...) {
+    t->end();
+    throw;
+  }
+  return t;
+}
+
+// A new term of class Term in `env`: the parts of `from` with every
+// variable and sub-expression replaced by its clone in `env`.
+template <class Term>
+Term* CloneTerm(QelEnvI* env, const QelLinearParts& from) {
+  return MakeTerm<Term>(env, [env, &from](PartsAppender& out) {
+    out.parts(from, 1.0, [env](auto* x) {
+      return static_cast<decltype(x)>(env->getClone(x));
+    });
+  });
+}
+
+// Whether `e` only takes integer values: an integral expression, or a
+// linear term all of whose coefficients, constant and holdings are.
+bool IsIntegralExpr(const QelNumExprI* e) {
+  if (e->isIntegral()) return true;
+  const QelLinearParts* p = PartsOf(e);
+  if (p == nullptr) return false;
+  auto whole = [](double v) { return std::floor(v) == v; };
+  if (!whole(p->constant)) return false;
+  for (const QelLinTermNode* n = p->head; n != nullptr; n = n->next)
+    if (!whole(n->coef) || !n->var->isIntegral()) return false;
+  for (const QelQuadTermNode* n = p->quadHead; n != nullptr; n = n->next)
+    if (!whole(n->coef) || !n->var1->isIntegral() || !n->var2->isIntegral())
+      return false;
+  for (const QelAggregateTermNode* n = p->aggHead; n != nullptr; n = n->next)
+    if (!whole(n->coef) || !IsIntegralExpr(n->expr)) return false;
+  return true;
+}
+
+void RequireIntegral(bool ok, const char* what) {
+  if (!ok) throw QelWrongUsage(what);
+}
+
+}  // namespace
+
+// ===========================================================================
+// QelNumExprI, QelIntExprI
+// ===========================================================================
+
+QelNumExprI::~QelNumExprI() = default;
+QelBool QelNumExprI::isNumExpr() { return true; }
+QelBool QelNumExprI::isIntegral() const { return false; }
+double QelNumExprI::getConstant() const { return 0; }
+QelBool QelNumExprI::isLinear() const { return true; }
+
+QelNumLinTermI* QelNumExprI::takeForKeeping() {
+  return MakeTerm<QelNumLinTermI>(_env, [this](PartsAppender& out) { out.scaled(this, 1.0); });
+}
+
+QelBool QelIntExprI::isIntegral() const { return true; }
+
+// ===========================================================================
+// QelNumVarI
+// ===========================================================================
+
+QelNumVarI::QelNumVarI(QelEnvI* env, double lb, double ub, QelVarType type,
+                       const char* name)
+    : QelIntExprI(env, name), _lb(lb), _ub(ub), _type(type) {}
+
+double QelNumVarI::eval(QelAlgorithm alg) const {
+  if (alg.getImpl() == nullptr) throw QelEmptyHandleException();
+  return alg.getImpl()->getValue(this);
+}
+
+QelBool QelNumVarI::isIntegral() const { return _type != QelVarType::Float; }
+
+QelNumExprI* QelNumVarI::makeCopy() const {
+  QelNumVarI* self = const_cast<QelNumVarI*>(this);
+  return MakeTerm<QelNumLinTermI>(_env, [self](PartsAppender& out) { out.linear(1.0, self); });
+}
+
+QelBool QelNumVarI::isNumVar() { return true; }
+
+QelExtractableI* QelNumVarI::makeClone(QelEnvI* env) const {
+  return QelNewObject<QelNumVarI>(env, env, _lb, _ub, _type);
+}
+
+void QelNumVarI::visitSubExtractables(QelExtractableVisitor* v) {
+  v->beginVisit(this);
+  v->endVisit(this);
+}
+
+void QelNumVarI::display(std::ostream& os) const {
+  switch (_type) {
+    case QelVarType::Float:
+      printNameOrId(os, "QelNumVar");
+      break;
+    case QelVarType::Int:
+      printNameOrId(os, "QelIntVar");
+      break;
+    case QelVarType::Bool:
+      printNameOrId(os, "QelBoolVar");
+      break;
+  }
+}
+
+// ===========================================================================
+// QelNumLinTermI
+// ===========================================================================
+
+QelNumLinTermI::QelNumLinTermI(QelEnvI* env, double constant, const char* name)
+    : QelNumExprI(env, name) {
+  _parts.constant = constant;
+}
+
+QelNumLinTermI::~QelNumLinTermI() { ClearParts(_env, _parts); }
+
+QelBool QelNumLinTermI::isRefCountedExpr() const { return true; }
+
+QelExtractableI* QelNumLinTermI::makeClone(QelEnvI* env) const {
+  return CloneTerm<QelNumLinTermI>(env, _parts);
+}
+
+void QelNumLinTermI::visitSubExtractables(QelExtractableVisitor* v) {
+  VisitParts(this, _parts, v);
+}
+
+void QelNumLinTermI::display(std::ostream& os) const { DisplayParts(_parts, os); }
+
+QelBool QelNumLinTermI::isDecisionExpr() const {
+  return _parts.decision != nullptr || QelNumExprI::isDecisionExpr();
+}
+
+void QelNumLinTermI::resetExprUsed() { _parts.exprUsed = -1; }
+QelInt QelNumLinTermI::getExprUsed() const { return _parts.exprUsed; }
+double QelNumLinTermI::eval(QelAlgorithm alg) const { return EvalParts(_parts, alg); }
+QelNumLinTermI* QelNumLinTermI::takeForKeeping() { return this; }
+
+QelNumExprI* QelNumLinTermI::makeCopy() const {
+  return MakeTerm<QelNumLinTermI>(
+      _env, [this](PartsAppender& out) { out.scaled(this, 1.0); });
+}
+
+double QelNumLinTermI::getConstant() const { return _parts.constant; }
+
+QelBool QelNumLinTermI::isLinear() const {
+  return _parts.quadHead == nullptr && _parts.aggHead == nullptr;
+}
+
+double QelNumLinTermI::setCoef(const QelNumVar& x, double coef) {
+  if (x.getImpl() == nullptr) throw QelEmptyHandleException();
+  return SetCoef(_env, _parts, x.getImpl(), coef);
+}
+
+void QelNumLinTermI::setCoef(const QelNumVarArray& xs, const QelNumArray& coefs,
+                             const QelNumArray& previous) {
+  long n = xs.getSize();
+  if (coefs.getSize() != n)
+    throw QelWrongUsage("QelNumLinTermI::setCoef: arrays of different sizes");
+  for (long i = 0; i < n; ++i)
+    if (xs.getElement(i) == nullptr) throw QelEmptyHandleException();
+  for (long i = 0; i < n; ++i) {
+    double before = setCoef(xs[i], coefs[i]);
+    // A previous array that is too short grows; an empty handle is skipped.
+    if (previous.getImpl() == nullptr) continue;
+    if (i < previous.getSize())
+      previous.set(i, before);
+    else
+      previous.add(before);
+  }
+}
+
+double QelNumLinTermI::setQuadCoef(const QelNumVar& x, const QelNumVar& y, double coef) {
+  if (x.getImpl() == nullptr || y.getImpl() == nullptr)
+    throw QelEmptyHandleException();
+  return SetQuadCoef(_env, _parts, x.getImpl(), y.getImpl(), coef);
+}
+
+void QelNumLinTermI::normalize() { Normalize(_env, _parts); }
+void QelNumLinTermI::zolNormalization() { ZolNormalize(_env, _parts); }
+QelBool QelNumLinTermI::containsAggregate() const { return _parts.aggHead != nullptr; }
+
+void QelNumLinTermI::appendTerm(QelLinTermNode* node) {
+  if (node == nullptr || node->var == nullptr) throw QelEmptyHandleException();
+  node->var->lockExpr();
+  LinkLinear(_parts, node);
+}
+
+void QelNumLinTermI::addTerm(double coef, QelNumVarI* x) {
+  if (x == nullptr) throw QelEmptyHandleException();
+  PartsAppender(_env, _parts).linear(coef, x);
+}
+
+void QelNumLinTermI::addQuadTerm(double coef, QelNumVarI* x, QelNumVarI* y) {
+  if (x == nullptr || y == nullptr) throw QelEmptyHandleException();
+  PartsAppender(_env, _parts).quadratic(coef, x, y);
+}
+
+void QelNumLinTermI::addAggregate(double coef, QelNumExprI* e) {
+  if (e == nullptr) throw QelEmptyHandleException();
+  PartsAppender(_env, _parts).aggregate(coef, e);
+}
+
+void QelNumLinTermI::addScaled(const QelNumExprI* other, double factor) {
+  if (other == nullptr) throw QelEmptyHandleException();
+  PartsAppender(_env, _parts).scaled(other, factor);
+}
+
+// ===========================================================================
+// QelIntLinTermI
+// ===========================================================================
+
+QelIntLinTermI::QelIntLinTermI(QelEnvI* env, QelInt constant, const char* name)
+    : QelIntExprI(env, name) {
+  _parts.constant = static_cast<double>(constant);
+}
+
+QelIntLinTermI::~QelIntLinTermI() { ClearParts(_env, _parts); }
+
+QelBool QelIntLinTermI::isRefCountedExpr() const { return true; }
+
+QelExtractableI* QelIntLinTermI::makeClone(QelEnvI* env) const {
+  return CloneTerm<QelIntLinTermI>(env, _parts);
+}
+
+void QelIntLinTermI::visitSubExtractables(QelExtractableVisitor* v) {
+  VisitParts(this, _parts, v);
+}
+
+void QelIntLinTermI::display(std::ostream& os) const { DisplayParts(_parts, os); }
+
+QelBool QelIntLinTermI::isDecisionExpr() const {
+  return _parts.decision != nullptr || QelIntExprI::isDecisionExpr();
+}
+
+void QelIntLinTermI::resetExprUsed() { _parts.exprUsed = -1; }
+QelInt QelIntLinTermI::getExprUsed() const { return _parts.exprUsed; }
+double QelIntLinTermI::eval(QelAlgorithm alg) const { return EvalParts(_parts, alg); }
+
+QelNumLinTermI* QelIntLinTermI::takeForKeeping() { return QelIntExprI::takeForKeeping(); }
+
+QelNumExprI* QelIntLinTermI::makeCopy() const {
+  return MakeTerm<QelIntLinTermI>(
+      _env, [this](PartsAppender& out) { out.scaled(this, 1.0); });
+}
+
+double QelIntLinTermI::getConstant() const { return _parts.constant; }
+
+QelBool QelIntLinTermI::isLinear() const {
+  return _parts.quadHead == nullptr && _parts.aggHead == nullptr;
+}
+
+void QelIntLinTermI::addTerm(QelInt coef, QelNumVarI* x) {
+  if (x == nullptr) throw QelEmptyHandleException();
+  RequireIntegral(x->isIntegral(), "QelIntLinTermI::addTerm: the variable is not integral");
+  PartsAppender(_env, _parts).linear(static_cast<double>(coef), x);
+}
+
+void QelIntLinTermI::addQuadTerm(QelInt coef, QelNumVarI* x, QelNumVarI* y) {
+  if (x == nullptr || y == nullptr) throw QelEmptyHandleException();
+  RequireIntegral(x->isIntegral() && y->isIntegral(),
+                  "QelIntLinTermI::addQuadTerm: a variable is not integral");
+  PartsAppender(_env, _parts).quadratic(static_cast<double>(coef), x, y);
+}
+
+void QelIntLinTermI::addAggregate(QelInt coef, QelNumExprI* e) {
+  if (e == nullptr) throw QelEmptyHandleException();
+  RequireIntegral(IsIntegralExpr(e),
+                  "QelIntLinTermI::addAggregate: the expression is not integral");
+  PartsAppender(_env, _parts).aggregate(static_cast<double>(coef), e);
+}
+
+void QelIntLinTermI::addScaled(const QelNumExprI* other, QelInt factor) {
+  if (other == nullptr) throw QelEmptyHandleException();
+  RequireIntegral(IsIntegralExpr(other),
+                  "QelIntLinTermI::addScaled: the expression is not integral");
+  PartsAppender(_env, _parts).scaled(other, static_cast<double>(factor));
+}
+
+// ===========================================================================
+// QelNumProductI
+// ===========================================================================
+
+namespace {
+QelNumExprI* RequireFactor(QelNumExprI* e) {
+  if (e == nullptr) throw QelEmptyHandleException();
+  return e;
+}
+}  // namespace
+
+QelNumProductI::QelNumProductI(QelEnvI* env, QelNumExprI* left, QelNumExprI* right)
+    : QelNumExprI(env), _left(RequireFactor(left)), _right(RequireFactor(right)) {
+  _left->lockExpr();
+  _right->lockExpr();
+}
+
+QelNumProductI::~QelNumProductI() {
+  Drop(_left);
+  Drop(_right);
+}
+
+QelBool QelNumProductI::isRefCountedExpr() const { return true; }
+
+QelExtractableI* QelNumProductI::makeClone(QelEnvI* env) const {
+  auto* left = static_cast<QelNumExprI*>(env->getClone(_left));
+  auto* right = static_cast<QelNumExprI*>(env->getClone(_right));
+  return QelNewObject<QelNumProductI>(env, env, left, right);
+}
+
+void QelNumProductI::visitSubExtractables(QelExtractableVisitor* v) {
+  v->beginVisit(this);
+  v->visitChildren(this, _left);
+  v->visitChildren(this, _right);
+  v->endVisit(this);
+}
+
+void QelNumProductI::display(std::ostream& os) const {
+  os << "(";
+  _left->display(os);
+  os << ") * (";
+  _right->display(os);
+  os << ")";
+}
+
+double QelNumProductI::eval(QelAlgorithm alg) const {
+  return _left->eval(alg) * _right->eval(alg);
+}
+
+QelBool QelNumProductI::isIntegral() const {
+  return IsIntegralExpr(_left) && IsIntegralExpr(_right);
+}
+
+QelNumExprI* QelNumProductI::makeCopy() const {
+  return QelNewObject<QelNumProductI>(_env, _env, _left, _right);
+}
+
+QelBool QelNumProductI::isLinear() const { return false; }
+
+void QelTestIsLinear(QelNumExprI* e) {
+  if (e == nullptr) throw QelEmptyHandleException();
+  if (!e->isLinear()) throw QelWrongUsage("QelTestIsLinear: expression is not linear");
+}
+
+// ===========================================================================
+// Handles
+// ===========================================================================
+
+namespace {
+
+QelEnvI* EnvOf(const QelEnv& env) {
+  if (env.getImpl() == nullptr) throw QelEmptyHandleException("QelEnv: using empty handle");
+  return env.getImpl();
+}
+
+QelNumExprI* ImplOf(const QelNumExpr& e) {
+  if (e.getImpl() == nullptr) throw QelEmptyHandleException();
+  return e.getImpl();
+}
+
+QelNumVarI* NewVar(const QelEnv& env, double lb, double ub, QelVarType type,
+                   const char* name) {
+  QelEnvI* e = EnvOf(env);
+  return QelNewObject<QelNumVarI>(e, e, lb, ub, type, name);
+}
+
+}  // namespace
+
+QelNumExpr::QelNumExpr(QelEnv env, double value)
+    : QelHandle<QelNumExprI, QelExtractable>(
+          QelNewObject<QelNumLinTermI>(EnvOf(env), EnvOf(env), value)) {}
+
+QelNumExpr::LinearIterator QelNumExpr::getLinearIterator() const {
+  return LinearIterator(PartsOf(ImplOf(*this)));
+}
+
+QelNumExpr::QuadIterator QelNumExpr::getQuadIterator() const {
+  return QuadIterator(PartsOf(ImplOf(*this)));
+}
+
+double QelNumExpr::getConstant() const { return ImplOf(*this)->getConstant(); }
+
+QelIntExpr::QelIntExpr(QelEnv env, QelInt value)
+    : QelIntExpr(QelNewObject<QelIntLinTermI>(EnvOf(env), EnvOf(env), value)) {}
+
+QelNumVar::QelNumVar(QelEnv env, double lb, double ub, const char* name)
+    : QelNumVar(NewVar(env, lb, ub, QelVarType::Float, name)) {}
+
+QelNumVar::QelNumVar(QelEnv env, double lb, double ub, QelVarType type,
+                     const char* name)
+    : QelNumVar(NewVar(env, lb, ub, type, name)) {}
+
+QelIntVar::QelIntVar(QelEnv env, QelInt lb, QelInt ub, const char* name)
+    : QelIntVar(NewVar(env, static_cast<double>(lb), static_cast<double>(ub),
+                       QelVarType::Int, name)) {}
+
+QelBoolVar::QelBoolVar(QelEnv env, const char* name)
+    : QelIntVar(NewVar(env, 0, 1, QelVarType::Bool, name)) {}
+
+// ===========================================================================
+// Operators
+// ===========================================================================
+
+namespace {
+
+// A new numeric term: constant c plus fa * a (plus fb * b when b is given).
+QelNumExpr NumSum(QelNumExprI* a, double fa, QelNumExprI* b, double fb, double c) {
+  return MakeTerm<QelNumLinTermI>(a->getEnv(), [&](PartsAppender& out) {
+    out.scaled(a, fa);
+    if (b != nullptr) out.scaled(b, fb);
+    out.constant(c);
+  });
+}
+
+QelIntExpr IntSum(QelNumExprI* a, QelInt fa, QelNumExprI* b, QelInt fb, QelInt c) {
+  return MakeTerm<QelIntLinTermI>(a->getEnv(), [&](PartsAppender& out) {
+    out.scaled(a, static_cast<double>(fa));
+    if (b != nullptr) out.scaled(b, static_cast<double>(fb));
+    out.constant(static_cast<double>(c));
+  });
+}
+
+}  // namespace
+
+QelNumExpr operator+(const QelNumExpr& a, const QelNumExpr& b) {
+  return NumSum(ImplOf(a), 1, ImplOf(b), 1, 0);
+}
+QelNumExpr operator+(const QelNumExpr& a, double c) { return NumSum(ImplOf(a), 1, nullptr, 0, c); }
+QelNumExpr operator+(double c, const QelNumExpr& a) { return NumSum(ImplOf(a), 1, nullptr, 0, c); }
+QelNumExpr operator-(const QelNumExpr& a, const QelNumExpr& b) {
+  return NumSum(ImplOf(a), 1, ImplOf(b), -1, 0);
+}
+QelNumExpr operator-(const QelNumExpr& a, double c) { return NumSum(ImplOf(a), 1, nullptr, 0, -c); }
+QelNumExpr operator-(double c, const QelNumExpr& a) { return NumSum(ImplOf(a), -1, nullptr, 0, c); }
+QelNumExpr operator-(const QelNumExpr& a) { return NumSum(ImplOf(a), -1, nullptr, 0, 0); }
+QelNumExpr operator*(const QelNumExpr& a, double c) { return NumSum(ImplOf(a), c, nullptr, 0, 0); }
+QelNumExpr operator*(double c, const QelNumExpr& a) { return NumSum(ImplOf(a), c, nullptr, 0, 0); }
+
+QelNumExpr operator*(const QelNumExpr& a, const QelNumExpr& b) {
+  QelNumExprI* ai = ImplOf(a);
+  QelNumExprI* bi = ImplOf(b);
+  QelEnvI* env = ai->getEnv();
+  if (ProductIsQuadratic(ai, bi))
+    return MakeTerm<QelNumLinTermI>(env, [ai, bi](PartsAppender& out) { out.product(ai, bi); });
+  return QelNewObject<QelNumProductI>(env, env, ai, bi);
+}
+
+QelIntExpr operator+(const QelIntExpr& a, const QelIntExpr& b) {
+  return IntSum(ImplOf(a), 1, ImplOf(b), 1, 0);
+}
+QelIntExpr operator+(const QelIntExpr& a, QelInt c) { return IntSum(ImplOf(a), 1, nullptr, 0, c); }
+QelIntExpr operator+(QelInt c, const QelIntExpr& a) { return IntSum(ImplOf(a), 1, nullptr, 0, c); }
+QelIntExpr operator-(const QelIntExpr& a, const QelIntExpr& b) {
+  return IntSum(ImplOf(a), 1, ImplOf(b), -1, 0);
+}
+QelIntExpr operator-(const QelIntExpr& a, QelInt c) { return IntSum(ImplOf(a), 1, nullptr, 0, -c); }
+QelIntExpr operator-(QelInt c, const QelIntExpr& a) { return IntSum(ImplOf(a), -1, nullptr, 0, c); }
+QelIntExpr operator-(const QelIntExpr& a) { return IntSum(ImplOf(a), -1, nullptr, 0, 0); }
+QelIntExpr operator*(const QelIntExpr& a, QelInt c) { return IntSum(ImplOf(a), c, nullptr, 0, 0); }
+QelIntExpr operator*(QelInt c, const QelIntExpr& a) { return IntSum(ImplOf(a), c, nullptr, 0, 0); }
+
+QelIntExpr operator*(const QelIntExpr& a, const QelIntExpr& b) {
+  QelNumExprI* ai = ImplOf(a);
+  QelNumExprI* bi = ImplOf(b);
+  QelEnvI* env = ai->getEnv();
+  if (ProductIsQuadratic(ai, bi))
+    return MakeTerm<QelIntLinTermI>(env, [ai, bi](PartsAppender& out) { out.product(ai, bi); });
+  // Beyond degree two: an integer term holding the product as its one
+  // aggregate, so that the result stays an integer expression.
+  QelIntLinTermI* t = QelNewObject<QelIntLinTermI>(env, env);
+  try {
+    QelNumProductI* p = QelNewObject<QelNumProductI>(env, env, ai, bi);
+    try {
+      PartsAppender(env, t->getParts()).aggregate(1, p);
+    } catch (...) {
+      p->end();
+      throw;
+    }
+  } catch (...) {
+    t->end();
+    throw;
+  }
+  return t;
+}
+
+// ===========================================================================
+// Arrays
+// ===========================================================================
+
+void QelNumExprArray::lockExprs() const {
+  long n = getSize();
+  for (long i = 0; i < n; ++i)
+    if (QelExtractableI* x = getElement(i)) static_cast<QelNumExprI*>(x)->lockExpr();
+}
+
+void QelNumExprArray::releaseExprs() const {
+  long n = getSize();
+  for (long i = 0; i < n; ++i)
+    if (QelExtractableI* x = getElement(i)) {
+      auto* e = static_cast<QelNumExprI*>(x);
+      e->getEnv()->release(e);
+    }
+}
+
+namespace {
+
+// A new array of `n` new variables of `type`; on failure the variables
+// made so far and the array are ended.
+QelArrayI* NewVarArray(const QelEnv& env, long n, double lb, double ub, QelVarType type) {
+  QelEnvI* e = EnvOf(env);
+  QelArrayI* a = QelArrayI::Make(e->getGeneralAllocator(), 0);
+  try {
+    for (long i = 0; i < n; ++i) {
+      QelNumVarI* x = QelNewObject<QelNumVarI>(e, e, lb, ub, type);
+      try {
+        a->addRaw(reinterpret_cast<std::uintptr_t>(static_cast<QelExtractableI*>(x)));
+      } catch (...) {
+        x->end();
+        throw;
+      }
+    }
+  } catch (...) {
+    for (long i = 0; i < a->getSize(); ++i)
+      QelArrayGet<QelExtractableI*>(a, i)->end();
+    delete a;
+    throw;
+  }
+  return a;
+}
+
+}  // namespace
+
+QelNumVarArray::QelNumVarArray(QelEnv env, long n, double lb, double ub)
+    : QelNumExprArray(QelExtractableArray(NewVarArray(env, n, lb, ub, QelVarType::Float))) {}
+
+QelIntVarArray::QelIntVarArray(QelEnv env, long n, QelInt lb, QelInt ub)
+    : QelIntExprArray(QelExtractableArray(NewVarArray(
+          env, n, static_cast<double>(lb), static_cast<double>(ub), QelVarType::Int))) {}
+
+QelIntExprArray QelIntVarArray::toIntExprArray() const {
+  if (_impl == nullptr) return QelIntExprArray();
+  return QelIntExprArray(
+      QelExtractableArray(QelArrayI::MakeCopy(_impl->getAllocator(), _impl)));
+}
+
+namespace {
+
+// The environment a sum over `xs` is made in: the first element's, or the
+// array's own when it is empty. Null elements are refused.
+QelEnvI* SumEnv(const QelNumExprArray& xs) {
+  if (xs.getImpl() == nullptr) throw QelEmptyHandleException();
+  long n = xs.getSize();
+  for (long i = 0; i < n; ++i)
+    if (xs.getElement(i) == nullptr) throw QelEmptyHandleException();
+  return n > 0 ? xs.getElement(0)->getEnv() : xs.getImpl()->getEnv();
+}
+
+}  // namespace
+
+QelNumExpr QelSum(const QelNumExprArray& xs) {
+  QelEnvI* env = SumEnv(xs);
+  return MakeTerm<QelNumLinTermI>(env, [&xs](PartsAppender& out) {
+    for (long i = 0; i < xs.getSize(); ++i)
+      out.scaled(static_cast<QelNumExprI*>(xs.getElement(i)), 1.0);
+  });
+}
+
+QelIntExpr QelSum(const QelIntExprArray& xs) {
+  QelEnvI* env = SumEnv(xs);
+  return MakeTerm<QelIntLinTermI>(env, [&xs](PartsAppender& out) {
+    for (long i = 0; i < xs.getSize(); ++i)
+      out.scaled(static_cast<QelNumExprI*>(xs.getElement(i)), 1.0);
+  });
+}
+
+QelNumExpr QelScalProd(const QelNumExprArray& xs, const QelNumArray& coefs) {
+  QelEnvI* env = SumEnv(xs);
+  if (coefs.getSize() != xs.getSize())
+    throw QelWrongUsage("QelScalProd: arrays of different sizes");
+  return MakeTerm<QelNumLinTermI>(env, [&xs, &coefs](PartsAppender& out) {
+    for (long i = 0; i < xs.getSize(); ++i)
+      out.scaled(static_cast<QelNumExprI*>(xs.getElement(i)), coefs[i]);
+  });
+}

@@ -1,0 +1,807 @@
+// The environment: extractable table, decision-expression map, clone map,
+// flags, change broadcast, extraction registry and the handle.
+#include "support/qeltest.h"
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using qeltest::MakeRecorder;
+using qeltest::MessageOf;
+using qeltest::RecordingAlgorithmI;
+
+// A leaf object of the tests' own; counts the clones it makes.
+class EnvLeafI : public QelExtractableI {
+  QEL_EXTRACTABLE_DECL(EnvLeafI, QelExtractableI)
+
+ public:
+  explicit EnvLeafI(QelEnvI* env, const char* name = nullptr)
+      : QelExtractableI(env, name) {}
+  void visitSubExtractables(QelExtractableVisitor* v) override {
+    v->beginVisit(this);
+    v->endVisit(this);
+  }
+  QelExtractableI* makeClone(QelEnvI* env) const override {
+    ++clones;
+    return QelNewObject<EnvLeafI>(env, env);
+  }
+  static int clones;
+};
+QEL_EXTRACTABLE_DEF(EnvLeafI)
+int EnvLeafI::clones = 0;
+
+// An object holding one other object; clones it through getClone.
+class EnvPairI : public QelExtractableI {
+  QEL_EXTRACTABLE_DECL(EnvPairI, QelExtractableI)
+
+ public:
+  EnvPairI(QelEnvI* env, QelExtractableI* a, QelExtractableI* b)
+      : QelExtractableI(env), _a(a), _b(b) {}
+  void visitSubExtractables(QelExtractableVisitor* v) override {
+    v->beginVisit(this);
+    v->visitChildren(this, _a);
+    v->visitChildren(this, _b);
+    v->endVisit(this);
+  }
+  QelExtractableI* makeClone(QelEnvI* env) const override {
+    return QelNewObject<EnvPairI>(env, env, env->getClone(_a), env->getClone(_b));
+  }
+  QelExtractableI* first() const { return _a; }
+  QelExtractableI* second() const { return _b; }
+
+ private:
+  QelExtractableI* _a;
+  QelExtractableI* _b;
+};
+QEL_EXTRACTABLE_DEF(EnvPairI)
+
+// A notice of the tests' own: counts its visits.
+class EnvTestNotice : public QelChange {
+  QEL_CHANGE_DECL(EnvTestNotice, QelChange)
+
+ public:
+  void visitChange(QelEnvI*, QelExtractableI*, QelChangeVisitor*) const override {
+    ++visits;
+  }
+  mutable int visits = 0;
+};
+QEL_CHANGE_DEF(EnvTestNotice)
+
+EnvLeafI* Leaf(QelEnv env, const char* name = nullptr) {
+  return QelNewObject<EnvLeafI>(env.getImpl(), env.getImpl(), name);
+}
+
+long BadHash(const QelExtractableI*, long bucketCount) { return bucketCount; }
+long NegativeHash(const QelExtractableI*, long) { return -1; }
+// Good for four buckets; for any other count, good four times, then bad:
+// a re-hash fails half-way.
+int growHashCalls = 0;
+long BadWhenGrown(const QelExtractableI* key, long bucketCount) {
+  if (bucketCount != 4 && ++growHashCalls > 4) return -1;
+  return QelDecisionExprMap::DefaultHash(key, bucketCount);
+}
+
+// ---- the extractable table -------------------------------------------------
+
+TEST(EnvTable, IdsAreDenseFromZero) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  EXPECT_EQ(e->getExtractableTableSize(), 0);
+  EXPECT_EQ(e->getNumberOfExtractables(), 0);
+  std::vector<EnvLeafI*> xs;
+  for (int i = 0; i < 10; ++i) xs.push_back(Leaf(env));
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(xs[static_cast<size_t>(i)]->getId(), i);
+    EXPECT_EQ(e->getExtractable(i), xs[static_cast<size_t>(i)]);
+    EXPECT_EQ(e->getExtractableTable()[i],
+              reinterpret_cast<std::uintptr_t>(xs[static_cast<size_t>(i)]));
+  }
+  EXPECT_EQ(e->getExtractableTableSize(), 10);
+  EXPECT_EQ(e->getNumberOfExtractables(), 10);
+  EXPECT_EQ(e->getExtractable(10), nullptr);
+  EXPECT_EQ(e->getExtractable(-1), nullptr);
+  for (EnvLeafI* x : xs) x->end();
+  EXPECT_EQ(e->getNumberOfExtractables(), 0);
+  env.end();
+}
+
+TEST(EnvTable, EndedIdsAreReusedLastFreedFirst) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  std::vector<EnvLeafI*> xs;
+  for (int i = 0; i < 6; ++i) xs.push_back(Leaf(env));
+  xs[2]->end();
+  xs[4]->end();
+  EXPECT_EQ(e->getExtractable(2), nullptr);
+  EXPECT_EQ(e->getExtractable(4), nullptr);
+  EXPECT_EQ(e->getNumberOfExtractables(), 4);
+  EXPECT_EQ(e->getExtractableTableSize(), 6);
+  // A freed slot holds a link into the table (or the end of the chain).
+  std::uintptr_t slot4 = e->getExtractableTable()[4];
+  EXPECT_TRUE(e->isTableLink(slot4));
+  EXPECT_EQ(slot4, reinterpret_cast<std::uintptr_t>(e->getExtractableTable() + 2));
+
+  EnvLeafI* a = Leaf(env);
+  EnvLeafI* b = Leaf(env);
+  EnvLeafI* c = Leaf(env);
+  EXPECT_EQ(a->getId(), 4);
+  EXPECT_EQ(b->getId(), 2);
+  EXPECT_EQ(c->getId(), 6);
+  EXPECT_EQ(e->getExtractable(4), a);
+  EXPECT_EQ(e->getExtractable(2), b);
+  EXPECT_EQ(e->getExtractable(6), c);
+  EXPECT_EQ(e->getNumberOfExtractables(), 7);
+  env.end();
+}
+
+TEST(EnvTable, GrowingPastSixtyFourAndOneHundredTwentyEightKeepsLinks) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  std::vector<EnvLeafI*> byId;
+  for (int i = 0; i < 150; ++i) byId.push_back(Leaf(env));
+  for (int i = 0; i < 150; ++i) ASSERT_EQ(byId[static_cast<size_t>(i)]->getId(), i);
+
+  // End every other one: 75 free slots linked through the table.
+  for (int i = 0; i < 150; i += 2) {
+    byId[static_cast<size_t>(i)]->end();
+    byId[static_cast<size_t>(i)] = nullptr;
+  }
+  EXPECT_EQ(e->getNumberOfExtractables(), 75);
+  for (int i = 0; i < 150; i += 2) EXPECT_EQ(e->getExtractable(i), nullptr);
+
+  // Create again: the freed ids come back, last freed first, then the
+  // table grows past 256 slots.
+  for (int k = 0; k < 200; ++k) {
+    EnvLeafI* x = Leaf(env);
+    QelInt expected = k < 75 ? 148 - 2 * k : 150 + (k - 75);
+    ASSERT_EQ(x->getId(), expected) << "creation " << k;
+    if (expected >= static_cast<QelInt>(byId.size())) byId.resize(static_cast<size_t>(expected) + 1);
+    byId[static_cast<size_t>(expected)] = x;
+  }
+  EXPECT_EQ(e->getExtractableTableSize(), 275);
+  EXPECT_EQ(e->getNumberOfExtractables(), 275);
+  for (QelInt id = 0; id < 275; ++id)
+    ASSERT_EQ(e->getExtractable(id), byId[static_cast<size_t>(id)]) << "id " << id;
+
+  // And once more, across a growth with freed slots in between.
+  for (QelInt id = 1; id < 275; id += 3) {
+    byId[static_cast<size_t>(id)]->end();
+    byId[static_cast<size_t>(id)] = nullptr;
+  }
+  std::vector<QelInt> reused;
+  for (int k = 0; k < 400; ++k) {
+    EnvLeafI* x = Leaf(env);
+    QelInt id = x->getId();
+    if (id >= static_cast<QelInt>(byId.size())) byId.resize(static_cast<size_t>(id) + 1);
+    ASSERT_EQ(byId[static_cast<size_t>(id)], nullptr) << "id " << id << " given twice";
+    byId[static_cast<size_t>(id)] = x;
+  }
+  EXPECT_EQ(e->getNumberOfExtractables(), 275 - 92 + 400);
+  for (QelInt id = 0; id < e->getExtractableTableSize(); ++id)
+    ASSERT_EQ(e->getExtractable(id), byId[static_cast<size_t>(id)]) << "id " << id;
+  env.end();
+}
+
+TEST(EnvTable, UnregisterFreesTheSlotAndMarksTheObject) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  EnvLeafI* a = Leaf(env);
+  EnvLeafI* b = Leaf(env);
+  e->unregister(b);
+  EXPECT_EQ(b->getId(), -1);
+  EXPECT_EQ(e->getExtractable(1), nullptr);
+  EXPECT_EQ(e->getNumberOfExtractables(), 1);
+  // A second unregister does nothing.
+  e->unregister(b);
+  EXPECT_EQ(e->getNumberOfExtractables(), 1);
+  // The object is gone from the table: delete only gives its memory back.
+  delete b;
+  EnvLeafI* c = Leaf(env);
+  EXPECT_EQ(c->getId(), 1);
+  a->end();
+  c->end();
+  env.end();
+}
+
+TEST(EnvTable, MarkAndUnmark) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  EnvLeafI* a = Leaf(env);
+  EXPECT_FALSE(QelEnvI::IsMarked(a));
+  e->mark(a);
+  EXPECT_EQ(e->getExtractableTable()[a->getId()], QelEnvI::RemovalMark);
+  EXPECT_TRUE(QelEnvI::IsMarked(a));
+  EXPECT_EQ(e->getExtractable(a->getId()), nullptr);
+  e->unmark(a);
+  EXPECT_FALSE(QelEnvI::IsMarked(a));
+  EXPECT_EQ(e->getExtractable(a->getId()), a);
+  EXPECT_TRUE(QelEnvI::IsMarked(nullptr));
+  a->end();
+  env.end();
+}
+
+// ---- the decision-expression map -------------------------------------------
+
+TEST(EnvDecisionMap, FourBucketsDoubleToEightOnTheNinthInsert) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  std::vector<EnvLeafI*> keys;
+  for (int i = 0; i < 12; ++i) keys.push_back(Leaf(env));
+  QelInt before = e->getBytesInUse();
+  {
+    QelDecisionExprMap map(e->getGeneralAllocator(), 4);
+    EXPECT_FALSE(map.hasBuckets());
+    EXPECT_EQ(map.find(keys[0]), nullptr);  // no buckets yet: nothing to hash
+    EXPECT_FALSE(map.hasBuckets());
+    for (int i = 0; i < 8; ++i) {
+      map.insert(keys[static_cast<size_t>(i)], i % 2);
+      EXPECT_EQ(map.getBucketCount(), 4) << "after insert " << i + 1;
+    }
+    EXPECT_TRUE(map.hasBuckets());
+    EXPECT_EQ(map.getCount(), 8);
+    map.insert(keys[8], 1);
+    EXPECT_EQ(map.getCount(), 9);
+    EXPECT_EQ(map.getBucketCount(), 8);
+    // Every entry survived the re-hash.
+    for (int i = 0; i < 9; ++i) {
+      QelDecisionExprMap::Node* n = map.find(keys[static_cast<size_t>(i)]);
+      ASSERT_NE(n, nullptr) << "key " << i;
+      EXPECT_EQ(n->key, keys[static_cast<size_t>(i)]);
+      EXPECT_EQ(n->value, i == 8 ? 1 : i % 2);
+    }
+    EXPECT_EQ(map.find(keys[9]), nullptr);
+    // Up to sixteen entries in eight buckets; the seventeenth doubles again.
+    for (int i = 9; i < 12; ++i) map.insert(keys[static_cast<size_t>(i)], 0);
+    EXPECT_EQ(map.getBucketCount(), 8);
+
+    map.remove(keys[3]);
+    EXPECT_EQ(map.getCount(), 11);
+    EXPECT_EQ(map.find(keys[3]), nullptr);
+    map.remove(keys[3]);  // absent: nothing changes
+    EXPECT_EQ(map.getCount(), 11);
+    for (int i = 0; i < 12; ++i)
+      if (i != 3) {
+        EXPECT_NE(map.find(keys[static_cast<size_t>(i)]), nullptr) << i;
+      }
+  }
+  // The map gave back every node and its buckets.
+  EXPECT_EQ(e->getBytesInUse(), before);
+  for (EnvLeafI* k : keys) k->end();
+  env.end();
+}
+
+TEST(EnvDecisionMap, NewestEntryOfABucketIsFoundFirst) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  EnvLeafI* a = Leaf(env);
+  {
+    QelDecisionExprMap map(e->getGeneralAllocator(), 4);
+    map.insert(a, 0);
+    map.insert(a, 1);
+    EXPECT_EQ(map.find(a)->value, 1);
+    map.remove(a);
+    EXPECT_EQ(map.find(a)->value, 0);
+    map.remove(a);
+    EXPECT_EQ(map.find(a), nullptr);
+    EXPECT_EQ(map.getCount(), 0);
+  }
+  a->end();
+  env.end();
+}
+
+TEST(EnvDecisionMap, RemoveMakesTheBucketsWhenAbsent) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  EnvLeafI* a = Leaf(env);
+  {
+    QelDecisionExprMap map(e->getGeneralAllocator(), 4);
+    map.remove(a);
+    EXPECT_TRUE(map.hasBuckets());
+    EXPECT_EQ(map.getCount(), 0);
+  }
+  a->end();
+  env.end();
+}
+
+TEST(EnvDecisionMap, BadHashIndexThrowsAtFindInsertAndRemove) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  EnvLeafI* a = Leaf(env);
+  EnvLeafI* b = Leaf(env);
+  QelInt before = e->getBytesInUse();
+  {
+    QelDecisionExprMap fresh(e->getGeneralAllocator(), 4);
+    fresh.setHashFunction(&BadHash);
+    EXPECT_EQ(MessageOf<QelWrongUsage>([&] { fresh.insert(a, 1); }),
+              "Hash function returned bad index");
+    EXPECT_EQ(fresh.getCount(), 0);
+  }
+  EXPECT_EQ(e->getBytesInUse(), before);
+  {
+    QelDecisionExprMap map(e->getGeneralAllocator(), 4);
+    map.insert(a, 1);
+    for (auto bad : {&BadHash, &NegativeHash}) {
+      map.setHashFunction(bad);
+      EXPECT_EQ(MessageOf<QelWrongUsage>([&] { map.find(a); }),
+                "Hash function returned bad index");
+      EXPECT_EQ(MessageOf<QelWrongUsage>([&] { map.insert(b, 0); }),
+                "Hash function returned bad index");
+      EXPECT_EQ(MessageOf<QelWrongUsage>([&] { map.remove(a); }),
+                "Hash function returned bad index");
+      // Nothing changed.
+      EXPECT_EQ(map.getCount(), 1);
+    }
+    map.setHashFunction(&QelDecisionExprMap::DefaultHash);
+    EXPECT_EQ(map.find(a)->value, 1);
+    EXPECT_EQ(map.find(b), nullptr);
+  }
+  EXPECT_EQ(e->getBytesInUse(), before);
+  a->end();
+  b->end();
+  env.end();
+}
+
+TEST(EnvDecisionMap, BadHashDuringReHashLeavesTheMapAsItWas) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  std::vector<EnvLeafI*> keys;
+  for (int i = 0; i < 9; ++i) keys.push_back(Leaf(env));
+  QelInt before = e->getBytesInUse();
+  {
+    QelDecisionExprMap map(e->getGeneralAllocator(), 4);
+    map.setHashFunction(&BadWhenGrown);
+    for (int i = 0; i < 8; ++i) map.insert(keys[static_cast<size_t>(i)], 1);
+    growHashCalls = 0;
+    EXPECT_EQ(MessageOf<QelWrongUsage>([&] { map.insert(keys[8], 0); }),
+              "Hash function returned bad index");
+    EXPECT_GT(growHashCalls, 4);
+    // The ninth entry is in; the map did not grow; every entry is found
+    // exactly once.
+    EXPECT_EQ(map.getCount(), 9);
+    EXPECT_EQ(map.getBucketCount(), 4);
+    for (int i = 0; i < 9; ++i) {
+      QelDecisionExprMap::Node* n = map.find(keys[static_cast<size_t>(i)]);
+      ASSERT_NE(n, nullptr) << "key " << i;
+      EXPECT_EQ(n->value, i == 8 ? 0 : 1);
+    }
+    for (int i = 0; i < 9; ++i) map.remove(keys[static_cast<size_t>(i)]);
+    EXPECT_EQ(map.getCount(), 0);
+    for (int i = 0; i < 9; ++i) EXPECT_EQ(map.find(keys[static_cast<size_t>(i)]), nullptr);
+  }
+  EXPECT_EQ(e->getBytesInUse(), before);
+  for (EnvLeafI* k : keys) k->end();
+  env.end();
+}
+
+TEST(EnvDecisionMap, EnvironmentMapIsMadeOnDemandOnce) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  EXPECT_EQ(e->getDecisionExprMapOrNull(), nullptr);
+  QelDecisionExprMap* map = e->getDecisionExprMap();
+  ASSERT_NE(map, nullptr);
+  EXPECT_EQ(e->getDecisionExprMap(), map);
+  EXPECT_EQ(e->getDecisionExprMapOrNull(), map);
+  EXPECT_EQ(map->getCount(), 0);
+  env.end();
+}
+
+TEST(EnvDecisionMap, DestructorOfACachedObjectRemovesItsEntry) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  EnvLeafI* a = Leaf(env);
+  EnvLeafI* b = Leaf(env);
+  EXPECT_FALSE(a->isDecisionExpr());
+  EXPECT_FALSE(b->isDecisionExpr());
+  QelDecisionExprMap* map = e->getDecisionExprMapOrNull();
+  ASSERT_NE(map, nullptr);
+  EXPECT_EQ(map->getCount(), 2);
+  a->end();
+  EXPECT_EQ(map->getCount(), 1);
+  EXPECT_NE(map->find(b), nullptr);
+  b->end();
+  EXPECT_EQ(map->getCount(), 0);
+  env.end();
+}
+
+TEST(EnvDecisionMap, BadHashThrowsFromTheDestructorOfACachedObject) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  EnvLeafI* a = Leaf(env);
+  a->setName("a");
+  EXPECT_FALSE(a->isDecisionExpr());
+  QelDecisionExprMap* map = e->getDecisionExprMap();
+  map->setHashFunction(&BadHash);
+  QelInt id = a->getId();
+  EXPECT_EQ(MessageOf<QelWrongUsage>([&] { a->end(); }),
+            "Hash function returned bad index");
+  // The object is gone from the table all the same.
+  EXPECT_EQ(e->getExtractable(id), nullptr);
+  EXPECT_EQ(e->getNumberOfExtractables(), 0);
+  map->setHashFunction(&QelDecisionExprMap::DefaultHash);
+
+  // An object the map never saw is hashed too (the map exists).
+  map->setHashFunction(&NegativeHash);
+  EnvLeafI* b = Leaf(env);
+  EXPECT_EQ(MessageOf<QelWrongUsage>([&] { b->end(); }),
+            "Hash function returned bad index");
+  map->setHashFunction(&QelDecisionExprMap::DefaultHash);
+  env.end();
+}
+
+// ---- the clone map ------------------------------------------------------------
+
+TEST(EnvClone, OneCopyPerObjectWithinACopyOperation) {
+  QelEnv source;
+  QelEnv target;
+  QelEnvI* t = target.getImpl();
+  EnvLeafI* a = Leaf(source, "a");
+  EnvLeafI::clones = 0;
+
+  t->beginCopy();
+  QelExtractableI* c1 = t->getClone(a);
+  QelExtractableI* c2 = t->getClone(a);
+  EXPECT_EQ(c1, c2);
+  EXPECT_EQ(EnvLeafI::clones, 1);
+  EXPECT_EQ(t->findClone(a), c1);
+  EXPECT_EQ(c1->getEnv(), t);
+  t->endCopy();
+  EXPECT_EQ(t->findClone(a), nullptr);
+
+  // A new copy operation makes a new copy.
+  t->beginCopy();
+  QelExtractableI* c3 = t->getClone(a);
+  t->endCopy();
+  EXPECT_NE(c3, c1);
+  EXPECT_EQ(EnvLeafI::clones, 2);
+  EXPECT_EQ(t->getClone(nullptr), nullptr);
+  source.end();
+  target.end();
+}
+
+TEST(EnvClone, GetCloneOutsideACopyOperationIsACopyOfItsOwn) {
+  QelEnv source;
+  QelEnv target;
+  QelEnvI* t = target.getImpl();
+  EnvLeafI* a = Leaf(source);
+  EnvPairI* pair = QelNewObject<EnvPairI>(source.getImpl(), source.getImpl(), a, a);
+  EnvLeafI::clones = 0;
+
+  // The pair's two members are one object: cloned once within the call.
+  auto* copy = static_cast<EnvPairI*>(t->getClone(pair));
+  EXPECT_EQ(copy->first(), copy->second());
+  EXPECT_EQ(EnvLeafI::clones, 1);
+  EXPECT_EQ(t->findClone(pair), nullptr);
+
+  QelExtractableI* again = t->getClone(a);
+  EXPECT_NE(again, copy->first());
+  EXPECT_EQ(EnvLeafI::clones, 2);
+
+  // Nested copy operations: the outermost endCopy empties the map.
+  t->beginCopy();
+  t->beginCopy();
+  QelExtractableI* inner = t->getClone(a);
+  t->endCopy();
+  EXPECT_EQ(t->getClone(a), inner);
+  t->endCopy();
+  EXPECT_EQ(t->findClone(a), nullptr);
+  source.end();
+  target.end();
+}
+
+TEST(EnvClone, ManyClonesInOneCopy) {
+  QelEnv source;
+  QelEnv target;
+  QelEnvI* t = target.getImpl();
+  std::vector<EnvLeafI*> xs;
+  for (int i = 0; i < 100; ++i) xs.push_back(Leaf(source));
+  std::vector<QelExtractableI*> copies;
+  t->beginCopy();
+  for (EnvLeafI* x : xs) copies.push_back(t->getClone(x));
+  for (size_t i = 0; i < xs.size(); ++i) EXPECT_EQ(t->getClone(xs[i]), copies[i]);
+  t->endCopy();
+  EXPECT_EQ(target.getImpl()->getNumberOfExtractables(), 100);
+  source.end();
+  target.end();
+}
+
+// ---- flags -----------------------------------------------------------------------
+
+TEST(EnvFlags, DefaultsAndSetters) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  EXPECT_EQ(e->getOneByOne(), 0);
+  EXPECT_FALSE(e->getDetailedDisplay());
+  EXPECT_FALSE(e->isAllocationDisabled());
+  EXPECT_EQ(e->getCustomAllocator(), nullptr);
+  e->setOneByOne(3);
+  EXPECT_EQ(e->getOneByOne(), 3);
+  e->setOneByOne(0);
+  EXPECT_EQ(e->getOneByOne(), 0);
+  e->setDetailedDisplay(true);
+  EXPECT_TRUE(e->getDetailedDisplay());
+  e->setDetailedDisplay(false);
+  EXPECT_FALSE(e->getDetailedDisplay());
+  env.end();
+}
+
+// ---- change broadcast ---------------------------------------------------------------
+
+TEST(EnvChange, NoticeReachesOnlyTheAlgorithmsThatExtractedTheObject) {
+  QelEnv env;
+  EnvLeafI* a = Leaf(env);
+  EnvLeafI* b = Leaf(env);
+  RecordingAlgorithmI* ra = MakeRecorder(env);
+  RecordingAlgorithmI* rb = MakeRecorder(env);
+  RecordingAlgorithmI* idle = MakeRecorder(env);
+  ra->extract(a);
+  rb->extract(b);
+
+  EnvTestNotice n;
+  a->notify(n);
+  EXPECT_EQ(ra->notices, (std::vector<std::string>{"EnvTestNotice"}));
+  EXPECT_EQ(ra->objects, (std::vector<const QelExtractableI*>{a}));
+  EXPECT_TRUE(rb->notices.empty());
+  EXPECT_TRUE(idle->notices.empty());
+  EXPECT_EQ(n.visits, 1);  // visitor mode: visitChange once
+
+  env.getImpl()->change(b, n);
+  EXPECT_EQ(ra->notices.size(), 1U);
+  EXPECT_EQ(rb->notices, (std::vector<std::string>{"EnvTestNotice"}));
+  EXPECT_EQ(n.visits, 2);
+
+  // Both extracted b now.
+  ra->extract(b);
+  b->notify(n);
+  EXPECT_EQ(ra->notices.size(), 2U);
+  EXPECT_EQ(rb->notices.size(), 2U);
+  EXPECT_TRUE(idle->notices.empty());
+  delete ra;
+  delete rb;
+  delete idle;
+  a->end();
+  b->end();
+  env.end();
+}
+
+TEST(EnvChange, NobodyListeningMeansNoDelivery) {
+  QelEnv env;
+  EnvLeafI* a = Leaf(env);
+  EnvTestNotice n;
+  a->notify(n);
+  env.getImpl()->change(n);
+  EXPECT_EQ(n.visits, 0);
+
+  // An attached algorithm that extracted nothing does not listen.
+  RecordingAlgorithmI* idle = MakeRecorder(env);
+  a->notify(n);
+  env.getImpl()->change(n);
+  EXPECT_TRUE(idle->notices.empty());
+  EXPECT_EQ(n.visits, 0);
+
+  // Once it has cleared what it extracted it stops listening.
+  idle->extract(a);
+  idle->clear();
+  a->notify(n);
+  env.getImpl()->change(n);
+  EXPECT_TRUE(idle->notices.empty());
+  delete idle;
+  a->end();
+  env.end();
+}
+
+TEST(EnvChange, NoticeOfNoObjectReachesEveryListeningAlgorithm) {
+  QelEnv env;
+  EnvLeafI* a = Leaf(env);
+  EnvLeafI* b = Leaf(env);
+  RecordingAlgorithmI* ra = MakeRecorder(env);
+  RecordingAlgorithmI* rb = MakeRecorder(env);
+  RecordingAlgorithmI* idle = MakeRecorder(env);
+  ra->extract(a);
+  rb->extract(b);
+  EnvTestNotice n;
+  env.getImpl()->change(n);
+  EXPECT_EQ(ra->notices, (std::vector<std::string>{"EnvTestNotice"}));
+  EXPECT_EQ(rb->notices, (std::vector<std::string>{"EnvTestNotice"}));
+  EXPECT_EQ(ra->objects, (std::vector<const QelExtractableI*>{nullptr}));
+  EXPECT_TRUE(idle->notices.empty());
+  EXPECT_EQ(n.visits, 2);
+  delete ra;
+  delete rb;
+  delete idle;
+  a->end();
+  b->end();
+  env.end();
+}
+
+TEST(EnvChange, ExceptionOfAListenerPassesThroughUnchanged) {
+  QelEnv env;
+  EnvLeafI* a = Leaf(env);
+  class Throwing : public QelAlgorithmI {
+   public:
+    using QelAlgorithmI::QelAlgorithmI;
+    void notifyChange(const QelExtractableI*, const QelChange&) override {
+      throw QelWrongUsage("listener failed");
+    }
+  };
+  Throwing* t = QelNewObject<Throwing>(env.getImpl(), env.getImpl());
+  t->extract(a);
+  EnvTestNotice n;
+  EXPECT_EQ(MessageOf<QelWrongUsage>([&] { a->notify(n); }), "listener failed");
+  delete t;
+  a->end();
+  env.end();
+}
+
+// ---- the extraction registry ---------------------------------------------------------
+
+TEST(EnvRegistry, RecordDropAndKnows) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  QelExtractionRegistry& reg = e->getRegistry();
+  std::vector<EnvLeafI*> xs;
+  for (int i = 0; i < 3; ++i) xs.push_back(Leaf(env));
+  EnvLeafI* owner = xs[0];
+  EnvLeafI* sub = xs[1];
+  EnvLeafI* other = xs[2];
+
+  EXPECT_FALSE(reg.isExtracted(owner->getId(), 0));
+  EXPECT_EQ(reg.getMask(owner->getId()), 0U);
+  EXPECT_FALSE(reg.knows(owner, sub));
+
+  reg.record(owner->getId(), 0);
+  reg.record(sub->getId(), 5);
+  EXPECT_TRUE(reg.isExtracted(owner->getId(), 0));
+  EXPECT_FALSE(reg.isExtracted(owner->getId(), 5));
+  EXPECT_FALSE(reg.knows(owner, sub));  // two different algorithms
+  reg.record(sub->getId(), 0);
+  EXPECT_TRUE(reg.knows(owner, sub));
+  EXPECT_EQ(reg.getMask(sub->getId()), (1ULL << 0) | (1ULL << 5));
+  EXPECT_FALSE(reg.knows(owner, other));
+  EXPECT_FALSE(reg.knows(nullptr, sub));
+  EXPECT_FALSE(reg.knows(owner, nullptr));
+
+  reg.unrecord(sub->getId(), 0);
+  EXPECT_FALSE(reg.knows(owner, sub));
+  EXPECT_TRUE(reg.isExtracted(sub->getId(), 5));
+
+  // The drop notification: no algorithm knows the object any more.
+  reg.drop(sub->getId());
+  EXPECT_EQ(reg.getMask(sub->getId()), 0U);
+  reg.drop(-1);
+  reg.drop(100000);
+
+  // Ids beyond the first block make the registry grow.
+  reg.record(1000, 63);
+  EXPECT_TRUE(reg.isExtracted(1000, 63));
+  EXPECT_TRUE(reg.isExtracted(owner->getId(), 0));
+  reg.dropAlgorithm(0);
+  EXPECT_FALSE(reg.isExtracted(owner->getId(), 0));
+  EXPECT_TRUE(reg.isExtracted(1000, 63));
+  EXPECT_EQ(reg.getMask(-5), 0U);
+  for (EnvLeafI* x : xs) x->end();
+  env.end();
+}
+
+TEST(EnvRegistry, EndingAnObjectDropsItsRecord) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  EnvLeafI* a = Leaf(env);
+  QelInt id = a->getId();
+  e->getRegistry().record(id, 2);
+  a->end();
+  EXPECT_EQ(e->getRegistry().getMask(id), 0U);
+  // A new object in the same slot starts unknown.
+  EnvLeafI* b = Leaf(env);
+  EXPECT_EQ(b->getId(), id);
+  EXPECT_EQ(e->getRegistry().getMask(id), 0U);
+  b->end();
+  env.end();
+}
+
+TEST(EnvRegistry, AlgorithmsTakeSlotsAndGiveThemBack) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  std::vector<QelAlgorithmI*> algs;
+  for (int i = 0; i < QelExtractionRegistry::MaxAlgorithms; ++i) {
+    algs.push_back(QelNewObject<QelAlgorithmI>(e, e));
+    EXPECT_EQ(algs.back()->getSlot(), i);
+    EXPECT_EQ(e->getAlgorithm(i), algs.back());
+  }
+  EXPECT_THROW(QelNewObject<QelAlgorithmI>(e, e), QelWrongUsage);
+  delete algs[7];
+  EXPECT_EQ(e->getAlgorithm(7), nullptr);
+  QelAlgorithmI* again = QelNewObject<QelAlgorithmI>(e, e);
+  EXPECT_EQ(again->getSlot(), 7);
+  algs[7] = again;
+  for (QelAlgorithmI* a : algs) delete a;
+  EXPECT_EQ(e->getBytesInUse(), 0);
+  env.end();
+}
+
+// ---- statistics --------------------------------------------------------------------------
+
+TEST(EnvStatistics, BackToTheBaselineAfterObjectsEnd) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  // The table is made with the first object and stays.
+  Leaf(env)->end();
+  QelInt bytes = e->getBytesInUse();
+  QelInt count = e->getNumberOfExtractables();
+  EXPECT_EQ(count, 0);
+
+  std::vector<EnvLeafI*> xs;
+  for (int i = 0; i < 40; ++i) {
+    EnvLeafI* x = Leaf(env, "leaf");
+    x->setLocation("env_test.cpp", i);
+    x->setIntProperty("i", i);
+    xs.push_back(x);
+  }
+  EnvPairI* pair = QelNewObject<EnvPairI>(e, e, xs[0], xs[1]);
+  EXPECT_EQ(e->getNumberOfExtractables(), 41);
+  EXPECT_GT(e->getBytesInUse(), bytes);
+  for (EnvLeafI* x : xs) x->end();
+  // The pair held two of them: it ended with them.
+  EXPECT_EQ(e->getExtractable(40), nullptr);
+  (void)pair;
+  EXPECT_EQ(e->getNumberOfExtractables(), count);
+  EXPECT_EQ(e->getBytesInUse(), bytes);
+  env.end();
+}
+
+// ---- removal ------------------------------------------------------------------------------
+
+TEST(EnvRemoval, RemoveFromAllKeepsTheObjectAlive) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  EnvLeafI* a = Leaf(env);
+  QelModel m(env);
+  m.add(a);
+  a->removeFromAll();
+  EXPECT_EQ(a->getId(), 0);
+  EXPECT_EQ(e->getExtractable(0), a);
+  EXPECT_FALSE(QelEnvI::IsMarked(a));
+  EXPECT_EQ(m.getImpl()->getMembers().getSize(), 0);
+  a->end();
+  m.end();
+  env.end();
+}
+
+// ---- the handle --------------------------------------------------------------------------
+
+TEST(EnvHandle, EndReleasesTheEnvironmentAndEmptiesTheHandle) {
+  QelEnv env;
+  ASSERT_NE(env.getImpl(), nullptr);
+  QelEnv copy = env;
+  EXPECT_TRUE(copy == env);
+  EXPECT_FALSE(copy != env);
+  QelEnv other;
+  EXPECT_TRUE(other != env);
+  EXPECT_EQ(env.getMemoryManager().getEnv(), env.getImpl());
+  EXPECT_EQ(env.getMemoryManager().getAllocator(), env.getImpl()->getGeneralAllocator());
+  // Objects still alive go with the environment.
+  Leaf(env, "left alive");
+  env.end();
+  EXPECT_EQ(env.getImpl(), nullptr);
+  EXPECT_THROW(env.getMemoryManager(), QelEmptyHandleException);
+  QelEnv empty(static_cast<QelEnvI*>(nullptr));
+  EXPECT_EQ(empty.getImpl(), nullptr);
+  EXPECT_THROW(empty.getMemoryManager(), QelEmptyHandleException);
+  other.end();
+}
+
+TEST(EnvHandle, GeneralAllocatorUsesTheEnvironmentMemory) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  QelGenAlloc* g = e->getGeneralAllocator();
+  EXPECT_EQ(g->getEnv(), e);
+  void* p = g->alloc(100);
+  EXPECT_EQ(e->getBytesInUse(), 128);
+  g->free(p, 100);
+  EXPECT_EQ(e->getBytesInUse(), 0);
+  EXPECT_EQ(e->getMemoryManager().getImpl(), g);
+  EXPECT_EQ(QelMemoryManager().getEnv(), nullptr);
+  env.end();
+}
+
+}  // namespace

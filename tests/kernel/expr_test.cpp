@@ -1,0 +1,1137 @@
+// Tests of the expression kernel: variables, linear terms, products, their
+// operators, operations, use counts, copies, clones and memory.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <qel/extractable/visitor.h>
+#include <qel/kernel/expr.h>
+
+namespace {
+
+using LinTerms = std::vector<std::pair<double, QelNumVarI*>>;
+using QuadTerms = std::vector<std::tuple<double, QelNumVarI*, QelNumVarI*>>;
+
+LinTerms LinearOf(const QelNumExpr& e) {
+  LinTerms out;
+  for (QelNumExpr::LinearIterator it = e.getLinearIterator(); it.ok(); ++it)
+    out.emplace_back(it.getCoef(), it.getVar());
+  return out;
+}
+
+QuadTerms QuadOf(const QelNumExpr& e) {
+  QuadTerms out;
+  for (QelNumExpr::QuadIterator it = e.getQuadIterator(); it.ok(); ++it)
+    out.emplace_back(it.getCoef(), it.getVar1(), it.getVar2());
+  return out;
+}
+
+std::vector<std::pair<double, QelNumExprI*>> AggregatesOf(const QelLinearParts& p) {
+  std::vector<std::pair<double, QelNumExprI*>> out;
+  for (const QelAggregateTermNode* n = p.aggHead; n != nullptr; n = n->next)
+    out.emplace_back(n->coef, n->expr);
+  return out;
+}
+
+std::string Show(const QelExtractableI* x) {
+  std::ostringstream os;
+  x->display(os);
+  return os.str();
+}
+
+std::string Show(const QelExtractable& x) { return Show(x.getImpl()); }
+
+QelInt Uses(const QelNumExpr& e) { return e.getImpl()->getUseCount(); }
+
+QelNumLinTermI* Term(const QelNumExpr& e) {
+  EXPECT_TRUE(e.getImpl()->isType(QelNumLinTermI::GetTypeInfo()));
+  return static_cast<QelNumLinTermI*>(e.getImpl());
+}
+
+QelIntLinTermI* IntTerm(const QelNumExpr& e) {
+  EXPECT_TRUE(e.getImpl()->isType(QelIntLinTermI::GetTypeInfo()));
+  return static_cast<QelIntLinTermI*>(e.getImpl());
+}
+
+// Ends every object still alive in `env`.
+void EndAll(QelEnv env) {
+  QelEnvI* e = env.getImpl();
+  for (QelInt id = 0; id < e->getExtractableTableSize(); ++id)
+    if (QelExtractableI* x = e->getExtractable(id)) x->end();
+  EXPECT_EQ(e->getNumberOfExtractables(), 0);
+}
+
+// Records what an object presents to a visitor.
+class Recorder : public QelExtractableVisitor {
+ public:
+  using QelExtractableVisitor::visitChildren;
+  void beginVisit(QelExtractableI* x) override { events.push_back({"begin", x}); }
+  void visitChildren(QelExtractableI*, QelExtractableI* child) override {
+    events.push_back({"child", child});
+  }
+  void endVisit(QelExtractableI* x) override { events.push_back({"end", x}); }
+  std::vector<std::pair<std::string, QelExtractableI*>> events;
+};
+
+class ExprTest : public ::testing::Test {
+ protected:
+  void TearDown() override { env.end(); }
+  QelEnvI* envI() const { return env.getImpl(); }
+  QelEnv env;
+};
+
+// ---------------------------------------------------------------------------
+// Variables
+// ---------------------------------------------------------------------------
+
+TEST_F(ExprTest, VariablesHaveTheirBoundsTypeAndName) {
+  QelNumVar x(env, -1.5, 2.5, "x");
+  QelIntVar i(env, 0, 10, "i");
+  QelBoolVar b(env, "b");
+  QelNumVar t(env, 1, 4, QelVarType::Int, "t");
+
+  EXPECT_EQ(x.getLB(), -1.5);
+  EXPECT_EQ(x.getUB(), 2.5);
+  EXPECT_EQ(x.getImpl()->getType(), QelVarType::Float);
+  EXPECT_EQ(i.getLB(), 0);
+  EXPECT_EQ(i.getUB(), 10);
+  EXPECT_EQ(i.getImpl()->getType(), QelVarType::Int);
+  EXPECT_EQ(b.getLB(), 0);
+  EXPECT_EQ(b.getUB(), 1);
+  EXPECT_EQ(b.getImpl()->getType(), QelVarType::Bool);
+  EXPECT_EQ(t.getImpl()->getType(), QelVarType::Int);
+
+  EXPECT_FALSE(x.getImpl()->isIntegral());
+  EXPECT_TRUE(i.getImpl()->isIntegral());
+  EXPECT_TRUE(b.getImpl()->isIntegral());
+  EXPECT_TRUE(x.getImpl()->isNumVar());
+  EXPECT_TRUE(x.getImpl()->isNumExpr());
+  EXPECT_FALSE(x.getImpl()->isRefCountedExpr());
+  EXPECT_TRUE(x.getImpl()->isLinear());
+  EXPECT_EQ(x.getImpl()->getConstant(), 0);
+  EXPECT_EQ(x.getConstant(), 0);
+  EXPECT_EQ(Uses(x), 0);
+
+  EXPECT_EQ(Show(x), "x");
+  EXPECT_EQ(Show(i), "i");
+  EXPECT_EQ(Show(b), "b");
+}
+
+TEST_F(ExprTest, UnnamedVariablesPrintTheirKindAndId) {
+  QelNumVar x(env, 0, 1);
+  QelIntVar i(env, 0, 1);
+  QelBoolVar b(env);
+  EXPECT_EQ(Show(x), "QelNumVar" + std::to_string(x.getId()));
+  EXPECT_EQ(Show(i), "QelIntVar" + std::to_string(i.getId()));
+  EXPECT_EQ(Show(b), "QelBoolVar" + std::to_string(b.getId()));
+}
+
+TEST_F(ExprTest, FloatVariablesAreNoIntegerExpressions) {
+  QelNumVar x(env, 0, 1, "x");
+  QelIntVar i(env, 0, 1, "i");
+  QelBoolVar b(env, "b");
+  const QelTypeInfo intExpr = QelIntExprI::GetTypeInfo();
+
+  EXPECT_FALSE(x.getImpl()->isType(intExpr));
+  EXPECT_TRUE(i.getImpl()->isType(intExpr));
+  EXPECT_TRUE(b.getImpl()->isType(intExpr));
+  for (QelNumVarI* v : {x.getImpl(), i.getImpl(), b.getImpl()}) {
+    EXPECT_TRUE(v->isType(QelNumVarI::GetTypeInfo()));
+    EXPECT_TRUE(v->isType(QelNumExprI::GetTypeInfo()));
+    EXPECT_TRUE(v->isType(QelExtractableI::GetTypeInfo()));
+    EXPECT_FALSE(v->isType(QelNumLinTermI::GetTypeInfo()));
+  }
+  EXPECT_EQ(QelDynamicCast<QelIntExprI>(x.getImpl()), nullptr);
+  EXPECT_EQ(QelDynamicCast<QelIntExprI>(i.getImpl()), i.getImpl());
+}
+
+TEST_F(ExprTest, VariableEvaluatesToItsValue) {
+  QelNumVar x(env, 0, 10, "x");
+  QelAlgorithm alg(env);
+  alg.setValue(x, 3.25);
+  EXPECT_EQ(alg.getValue(x), 3.25);
+  EXPECT_EQ(x.getImpl()->eval(alg), 3.25);
+  alg.end();
+}
+
+TEST_F(ExprTest, VariableVisitPresentsNoChildren) {
+  QelNumVar x(env, 0, 1, "x");
+  Recorder r;
+  x.getImpl()->visitSubExtractables(&r);
+  ASSERT_EQ(r.events.size(), 2u);
+  EXPECT_EQ(r.events[0], std::make_pair(std::string("begin"), static_cast<QelExtractableI*>(x.getImpl())));
+  EXPECT_EQ(r.events[1], std::make_pair(std::string("end"), static_cast<QelExtractableI*>(x.getImpl())));
+}
+
+TEST_F(ExprTest, VariableCopyIsATermOnTheVariable) {
+  QelIntVar i(env, 0, 5, "i");
+  QelNumExprI* copy = i.getImpl()->makeCopy();
+  ASSERT_TRUE(copy->isType(QelNumLinTermI::GetTypeInfo()));
+  EXPECT_EQ(copy->getEnv(), envI());
+  EXPECT_EQ(copy->getUseCount(), 0);
+  EXPECT_EQ(LinearOf(copy), (LinTerms{{1.0, i.getImpl()}}));
+  EXPECT_EQ(Show(copy), "i");
+  EXPECT_EQ(Uses(i), 1);
+}
+
+TEST_F(ExprTest, VariableCloneHasSameBoundsAndTypeButNoName) {
+  QelEnv other;
+  QelIntVar i(env, 2, 7, "i");
+  auto* c = static_cast<QelNumVarI*>(other.getImpl()->getClone(i.getImpl()));
+  EXPECT_NE(c, i.getImpl());
+  EXPECT_EQ(c->getEnv(), other.getImpl());
+  EXPECT_EQ(c->getLB(), 2);
+  EXPECT_EQ(c->getUB(), 7);
+  EXPECT_EQ(c->getType(), QelVarType::Int);
+  EXPECT_EQ(c->getName(), nullptr);
+  other.end();
+}
+
+// ---------------------------------------------------------------------------
+// Operators
+// ---------------------------------------------------------------------------
+
+TEST_F(ExprTest, SumOfVariablesIsALinearTerm) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelNumExpr e = x + y;
+  QelNumLinTermI* t = Term(e);
+  EXPECT_EQ(t->getEnv(), envI());
+  EXPECT_EQ(LinearOf(e), (LinTerms{{1.0, x.getImpl()}, {1.0, y.getImpl()}}));
+  EXPECT_TRUE(QuadOf(e).empty());
+  EXPECT_EQ(e.getConstant(), 0);
+  EXPECT_EQ(Show(e), "x + y");
+  EXPECT_TRUE(t->isLinear());
+  EXPECT_TRUE(t->isRefCountedExpr());
+  EXPECT_EQ(t->getUseCount(), 0);
+  EXPECT_EQ(Uses(x), 1);
+  EXPECT_EQ(Uses(y), 1);
+}
+
+TEST_F(ExprTest, OperatorsPrintTheExpectedTerms) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  EXPECT_EQ(Show(2.0 * x - 3.0 * y + 4.0), "2 * x - 3 * y + 4");
+  EXPECT_EQ(Show(-x), "-x");
+  EXPECT_EQ(Show(-x - y), "-x - y");
+  EXPECT_EQ(Show(x - 1.0), "x - 1");
+  EXPECT_EQ(Show(5.0 - x), "-x + 5");
+  EXPECT_EQ(Show(1.5 + x), "x + 1.5");
+  EXPECT_EQ(Show(x * 2.5), "2.5 * x");
+  EXPECT_EQ(Show(-2.0 * x + y), "-2 * x + y");
+  EXPECT_EQ(Show(x - 2.5 * y), "x - 2.5 * y");
+  EXPECT_EQ(Show(x + 0.25 * y), "x + 0.25 * y");
+  EXPECT_EQ(Show(x - y + x), "x - y + x");
+  EXPECT_EQ(Show(x * 0.0), "0 * x");
+  EXPECT_EQ(Show(x + 0.0), "x");
+}
+
+TEST_F(ExprTest, ConstantsPrintAlone) {
+  EXPECT_EQ(Show(QelNumExpr(env, 3)), "3");
+  EXPECT_EQ(Show(QelNumExpr(env, -2.5)), "-2.5");
+  EXPECT_EQ(Show(QelNumExpr(env, 0)), "0");
+  EXPECT_EQ(Show(QelNumExpr(env, -0.0)), "0");
+  QelIntExpr k(env, 7);
+  EXPECT_TRUE(k.getImpl()->isType(QelIntLinTermI::GetTypeInfo()));
+  EXPECT_EQ(k.getConstant(), 7);
+  EXPECT_EQ(Show(k), "7");
+  QelNumExpr c(env, 1.5);
+  EXPECT_TRUE(c.getImpl()->isType(QelNumLinTermI::GetTypeInfo()));
+  EXPECT_EQ(c.getConstant(), 1.5);
+  EXPECT_FALSE(c.getLinearIterator().ok());
+  EXPECT_FALSE(c.getQuadIterator().ok());
+}
+
+TEST_F(ExprTest, TermOperandsAreCopiedNotHeld) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelNumExpr e = x + y;
+  QelNumExpr f = e * 2.0 + x;
+  EXPECT_EQ(Show(f), "2 * x + 2 * y + x");
+  EXPECT_EQ(LinearOf(f),
+            (LinTerms{{2.0, x.getImpl()}, {2.0, y.getImpl()}, {1.0, x.getImpl()}}));
+  EXPECT_EQ(Uses(e), 0);
+  // x: once in e, once in e * 2, twice in f.
+  EXPECT_EQ(Uses(x), 4);
+  EXPECT_EQ(Uses(y), 3);
+}
+
+TEST_F(ExprTest, IntegerOperatorsGiveIntegerTerms) {
+  QelIntVar i(env, 0, 10, "i"), j(env, 0, 10, "j");
+  QelIntExpr e = 2 * i + j - 1;
+  QelIntLinTermI* t = IntTerm(e);
+  EXPECT_TRUE(t->isIntegral());
+  EXPECT_TRUE(t->isType(QelIntExprI::GetTypeInfo()));
+  EXPECT_EQ(Show(e), "2 * i + j - 1");
+  EXPECT_EQ(LinearOf(e), (LinTerms{{2.0, i.getImpl()}, {1.0, j.getImpl()}}));
+  EXPECT_EQ(e.getConstant(), -1);
+
+  EXPECT_EQ(Show(-i), "-i");
+  EXPECT_EQ(Show(3 - i), "-i + 3");
+  EXPECT_EQ(Show(i * 4), "4 * i");
+  EXPECT_EQ(Show(i - j), "i - j");
+  EXPECT_EQ(Show(QelInt(5) + i), "i + 5");
+  EXPECT_TRUE((i - j).getImpl()->isType(QelIntLinTermI::GetTypeInfo()));
+  EXPECT_TRUE((-i).getImpl()->isType(QelIntLinTermI::GetTypeInfo()));
+}
+
+TEST_F(ExprTest, FloatingPointNumbersWithIntegerExpressionsGiveNumericTerms) {
+  QelIntVar i(env, 0, 10, "i"), j(env, 0, 10, "j");
+  QelNumExpr e = i * j + 0.5;
+  EXPECT_TRUE(e.getImpl()->isType(QelNumLinTermI::GetTypeInfo()));
+  EXPECT_FALSE(e.getImpl()->isType(QelIntExprI::GetTypeInfo()));
+  EXPECT_EQ(Show(e), "i * j + 0.5");
+  EXPECT_EQ(Show(0.5 * i), "0.5 * i");
+  EXPECT_EQ(Show(1.5 - i), "-i + 1.5");
+}
+
+TEST_F(ExprTest, ProductOfLinearTermsIsQuadratic) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelNumExpr e = (x + 1.0) * (y + 2.0);
+  QelNumLinTermI* t = Term(e);
+  EXPECT_EQ(Show(e), "2 * x + y + x * y + 2");
+  EXPECT_EQ(LinearOf(e), (LinTerms{{2.0, x.getImpl()}, {1.0, y.getImpl()}}));
+  EXPECT_EQ(QuadOf(e), (QuadTerms{{1.0, x.getImpl(), y.getImpl()}}));
+  EXPECT_EQ(e.getConstant(), 2);
+  EXPECT_FALSE(t->isLinear());
+  EXPECT_FALSE(t->containsAggregate());
+
+  EXPECT_EQ(Show(x * y), "x * y");
+  EXPECT_EQ(Show(x * x), "x * x");
+  EXPECT_EQ(Show(2.0 * (x * y)), "2 * x * y");
+  EXPECT_EQ(Show(x - x * y), "x - x * y");
+  EXPECT_EQ(Show((x - y) * (x + y)), "x * x + x * y - y * x - y * y");
+}
+
+TEST_F(ExprTest, ProductWithAConstantTermIsScaled) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelNumExpr three(env, 3);
+  EXPECT_EQ(Show(three * x), "3 * x");
+  EXPECT_EQ(Show((x * y) * three), "3 * x * y");
+  EXPECT_EQ(Show(three * three), "9");
+  QelNumExpr p = (x * y) * x;
+  EXPECT_EQ(Show(p * three), "3 * ((x * y) * (x))");
+}
+
+TEST_F(ExprTest, ProductBeyondDegreeTwoHoldsItsFactors) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y"), z(env, 0, 10, "z");
+  QelNumExpr xy = x * y;
+  QelNumExpr p = xy * z;
+  ASSERT_TRUE(p.getImpl()->isType(QelNumProductI::GetTypeInfo()));
+  auto* prod = static_cast<QelNumProductI*>(p.getImpl());
+  EXPECT_EQ(prod->getLeft(), xy.getImpl());
+  EXPECT_EQ(prod->getRight(), z.getImpl());
+  EXPECT_EQ(Uses(xy), 1);
+  EXPECT_EQ(Uses(z), 1);
+  EXPECT_EQ(Uses(p), 0);
+  EXPECT_EQ(Show(p), "(x * y) * (z)");
+  EXPECT_FALSE(prod->isLinear());
+  EXPECT_TRUE(prod->isRefCountedExpr());
+  EXPECT_FALSE(prod->isIntegral());
+  EXPECT_EQ(prod->getConstant(), 0);
+  EXPECT_FALSE(p.getLinearIterator().ok());
+  EXPECT_FALSE(p.getQuadIterator().ok());
+
+  // A product inside a sum is an aggregate term.
+  QelNumExpr s = p + x;
+  QelNumLinTermI* t = Term(s);
+  EXPECT_TRUE(t->containsAggregate());
+  EXPECT_FALSE(t->isLinear());
+  EXPECT_EQ(Show(s), "x + ((x * y) * (z))");
+  EXPECT_EQ(AggregatesOf(t->getParts()),
+            (std::vector<std::pair<double, QelNumExprI*>>{{1.0, p.getImpl()}}));
+  EXPECT_EQ(Uses(p), 1);
+  EXPECT_EQ(Show(-p), "-((x * y) * (z))");
+  EXPECT_EQ(Show(1.0 - 2.0 * p), "-2 * ((x * y) * (z)) + 1");
+  EXPECT_EQ(Show(x - p), "x - ((x * y) * (z))");
+
+  // A term with an aggregate has unknown degree: its products are products.
+  QelNumExpr q = s * y;
+  EXPECT_TRUE(q.getImpl()->isType(QelNumProductI::GetTypeInfo()));
+  EXPECT_EQ(Show(q), "(x + ((x * y) * (z))) * (y)");
+}
+
+TEST_F(ExprTest, IntegerProductBeyondDegreeTwoIsAnIntegerTermWithAnAggregate) {
+  QelIntVar i(env, 0, 10, "i"), j(env, 0, 10, "j"), k(env, 0, 10, "k");
+  QelIntExpr ij = i * j;
+  EXPECT_TRUE(ij.getImpl()->isType(QelIntLinTermI::GetTypeInfo()));
+  EXPECT_EQ(QuadOf(ij), (QuadTerms{{1.0, i.getImpl(), j.getImpl()}}));
+  QelIntExpr e = ij * k;
+  QelIntLinTermI* t = IntTerm(e);
+  EXPECT_EQ(Show(e), "((i * j) * (k))");
+  auto aggs = AggregatesOf(t->getParts());
+  ASSERT_EQ(aggs.size(), 1u);
+  EXPECT_EQ(aggs[0].first, 1.0);
+  ASSERT_TRUE(aggs[0].second->isType(QelNumProductI::GetTypeInfo()));
+  auto* prod = static_cast<QelNumProductI*>(aggs[0].second);
+  EXPECT_EQ(prod->getUseCount(), 1);
+  EXPECT_EQ(prod->getLeft(), ij.getImpl());
+  EXPECT_EQ(prod->getRight(), k.getImpl());
+  EXPECT_TRUE(prod->isIntegral());
+  EXPECT_FALSE(t->isLinear());
+}
+
+TEST_F(ExprTest, SelfAdditionReadsOnlyTheTermsPresentBefore) {
+  QelNumVar x(env, 0, 10, "x");
+  QelNumExpr e = x + 1.0;
+  EXPECT_EQ(Show(e + e), "x + x + 2");
+  QelNumLinTermI* t = Term(e);
+  t->addScaled(t, 2);
+  EXPECT_EQ(Show(e), "x + 2 * x + 3");
+  QelNumExpr q = x * x + x;
+  Term(q)->addScaled(q.getImpl(), -1);
+  EXPECT_EQ(Show(q), "x - x + x * x - x * x");
+}
+
+TEST_F(ExprTest, EmptyOperandsAreRefused) {
+  QelNumVar x(env, 0, 10, "x");
+  QelNumExpr none;
+  EXPECT_THROW(x + none, QelEmptyHandleException);
+  EXPECT_THROW(none * 2.0, QelEmptyHandleException);
+  EXPECT_THROW(x * none, QelEmptyHandleException);
+  EXPECT_THROW(-none, QelEmptyHandleException);
+  EXPECT_THROW(QelNumExpr(QelEnv(static_cast<QelEnvI*>(nullptr)), 1.0),
+               QelEmptyHandleException);
+  EXPECT_THROW(none.getLinearIterator(), QelEmptyHandleException);
+}
+
+// ---------------------------------------------------------------------------
+// Evaluation
+// ---------------------------------------------------------------------------
+
+TEST_F(ExprTest, EvaluationAgainstAnAlgorithm) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y"), z(env, 0, 10, "z");
+  QelIntVar i(env, 0, 10, "i"), j(env, 0, 10, "j");
+  QelAlgorithm alg(env);
+  alg.setValue(x, 3);
+  alg.setValue(y, 4);
+  alg.setValue(z, 5);
+  alg.setValue(i, 2);
+  alg.setValue(j, 7);
+
+  EXPECT_EQ(alg.getValue(2.0 * x - 3.0 * y + 4.0), -2);
+  EXPECT_EQ(alg.getValue((x + 1.0) * (y + 2.0)), 24);
+  QelNumExpr p = (x * y) * z;
+  EXPECT_EQ(alg.getValue(p), 60);
+  EXPECT_EQ(alg.getValue(x + 0.5 * p - 1.0), 32);
+  EXPECT_EQ(alg.getValue(2 * i + j - 1), 10);
+  EXPECT_EQ(alg.getValue(i * j * i), 28);
+  EXPECT_EQ(alg.getValue(QelNumExpr(env, 2.5)), 2.5);
+  EXPECT_EQ(alg.getValue(i * j + 0.5), 14.5);
+  alg.end();
+}
+
+// ---------------------------------------------------------------------------
+// setCoef, setQuadCoef, normalize, zolNormalization
+// ---------------------------------------------------------------------------
+
+class TermOpsTest : public ExprTest {
+ protected:
+  void SetUp() override {
+    x = QelNumVar(env, 0, 10, "x");
+    y = QelNumVar(env, 0, 10, "y");
+    z = QelNumVar(env, 0, 10, "z");
+    w = QelNumVar(env, 0, 10, "w");
+    t = QelNewObject<QelNumLinTermI>(envI(), envI());
+    e = QelNumExpr(t);
+  }
+  QelNumVar x, y, z, w;
+  QelNumLinTermI* t = nullptr;
+  QelNumExpr e;
+};
+
+TEST_F(TermOpsTest, SetCoefReturnsTheSumAndKeepsTheFirstPosition) {
+  t->addTerm(1, y.getImpl());
+  t->addTerm(2, x.getImpl());
+  t->addTerm(1, z.getImpl());
+  t->addTerm(3, x.getImpl());
+  EXPECT_EQ(Uses(x), 2);
+
+  EXPECT_EQ(t->setCoef(x, 7), 5);
+  EXPECT_EQ(LinearOf(e), (LinTerms{{1.0, y.getImpl()}, {7.0, x.getImpl()}, {1.0, z.getImpl()}}));
+  EXPECT_EQ(Uses(x), 1);
+  EXPECT_EQ(Show(e), "y + 7 * x + z");
+
+  // The tail is right: a new term goes at the end.
+  t->addTerm(1, w.getImpl());
+  EXPECT_EQ(Show(e), "y + 7 * x + z + w");
+}
+
+TEST_F(TermOpsTest, SetCoefToZeroRemovesEveryNodeOfTheVariable) {
+  t->addTerm(1, x.getImpl());
+  t->addTerm(1, y.getImpl());
+  t->addTerm(-4, x.getImpl());
+  EXPECT_EQ(t->getParts().decision, x.getImpl());
+  EXPECT_EQ(t->setCoef(x, 0), -3);
+  EXPECT_EQ(LinearOf(e), (LinTerms{{1.0, y.getImpl()}}));
+  EXPECT_EQ(Uses(x), 0);
+  EXPECT_EQ(Uses(y), 1);
+  EXPECT_EQ(t->getParts().decision, y.getImpl());
+  EXPECT_EQ(t->getParts().tail, t->getParts().head);
+
+  t->addTerm(2, z.getImpl());
+  EXPECT_EQ(Show(e), "y + 2 * z");
+  EXPECT_EQ(t->setCoef(z, 0), 2);
+  EXPECT_EQ(t->setCoef(y, 0), 1);
+  EXPECT_EQ(t->getParts().head, nullptr);
+  EXPECT_EQ(t->getParts().tail, nullptr);
+  EXPECT_EQ(t->getParts().decision, nullptr);
+  EXPECT_EQ(Show(e), "0");
+}
+
+TEST_F(TermOpsTest, SetCoefOfAnAbsentVariableAppends) {
+  t->addTerm(1, x.getImpl());
+  EXPECT_EQ(t->setCoef(z, 0), 0);
+  EXPECT_EQ(LinearOf(e), (LinTerms{{1.0, x.getImpl()}}));
+  EXPECT_EQ(t->setCoef(z, 4), 0);
+  EXPECT_EQ(LinearOf(e), (LinTerms{{1.0, x.getImpl()}, {4.0, z.getImpl()}}));
+  EXPECT_EQ(t->getParts().decision, z.getImpl());
+  EXPECT_EQ(Uses(z), 1);
+  EXPECT_EQ(t->setCoef(z, -1), 4);
+  EXPECT_EQ(Show(e), "x - z");
+  EXPECT_THROW(t->setCoef(QelNumVar(), 1), QelEmptyHandleException);
+}
+
+TEST_F(TermOpsTest, SetCoefOverArrays) {
+  t->addTerm(2, x.getImpl());
+  t->addTerm(3, y.getImpl());
+  QelNumVarArray xs(env, 0);
+  xs.add(x);
+  xs.add(z);
+  xs.add(y);
+  QelNumArray coefs(env, 3);
+  coefs.set(0, 5);
+  coefs.set(1, 6);
+  coefs.set(2, 0);
+  QelNumArray previous(env, 1);
+  t->setCoef(xs, coefs, previous);
+  ASSERT_EQ(previous.getSize(), 3);
+  EXPECT_EQ(previous[0], 2);
+  EXPECT_EQ(previous[1], 0);
+  EXPECT_EQ(previous[2], 3);
+  EXPECT_EQ(Show(e), "5 * x + 6 * z");
+
+  QelNumArray shortCoefs(env, 2);
+  try {
+    t->setCoef(xs, shortCoefs, previous);
+    ADD_FAILURE() << "no exception";
+  } catch (const QelWrongUsage& ex) {
+    EXPECT_STREQ(ex.getMessage(), "QelNumLinTermI::setCoef: arrays of different sizes");
+  }
+  EXPECT_EQ(Show(e), "5 * x + 6 * z");
+  xs.end();
+  coefs.end();
+  previous.end();
+  shortCoefs.end();
+}
+
+TEST_F(TermOpsTest, SetQuadCoefWorksOnTheUnorderedPair) {
+  t->addQuadTerm(2, x.getImpl(), y.getImpl());
+  t->addQuadTerm(1, x.getImpl(), x.getImpl());
+  t->addQuadTerm(3, y.getImpl(), x.getImpl());
+  EXPECT_EQ(Uses(x), 4);
+  EXPECT_EQ(Uses(y), 2);
+
+  EXPECT_EQ(t->setQuadCoef(y, x, 4), 5);
+  EXPECT_EQ(QuadOf(e), (QuadTerms{{4.0, y.getImpl(), x.getImpl()},
+                                  {1.0, x.getImpl(), x.getImpl()}}));
+  EXPECT_EQ(Uses(x), 3);
+  EXPECT_EQ(Uses(y), 1);
+
+  EXPECT_EQ(t->setQuadCoef(x, z, 0), 0);
+  EXPECT_EQ(QuadOf(e).size(), 2u);
+  EXPECT_EQ(t->setQuadCoef(x, z, 2), 0);
+  EXPECT_EQ(QuadOf(e), (QuadTerms{{4.0, y.getImpl(), x.getImpl()},
+                                  {1.0, x.getImpl(), x.getImpl()},
+                                  {2.0, x.getImpl(), z.getImpl()}}));
+  EXPECT_EQ(t->getParts().decision, x.getImpl());
+  EXPECT_EQ(Uses(z), 1);
+
+  EXPECT_EQ(t->setQuadCoef(x, x, 0), 1);
+  EXPECT_EQ(t->setQuadCoef(x, y, 0), 4);
+  EXPECT_EQ(QuadOf(e), (QuadTerms{{2.0, x.getImpl(), z.getImpl()}}));
+  EXPECT_EQ(Uses(x), 1);
+  EXPECT_EQ(Uses(y), 0);
+  EXPECT_EQ(Show(e), "2 * x * z");
+  EXPECT_EQ(t->setQuadCoef(z, x, 0), 2);
+  EXPECT_EQ(t->getParts().quadHead, nullptr);
+  EXPECT_EQ(t->getParts().decision, nullptr);
+  EXPECT_TRUE(t->isLinear());
+}
+
+TEST_F(TermOpsTest, NormalizeMergesAndDropsZeros) {
+  t->addTerm(1, x.getImpl());
+  t->addTerm(1, y.getImpl());
+  t->addTerm(2, x.getImpl());
+  t->addTerm(-1, y.getImpl());
+  t->addTerm(0, z.getImpl());
+  t->addQuadTerm(1, x.getImpl(), y.getImpl());
+  t->addQuadTerm(2, y.getImpl(), x.getImpl());
+  t->addQuadTerm(0, w.getImpl(), w.getImpl());
+  t->addQuadTerm(3, x.getImpl(), x.getImpl());
+  t->addQuadTerm(-3, x.getImpl(), x.getImpl());
+  t->addQuadTerm(1, z.getImpl(), x.getImpl());
+  t->setConstant(4);
+  t->normalize();
+  EXPECT_EQ(LinearOf(e), (LinTerms{{3.0, x.getImpl()}}));
+  EXPECT_EQ(QuadOf(e), (QuadTerms{{3.0, x.getImpl(), y.getImpl()},
+                                  {1.0, z.getImpl(), x.getImpl()}}));
+  EXPECT_EQ(e.getConstant(), 4);
+  EXPECT_EQ(Show(e), "3 * x + 3 * x * y + z * x + 4");
+  EXPECT_EQ(Uses(x), 3);
+  EXPECT_EQ(Uses(y), 1);
+  EXPECT_EQ(Uses(z), 1);
+  EXPECT_EQ(Uses(w), 0);
+  EXPECT_EQ(t->getParts().tail, t->getParts().head);
+  EXPECT_EQ(t->getParts().decision, x.getImpl());
+}
+
+TEST_F(TermOpsTest, NormalizeCanEmptyTheTerm) {
+  QelNumExpr d = x - x;
+  QelNumLinTermI* dt = Term(d);
+  EXPECT_EQ(Show(d), "x - x");
+  dt->normalize();
+  EXPECT_EQ(Show(d), "0");
+  EXPECT_EQ(dt->getParts().head, nullptr);
+  EXPECT_EQ(dt->getParts().tail, nullptr);
+  EXPECT_EQ(dt->getParts().decision, nullptr);
+  EXPECT_EQ(Uses(x), 0);
+  // The tail was reset: adding works again.
+  dt->addTerm(1, y.getImpl());
+  EXPECT_EQ(Show(d), "y");
+}
+
+TEST_F(TermOpsTest, ZolNormalizationLinearizesBooleanSquares) {
+  QelBoolVar b(env, "b"), c(env, "c");
+  QelIntVar i(env, 0, 5, "i");
+  t->addTerm(1, x.getImpl());
+  t->addQuadTerm(2, b.getImpl(), b.getImpl());
+  t->addQuadTerm(1, b.getImpl(), c.getImpl());
+  t->addQuadTerm(3, i.getImpl(), i.getImpl());
+  t->addQuadTerm(-1, c.getImpl(), c.getImpl());
+  EXPECT_EQ(Uses(b), 3);
+  EXPECT_EQ(Uses(c), 3);
+  t->zolNormalization();
+  EXPECT_EQ(LinearOf(e), (LinTerms{{1.0, x.getImpl()}, {2.0, b.getImpl()}, {-1.0, c.getImpl()}}));
+  EXPECT_EQ(QuadOf(e), (QuadTerms{{1.0, b.getImpl(), c.getImpl()},
+                                  {3.0, i.getImpl(), i.getImpl()}}));
+  EXPECT_EQ(Show(e), "x + 2 * b - c + b * c + 3 * i * i");
+  EXPECT_EQ(Uses(b), 2);
+  EXPECT_EQ(Uses(c), 2);
+  EXPECT_EQ(Uses(i), 2);
+  QelAlgorithm alg(env);
+  alg.setValue(x, 1);
+  alg.setValue(b, 1);
+  alg.setValue(c, 1);
+  alg.setValue(i, 2);
+  EXPECT_EQ(alg.getValue(e), 1 + 2 - 1 + 1 + 12);
+  alg.end();
+}
+
+TEST_F(TermOpsTest, ContainsAggregateAndLinearity) {
+  t->addTerm(1, x.getImpl());
+  EXPECT_FALSE(t->containsAggregate());
+  EXPECT_TRUE(t->isLinear());
+  EXPECT_NO_THROW(QelTestIsLinear(t));
+  EXPECT_NO_THROW(QelTestIsLinear(x.getImpl()));
+
+  QelNumExpr q = x * y;
+  try {
+    QelTestIsLinear(q.getImpl());
+    ADD_FAILURE() << "no exception";
+  } catch (const QelWrongUsage& ex) {
+    EXPECT_STREQ(ex.getMessage(), "QelTestIsLinear: expression is not linear");
+  }
+  QelNumExpr p = q * z;
+  EXPECT_THROW(QelTestIsLinear(p.getImpl()), QelWrongUsage);
+
+  t->addAggregate(2, p.getImpl());
+  EXPECT_TRUE(t->containsAggregate());
+  EXPECT_FALSE(t->isLinear());
+  EXPECT_EQ(Uses(p), 1);
+  EXPECT_THROW(QelTestIsLinear(t), QelWrongUsage);
+  EXPECT_EQ(Show(e), "x + 2 * ((x * y) * (z))");
+}
+
+TEST_F(TermOpsTest, AppendTermTakesTheNode) {
+  QelLinTermNode* node = envI()->newTerm(y.getImpl(), 2.5);
+  EXPECT_EQ(node->next, nullptr);
+  EXPECT_EQ(node->coef, 2.5);
+  EXPECT_EQ(node->var, y.getImpl());
+  t->addTerm(1, x.getImpl());
+  t->appendTerm(node);
+  EXPECT_EQ(t->getParts().tail, node);
+  EXPECT_EQ(t->getParts().decision, y.getImpl());
+  EXPECT_EQ(Uses(y), 1);
+  EXPECT_EQ(Show(e), "x + 2.5 * y");
+}
+
+TEST_F(TermOpsTest, IntegerTermsRefuseFloatVariables) {
+  QelIntVar i(env, 0, 5, "i");
+  auto* it = QelNewObject<QelIntLinTermI>(envI(), envI(), QelInt(2));
+  QelIntExpr ie(it);
+  it->addTerm(3, i.getImpl());
+  it->addQuadTerm(1, i.getImpl(), i.getImpl());
+  EXPECT_EQ(Show(ie), "3 * i + i * i + 2");
+  try {
+    it->addTerm(1, x.getImpl());
+    ADD_FAILURE() << "no exception";
+  } catch (const QelWrongUsage& ex) {
+    EXPECT_STREQ(ex.getMessage(), "QelIntLinTermI::addTerm: the variable is not integral");
+  }
+  EXPECT_THROW(it->addQuadTerm(1, i.getImpl(), x.getImpl()), QelWrongUsage);
+  EXPECT_THROW(it->addScaled(x.getImpl(), 2), QelWrongUsage);
+  QelNumExpr half = i + 0.5;
+  EXPECT_THROW(it->addScaled(half.getImpl(), 1), QelWrongUsage);
+  // A numeric term whose parts are all integral is accepted.
+  QelNumExpr whole = i + 1.0;
+  it->addScaled(whole.getImpl(), 2);
+  EXPECT_EQ(Show(ie), "3 * i + 2 * i + i * i + 4");
+  EXPECT_EQ(Uses(i), 4 + 1 + 1);
+}
+
+// ---------------------------------------------------------------------------
+// takeForKeeping, makeCopy, makeClone
+// ---------------------------------------------------------------------------
+
+TEST_F(ExprTest, TakeForKeeping) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelIntVar i(env, 0, 10, "i");
+  QelNumExpr e = x + y;
+  EXPECT_EQ(e.getImpl()->takeForKeeping(), e.getImpl());
+
+  QelNumLinTermI* kx = x.getImpl()->takeForKeeping();
+  EXPECT_EQ(LinearOf(kx), (LinTerms{{1.0, x.getImpl()}}));
+  EXPECT_EQ(kx->getUseCount(), 0);
+
+  QelIntExpr ie = 2 * i + 3;
+  QelNumLinTermI* ki = ie.getImpl()->takeForKeeping();
+  EXPECT_NE(static_cast<QelNumExprI*>(ki), ie.getImpl());
+  EXPECT_EQ(ki->getRttiTypeName(), std::string("QelNumLinTermI"));
+  EXPECT_EQ(Show(ki), "2 * i + 3");
+
+  QelNumExpr p = (x * y) * x;
+  QelNumLinTermI* kp = p.getImpl()->takeForKeeping();
+  EXPECT_EQ(AggregatesOf(kp->getParts()),
+            (std::vector<std::pair<double, QelNumExprI*>>{{1.0, p.getImpl()}}));
+  EXPECT_EQ(Uses(p), 1);
+  EXPECT_TRUE(kp->containsAggregate());
+}
+
+TEST_F(ExprTest, CopiesShareTheVariables) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelIntVar i(env, 0, 10, "i");
+  QelNumExpr e = 2.0 * x + x * y - 1.0;
+  QelNumExprI* c = e.getImpl()->makeCopy();
+  EXPECT_NE(c, e.getImpl());
+  EXPECT_EQ(c->getRttiTypeName(), std::string("QelNumLinTermI"));
+  EXPECT_EQ(c->getEnv(), envI());
+  EXPECT_EQ(c->getUseCount(), 0);
+  EXPECT_EQ(LinearOf(c), LinearOf(e));
+  EXPECT_EQ(QuadOf(c), QuadOf(e));
+  EXPECT_EQ(Show(c), "2 * x + x * y - 1");
+
+  QelIntExpr ie = 3 * i - 2;
+  QelNumExprI* ic = ie.getImpl()->makeCopy();
+  EXPECT_EQ(ic->getRttiTypeName(), std::string("QelIntLinTermI"));
+  EXPECT_EQ(Show(ic), "3 * i - 2");
+
+  QelNumExpr xy = x * y;
+  QelNumExpr p = xy * x;
+  QelNumExprI* pc = p.getImpl()->makeCopy();
+  ASSERT_TRUE(pc->isType(QelNumProductI::GetTypeInfo()));
+  EXPECT_EQ(static_cast<QelNumProductI*>(pc)->getLeft(), xy.getImpl());
+  EXPECT_EQ(static_cast<QelNumProductI*>(pc)->getRight(), x.getImpl());
+  EXPECT_EQ(Uses(xy), 2);
+  EXPECT_EQ(pc->getUseCount(), 0);
+}
+
+TEST_F(ExprTest, ClonesReplaceEveryVariableOnce) {
+  QelEnv other;
+  QelNumVar x(env, 0, 10, "x"), y(env, 1, 9, "y");
+  QelNumExpr e = 2.0 * x + x * y + 1.0;
+  e.setName("e");
+  QelExtractableI* c = other.getImpl()->getClone(e.getImpl());
+  ASSERT_TRUE(c->isType(QelNumLinTermI::GetTypeInfo()));
+  auto* ct = static_cast<QelNumLinTermI*>(c);
+  EXPECT_EQ(ct->getEnv(), other.getImpl());
+  EXPECT_EQ(ct->getName(), nullptr);
+  EXPECT_EQ(ct->getUseCount(), 0);
+  LinTerms lin = LinearOf(ct);
+  QuadTerms quad = QuadOf(ct);
+  ASSERT_EQ(lin.size(), 1u);
+  ASSERT_EQ(quad.size(), 1u);
+  QelNumVarI* cx = lin[0].second;
+  EXPECT_NE(cx, x.getImpl());
+  EXPECT_EQ(cx->getEnv(), other.getImpl());
+  EXPECT_EQ(std::get<1>(quad[0]), cx);
+  QelNumVarI* cy = std::get<2>(quad[0]);
+  EXPECT_EQ(cy->getLB(), 1);
+  EXPECT_EQ(cy->getUB(), 9);
+  EXPECT_EQ(cx->getUseCount(), 2);
+  const std::string sx = "QelNumVar" + std::to_string(cx->getId());
+  const std::string sy = "QelNumVar" + std::to_string(cy->getId());
+  EXPECT_EQ(Show(ct), "2 * " + sx + " + " + sx + " * " + sy + " + 1");
+  EXPECT_EQ(other.getImpl()->getNumberOfExtractables(), 3);
+
+  QelIntVar i(env, 0, 3, "i"), j(env, 0, 3, "j"), k(env, 0, 3, "k");
+  QelIntExpr ip = (i * j) * k;
+  QelExtractableI* ic = other.getImpl()->getClone(ip.getImpl());
+  ASSERT_TRUE(ic->isType(QelIntLinTermI::GetTypeInfo()));
+  auto aggs = AggregatesOf(static_cast<QelIntLinTermI*>(ic)->getParts());
+  ASSERT_EQ(aggs.size(), 1u);
+  ASSERT_TRUE(aggs[0].second->isType(QelNumProductI::GetTypeInfo()));
+  auto* cp = static_cast<QelNumProductI*>(aggs[0].second);
+  EXPECT_EQ(cp->getEnv(), other.getImpl());
+  EXPECT_EQ(cp->getUseCount(), 1);
+  EXPECT_TRUE(cp->getLeft()->isType(QelIntLinTermI::GetTypeInfo()));
+  EXPECT_EQ(cp->getLeft()->getUseCount(), 1);
+  EXPECT_EQ(cp->getLeft()->getEnv(), other.getImpl());
+  EXPECT_EQ(static_cast<QelNumVarI*>(cp->getRight())->getType(), QelVarType::Int);
+
+  QelAlgorithm alg(other);
+  alg.setValue(QelNumVar(cx), 2);
+  alg.setValue(QelNumVar(cy), 5);
+  EXPECT_EQ(alg.getValue(QelNumExpr(ct)), 2 * 2 + 2 * 5 + 1);
+  alg.end();
+  other.end();
+}
+
+// ---------------------------------------------------------------------------
+// Use counts and ending
+// ---------------------------------------------------------------------------
+
+TEST_F(ExprTest, ReleasingTheLastUseEndsALinearTerm) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelNumExpr e = x + y;
+  QelInt id = e.getId();
+  QelInt before = envI()->getNumberOfExtractables();
+  e.getImpl()->lockExpr();
+  e.getImpl()->lockExpr();
+  EXPECT_EQ(Uses(e), 2);
+  envI()->release(e.getImpl());
+  EXPECT_EQ(Uses(e), 1);
+  EXPECT_EQ(envI()->getExtractable(id), e.getImpl());
+  envI()->release(e.getImpl());
+  EXPECT_EQ(envI()->getNumberOfExtractables(), before - 1);
+  EXPECT_EQ(envI()->getExtractable(id), nullptr);
+  EXPECT_EQ(Uses(x), 0);
+  EXPECT_EQ(Uses(y), 0);
+}
+
+TEST_F(ExprTest, ReleasingAVariableDoesNotEndIt) {
+  QelNumVar x(env, 0, 10, "x");
+  x.getImpl()->lockExpr();
+  envI()->release(x.getImpl());
+  EXPECT_EQ(Uses(x), 0);
+  EXPECT_EQ(envI()->getExtractable(x.getId()), x.getImpl());
+}
+
+TEST_F(ExprTest, ATermBeingRemovedIsNotEndedByARelease) {
+  QelNumVar x(env, 0, 10, "x");
+  QelNumExpr e = x + 1.0;
+  envI()->mark(e.getImpl());
+  e.getImpl()->lockExpr();
+  envI()->release(e.getImpl());
+  envI()->unmark(e.getImpl());
+  EXPECT_EQ(envI()->getExtractable(e.getId()), e.getImpl());
+  EXPECT_EQ(Uses(e), 0);
+}
+
+TEST_F(ExprTest, EndingAProductReleasesItsFactors) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y"), z(env, 0, 10, "z");
+  QelNumExpr xy = x * y;
+  QelNumExpr p = xy * z;
+  QelInt xyId = xy.getId();
+  QelInt pId = p.getId();
+  QelInt before = envI()->getNumberOfExtractables();
+  p.getImpl()->lockExpr();
+  envI()->release(p.getImpl());
+  EXPECT_EQ(envI()->getExtractable(pId), nullptr);
+  EXPECT_EQ(envI()->getExtractable(xyId), nullptr);
+  EXPECT_EQ(envI()->getNumberOfExtractables(), before - 2);
+  EXPECT_EQ(Uses(z), 0);
+  EXPECT_EQ(Uses(x), 0);
+}
+
+TEST_F(ExprTest, EndingATermReleasesItsAggregates) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y"), z(env, 0, 10, "z");
+  QelNumExpr xy = x * y;
+  QelNumExpr p = xy * z;
+  QelNumExpr s = p + x;
+  QelInt ids[] = {xy.getId(), p.getId(), s.getId()};
+  QelInt before = envI()->getNumberOfExtractables();
+  s.end();
+  for (QelInt id : ids) EXPECT_EQ(envI()->getExtractable(id), nullptr);
+  EXPECT_EQ(envI()->getNumberOfExtractables(), before - 3);
+  EXPECT_EQ(Uses(x), 0);
+  EXPECT_EQ(Uses(z), 0);
+}
+
+TEST_F(ExprTest, EndingAVariableEndsTheTermsHoldingIt) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelNumExpr e = x + y;
+  QelNumExpr q = 2.0 * (y * y);
+  QelInt eId = e.getId();
+  QelInt qId = q.getId();
+  x.end();
+  EXPECT_EQ(envI()->getExtractable(eId), nullptr);
+  EXPECT_EQ(envI()->getExtractable(qId), q.getImpl());
+  // y is held twice by q and twice by the y * y it was made from.
+  EXPECT_EQ(Uses(y), 4);
+  y.end();
+  EXPECT_EQ(envI()->getExtractable(qId), nullptr);
+}
+
+TEST_F(ExprTest, ArraysLockAndReleaseTheirExpressions) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelNumExpr a = x + 1.0;
+  QelNumExpr b = y * 2.0;
+  QelNumExprArray arr(env, 0);
+  arr.add(a);
+  arr.add(QelExtractable());
+  arr.add(b);
+  arr.add(x);
+  arr.lockExprs();
+  EXPECT_EQ(Uses(a), 1);
+  EXPECT_EQ(Uses(b), 1);
+  EXPECT_EQ(Uses(x), 2);
+  QelInt aId = a.getId();
+  QelInt bId = b.getId();
+  arr.releaseExprs();
+  EXPECT_EQ(envI()->getExtractable(aId), nullptr);
+  EXPECT_EQ(envI()->getExtractable(bId), nullptr);
+  EXPECT_EQ(envI()->getExtractable(x.getId()), x.getImpl());
+  EXPECT_EQ(Uses(x), 0);
+  arr.end();
+}
+
+// ---------------------------------------------------------------------------
+// Decision word, bookkeeping, visit, iterators
+// ---------------------------------------------------------------------------
+
+TEST_F(ExprTest, DecisionWordMakesATermADecisionExpression) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelNumExpr e = x + 1.0;
+  EXPECT_EQ(Term(e)->getParts().decision, x.getImpl());
+  EXPECT_TRUE(e.getImpl()->isDecisionExpr());
+  QelNumExpr q = 3.0 * (y * x);
+  EXPECT_EQ(Term(q)->getParts().decision, y.getImpl());
+  EXPECT_TRUE(q.getImpl()->isDecisionExpr());
+
+  QelNumExpr c(env, 3);
+  EXPECT_EQ(Term(c)->getParts().decision, nullptr);
+  EXPECT_FALSE(c.getImpl()->isDecisionExpr());
+  Term(c)->addTerm(1, y.getImpl());
+  EXPECT_TRUE(c.getImpl()->isDecisionExpr());
+
+  // Only a product: no decision word, but a variable below it.
+  QelNumExpr p = (x * y) * x;
+  QelNumLinTermI* k = QelNewObject<QelNumLinTermI>(envI(), envI());
+  k->addAggregate(1, p.getImpl());
+  EXPECT_EQ(k->getParts().decision, nullptr);
+  EXPECT_TRUE(k->isDecisionExpr());
+
+  QelIntVar i(env, 0, 2, "i");
+  QelIntExpr ie = i + 1;
+  EXPECT_TRUE(ie.getImpl()->isDecisionExpr());
+  EXPECT_FALSE(QelIntExpr(env, 4).getImpl()->isDecisionExpr());
+}
+
+TEST_F(ExprTest, ExtractionBookkeeping) {
+  QelNumVar x(env, 0, 10, "x");
+  QelNumExpr e = x + 1.0;
+  QelNumLinTermI* t = Term(e);
+  EXPECT_EQ(t->getExprUsed(), -1);
+  EXPECT_EQ(t->getBookkeeping(), -1);
+  t->setBookkeeping(5);
+  EXPECT_EQ(t->getExprUsed(), 5);
+  t->resetExprUsed();
+  EXPECT_EQ(t->getExprUsed(), -1);
+
+  QelIntVar i(env, 0, 2, "i");
+  QelIntExpr ie = i + 1;
+  QelIntLinTermI* it = IntTerm(ie);
+  EXPECT_EQ(it->getExprUsed(), -1);
+  it->getParts().exprUsed = 2;
+  EXPECT_EQ(it->getExprUsed(), 2);
+  it->resetExprUsed();
+  EXPECT_EQ(it->getExprUsed(), -1);
+}
+
+TEST_F(ExprTest, VisitPresentsVariablesThenQuadraticThenAggregates) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y"), z(env, 0, 10, "z");
+  QelNumExpr p = (x * y) * z;
+  QelNumLinTermI* t = QelNewObject<QelNumLinTermI>(envI(), envI());
+  t->addAggregate(2, p.getImpl());
+  t->addQuadTerm(1, y.getImpl(), z.getImpl());
+  t->addTerm(1, z.getImpl());
+  t->addTerm(3, x.getImpl());
+  Recorder r;
+  t->visitSubExtractables(&r);
+  using Event = std::pair<std::string, QelExtractableI*>;
+  std::vector<Event> expected = {
+      {"begin", t},          {"child", z.getImpl()}, {"child", x.getImpl()},
+      {"child", y.getImpl()}, {"child", z.getImpl()}, {"child", p.getImpl()},
+      {"end", t}};
+  EXPECT_EQ(r.events, expected);
+
+  Recorder rp;
+  p.getImpl()->visitSubExtractables(&rp);
+  auto* prod = static_cast<QelNumProductI*>(p.getImpl());
+  std::vector<Event> expectedProduct = {
+      {"begin", prod}, {"child", prod->getLeft()}, {"child", z.getImpl()}, {"end", prod}};
+  EXPECT_EQ(rp.events, expectedProduct);
+}
+
+TEST_F(ExprTest, IteratorsOverWhatIsNoTermAreEmpty) {
+  QelNumVar x(env, 0, 10, "x");
+  EXPECT_FALSE(x.getLinearIterator().ok());
+  EXPECT_FALSE(x.getQuadIterator().ok());
+  QelIntVar i(env, 0, 3, "i");
+  QelIntExpr ie = i * i + 2 * i;
+  EXPECT_EQ(LinearOf(ie), (LinTerms{{2.0, i.getImpl()}}));
+  EXPECT_EQ(QuadOf(ie), (QuadTerms{{1.0, i.getImpl(), i.getImpl()}}));
+  EXPECT_FALSE(QelNumExpr::LinearIterator(nullptr).ok());
+  EXPECT_FALSE(QelNumExpr::QuadIterator(nullptr).ok());
+}
+
+// ---------------------------------------------------------------------------
+// Variable arrays and sums
+// ---------------------------------------------------------------------------
+
+TEST_F(ExprTest, VariableArraysAndSums) {
+  QelNumVarArray xs(env, 3, -1, 4);
+  ASSERT_EQ(xs.getSize(), 3);
+  for (long k = 0; k < 3; ++k) {
+    EXPECT_EQ(xs[k].getLB(), -1);
+    EXPECT_EQ(xs[k].getUB(), 4);
+    EXPECT_EQ(xs[k].getImpl()->getType(), QelVarType::Float);
+  }
+  EXPECT_NE(xs[0].getImpl(), xs[1].getImpl());
+
+  QelNumExpr s = QelSum(xs);
+  EXPECT_TRUE(s.getImpl()->isType(QelNumLinTermI::GetTypeInfo()));
+  EXPECT_EQ(LinearOf(s), (LinTerms{{1.0, xs[0].getImpl()},
+                                   {1.0, xs[1].getImpl()},
+                                   {1.0, xs[2].getImpl()}}));
+
+  QelNumArray w(env, 3);
+  w.set(0, 2);
+  w.set(1, -1);
+  w.set(2, 0.5);
+  QelNumExpr sp = QelScalProd(xs, w);
+  EXPECT_EQ(LinearOf(sp), (LinTerms{{2.0, xs[0].getImpl()},
+                                    {-1.0, xs[1].getImpl()},
+                                    {0.5, xs[2].getImpl()}}));
+  QelNumArray shortW(env, 2);
+  try {
+    QelScalProd(xs, shortW);
+    ADD_FAILURE() << "no exception";
+  } catch (const QelWrongUsage& ex) {
+    EXPECT_STREQ(ex.getMessage(), "QelScalProd: arrays of different sizes");
+  }
+
+  QelIntVarArray is(env, 2, 0, 5);
+  EXPECT_EQ(is[0].getImpl()->getType(), QelVarType::Int);
+  EXPECT_EQ(is[1].getLB(), 0);
+  EXPECT_EQ(is[1].getUB(), 5);
+  QelIntExpr si = QelSum(is);
+  EXPECT_TRUE(si.getImpl()->isType(QelIntLinTermI::GetTypeInfo()));
+  EXPECT_EQ(LinearOf(si), (LinTerms{{1.0, is[0].getImpl()}, {1.0, is[1].getImpl()}}));
+
+  QelIntExprArray ie = is.toIntExprArray();
+  EXPECT_NE(ie.getImpl(), is.getImpl());
+  ASSERT_EQ(ie.getSize(), 2);
+  EXPECT_EQ(ie[0].getImpl(), is[0].getImpl());
+  EXPECT_EQ(ie[1].getImpl(), is[1].getImpl());
+
+  QelNumExprArray mixed(env, 0);
+  mixed.add(xs[0] * xs[1]);
+  mixed.add(xs[2]);
+  QelNumExpr sm = QelSum(mixed);
+  EXPECT_EQ(QuadOf(sm), (QuadTerms{{1.0, xs[0].getImpl(), xs[1].getImpl()}}));
+  EXPECT_EQ(LinearOf(sm), (LinTerms{{1.0, xs[2].getImpl()}}));
+
+  QelNumExprArray empty(env, 0);
+  QelNumExpr s0 = QelSum(empty);
+  EXPECT_EQ(s0.getImpl()->getEnv(), envI());
+  EXPECT_EQ(Show(s0), "0");
+
+  mixed.add(QelExtractable());
+  EXPECT_THROW(QelSum(mixed), QelEmptyHandleException);
+  EXPECT_THROW(QelSum(QelNumExprArray()), QelEmptyHandleException);
+
+  for (QelArrayBase* a : std::vector<QelArrayBase*>{&xs, &w, &shortW, &is, &ie, &mixed, &empty})
+    a->end();
+}
+
+// ---------------------------------------------------------------------------
+// Memory
+// ---------------------------------------------------------------------------
+
+TEST_F(ExprTest, EndingEverythingGivesTheMemoryBack) {
+  // Measured right after the environment was made.
+  const QelInt baseline = envI()->getBytesInUse();
+  {
+    QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y"), z(env, 0, 10, "z");
+    QelIntVar i(env, 0, 10, "i"), j(env, 0, 10, "j");
+    QelBoolVar b(env, "b");
+    QelNumExpr e = 2.0 * x - 3.0 * y + 4.0;
+    QelNumExpr q = (x + 1.0) * (y + 2.0);
+    QelNumExpr p = (x * y) * z;
+    QelNumExpr s = p + x + q;
+    QelIntExpr ie = (i * j) * i + 2 * j;
+    QelNumExpr bb = b * b + x * x;
+    Term(bb)->zolNormalization();
+    Term(bb)->normalize();
+    Term(s)->setCoef(x, 5);
+    Term(s)->setQuadCoef(y, x, 0);
+    Term(s)->normalize();
+    QelNumExprI* copy = s.getImpl()->makeCopy();
+    QelNumLinTermI* kept = ie.getImpl()->takeForKeeping();
+    kept->lockExpr();
+    envI()->release(kept);
+    envI()->getClone(s.getImpl());
+    envI()->getClone(ie.getImpl());
+    QelAlgorithm alg(env);
+    for (QelNumVar v : {x, y, z, QelNumVar(i), QelNumVar(j), QelNumVar(b)}) alg.setValue(v, 1);
+    EXPECT_EQ(alg.getValue(copy), alg.getValue(s));
+    EXPECT_EQ(alg.getValue(e), 3);
+    QelNumVarArray xs(env, 50, 0, 1);
+    QelNumExpr sum = QelSum(xs);
+    Term(sum)->normalize();
+    EXPECT_GT(envI()->getBytesInUse(), baseline);
+    alg.end();
+    xs.end();
+  }
+  EndAll(env);
+  EXPECT_EQ(envI()->getBytesInUse(), baseline);
+}
+
+TEST_F(ExprTest, EndingTermsAloneGivesTheirNodesBack) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y"), z(env, 0, 10, "z");
+  const QelInt baseline = envI()->getBytesInUse();
+  // The variables exist; everything made below ends with the term that
+  // holds it.
+  QelNumExpr xy = x * y;
+  QelNumExpr p = xy * z;
+  QelNumLinTermI* t = QelNewObject<QelNumLinTermI>(envI(), envI(), 2.0);
+  for (int k = 0; k < 40; ++k) {
+    t->addTerm(k, x.getImpl());
+    t->addQuadTerm(k, y.getImpl(), z.getImpl());
+  }
+  t->addAggregate(3, p.getImpl());
+  t->normalize();
+  t->setCoef(y, 2);
+  t->lockExpr();
+  envI()->release(t);
+  EXPECT_EQ(envI()->getBytesInUse(), baseline);
+  EXPECT_EQ(envI()->getNumberOfExtractables(), 3);
+  EXPECT_EQ(Uses(x), 0);
+  EXPECT_EQ(Uses(y), 0);
+  EXPECT_EQ(Uses(z), 0);
+}
+
+}  // namespace
