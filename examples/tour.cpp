@@ -98,13 +98,62 @@ int main() {
   Step("Renaming sends a notice");
   r2.setName("capacity");
 
+  Step("An objective: a sense change and a coefficient change are heard");
+  QelObjective cost(env, x + 2 * y, QelObjective::Minimize, "cost");
+  model.add(cost);
+  cost.setSense(QelObjective::Maximize);
+  cost.setLinearCoef(y, 3);
+  std::cout << cost;
+
+  Step("A lexicographic objective: first x, then y");
+  QelMultiCriterionExpr lex = QelStaticLex(env, x, y);
+  QelObjective lexObj = QelMinimize(env, lex, "lex");
+  lex.end();  // the objective keeps its own duplicate
+  std::cout << lexObj;
+
+  Step("One constraint of each family, added to the model");
+  QelIntVarArray v(env, 3, 0, 5);
+  v.setNames("v");
+  QelNumVarArray w(env, 2, 0.0, 1.0);
+  w.setNames("w");
+  QelSOS1 sos(env, "sos");
+  sos->addVar(w[0]);
+  sos->addVal(1);
+  sos->addVar(w[1]);
+  sos->addVal(2);
+  QelDiff diff(env, v[0], v[1], "diff");
+  QelAllDiff allDiff(env, v, "alldiff");
+  QelAllMinDistance spread(env, v, 2, "spread");
+  QelIntVarArray bins(env, 2, 0, 10);
+  bins.setNames("load");
+  QelIntExprArray where = v.toIntExprArray();  // the pack copies it
+  QelPack pack(env, bins, where, QelInt(3), "pack");
+  where.end();
+  QelExtractableArray family(env, 5, sos, diff, allDiff, spread, pack);
+  model.add(family);
+  family.end();
+  std::cout << model;
+  env.getImpl()->setDetailedDisplay(true);
+  std::cout << "the difference in its detailed form: " << diff << "\n";
+  env.getImpl()->setDetailedDisplay(false);
+  values.setValue(v[0], 1);
+  values.setValue(v[1], 2);
+  values.setValue(v[2], 2);
+  std::cout << "with v = (1, 2, 2): diff holds " << diff->eval(values)
+            << ", alldiff holds " << allDiff->eval(values) << "\n";
+
+  Step("Removing a variable from the set: one notice per element scanned");
+  listener->extract(sos.getImpl());
+  sos->removeVar(w[0]);
+  std::cout << sos;
+
   Step("Cloning the model into a second environment");
   QelEnv other;
   model.add(r3);
   QelModel copy(static_cast<QelModelI*>(other.getImpl()->getClone(model.getImpl())));
   std::cout << "the clone (no name, its own objects):\n" << copy;
 
-  Step("Ending a variable ends the constraints over it; the model loses them");
+  Step("Ending x ends what is built over it (ranges, objectives); the model loses them");
   x.end();
   std::cout << model;
 
@@ -114,8 +163,14 @@ int main() {
   rest.add(model);
   rest.add(y);
   rest.add(z);
+  rest.add(v);
+  rest.add(w);
+  rest.add(bins);
   rest.endElements();
   rest.end();
+  v.end();
+  w.end();
+  bins.end();
   values.end();
   delete listener;
   std::cout << "objects left: " << env.getImpl()->getNumberOfExtractables()
