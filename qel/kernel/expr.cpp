@@ -675,44 +675,78 @@ void QelNumVarI::display(std::ostream& os) const {
 // QelNumLinTermI
 // ===========================================================================
 
-QelNumLinTermI::QelNumLinTermI(QelEnvI* env, double constant, const char* name)
-    : QelNumExprI(env, name) {
+template <class Derived, class Base>
+QelLinearTermOf<Derived, Base>::QelLinearTermOf(QelEnvI* env, double constant,
+                                                const char* name)
+    : Base(env, name) {
   _parts.constant = constant;
 }
 
-QelNumLinTermI::~QelNumLinTermI() { ClearParts(_env, _parts); }
-
-QelBool QelNumLinTermI::isRefCountedExpr() const { return true; }
-
-QelExtractableI* QelNumLinTermI::makeClone(QelEnvI* env) const {
-  return CloneTerm<QelNumLinTermI>(env, _parts);
+template <class Derived, class Base>
+QelLinearTermOf<Derived, Base>::~QelLinearTermOf() {
+  ClearParts(this->_env, _parts);
 }
 
-void QelNumLinTermI::visitSubExtractables(QelExtractableVisitor* v) {
+template <class Derived, class Base>
+QelBool QelLinearTermOf<Derived, Base>::isRefCountedExpr() const {
+  return true;
+}
+
+template <class Derived, class Base>
+QelExtractableI* QelLinearTermOf<Derived, Base>::makeClone(QelEnvI* env) const {
+  return CloneTerm<Derived>(env, _parts);
+}
+
+template <class Derived, class Base>
+void QelLinearTermOf<Derived, Base>::visitSubExtractables(QelExtractableVisitor* v) {
   VisitParts(this, _parts, v);
 }
 
-void QelNumLinTermI::display(std::ostream& os) const { DisplayParts(_parts, os); }
-
-QelBool QelNumLinTermI::isDecisionExpr() const {
-  return _parts.decision != nullptr || QelNumExprI::isDecisionExpr();
+template <class Derived, class Base>
+void QelLinearTermOf<Derived, Base>::display(std::ostream& os) const {
+  DisplayParts(_parts, os);
 }
 
-void QelNumLinTermI::resetExprUsed() { _parts.exprUsed = -1; }
-QelInt QelNumLinTermI::getExprUsed() const { return _parts.exprUsed; }
-double QelNumLinTermI::eval(QelAlgorithm alg) const { return EvalParts(_parts, alg); }
-QelNumLinTermI* QelNumLinTermI::takeForKeeping() { return this; }
-
-QelNumExprI* QelNumLinTermI::makeCopy() const {
-  return MakeTerm<QelNumLinTermI>(
-      _env, [this](PartsAppender& out) { out.scaled(this, 1.0); });
+template <class Derived, class Base>
+QelBool QelLinearTermOf<Derived, Base>::isDecisionExpr() const {
+  return _parts.decision != nullptr || Base::isDecisionExpr();
 }
 
-double QelNumLinTermI::getConstant() const { return _parts.constant; }
+template <class Derived, class Base>
+void QelLinearTermOf<Derived, Base>::resetExprUsed() {
+  _parts.exprUsed = -1;
+}
 
-QelBool QelNumLinTermI::isLinear() const {
+template <class Derived, class Base>
+QelInt QelLinearTermOf<Derived, Base>::getExprUsed() const {
+  return _parts.exprUsed;
+}
+
+template <class Derived, class Base>
+double QelLinearTermOf<Derived, Base>::eval(QelAlgorithm alg) const {
+  return EvalParts(_parts, alg);
+}
+
+template <class Derived, class Base>
+QelNumExprI* QelLinearTermOf<Derived, Base>::makeCopy() const {
+  return MakeTerm<Derived>(this->_env,
+                           [this](PartsAppender& out) { out.scaled(this, 1.0); });
+}
+
+template <class Derived, class Base>
+double QelLinearTermOf<Derived, Base>::getConstant() const {
+  return _parts.constant;
+}
+
+template <class Derived, class Base>
+QelBool QelLinearTermOf<Derived, Base>::isLinear() const {
   return _parts.quadHead == nullptr && _parts.aggHead == nullptr;
 }
+
+template class QelLinearTermOf<QelNumLinTermI, QelNumExprI>;
+template class QelLinearTermOf<QelIntLinTermI, QelIntExprI>;
+
+QelNumLinTermI* QelNumLinTermI::takeForKeeping() { return this; }
 
 double QelNumLinTermI::setCoef(const QelNumVar& x, double coef) {
   if (x.getImpl() == nullptr) throw QelEmptyHandleException();
@@ -777,45 +811,7 @@ void QelNumLinTermI::addScaled(const QelNumExprI* other, double factor) {
 // QelIntLinTermI
 // ===========================================================================
 
-QelIntLinTermI::QelIntLinTermI(QelEnvI* env, QelInt constant, const char* name)
-    : QelIntExprI(env, name) {
-  _parts.constant = static_cast<double>(constant);
-}
-
-QelIntLinTermI::~QelIntLinTermI() { ClearParts(_env, _parts); }
-
-QelBool QelIntLinTermI::isRefCountedExpr() const { return true; }
-
-QelExtractableI* QelIntLinTermI::makeClone(QelEnvI* env) const {
-  return CloneTerm<QelIntLinTermI>(env, _parts);
-}
-
-void QelIntLinTermI::visitSubExtractables(QelExtractableVisitor* v) {
-  VisitParts(this, _parts, v);
-}
-
-void QelIntLinTermI::display(std::ostream& os) const { DisplayParts(_parts, os); }
-
-QelBool QelIntLinTermI::isDecisionExpr() const {
-  return _parts.decision != nullptr || QelIntExprI::isDecisionExpr();
-}
-
-void QelIntLinTermI::resetExprUsed() { _parts.exprUsed = -1; }
-QelInt QelIntLinTermI::getExprUsed() const { return _parts.exprUsed; }
-double QelIntLinTermI::eval(QelAlgorithm alg) const { return EvalParts(_parts, alg); }
-
 QelNumLinTermI* QelIntLinTermI::takeForKeeping() { return QelIntExprI::takeForKeeping(); }
-
-QelNumExprI* QelIntLinTermI::makeCopy() const {
-  return MakeTerm<QelIntLinTermI>(
-      _env, [this](PartsAppender& out) { out.scaled(this, 1.0); });
-}
-
-double QelIntLinTermI::getConstant() const { return _parts.constant; }
-
-QelBool QelIntLinTermI::isLinear() const {
-  return _parts.quadHead == nullptr && _parts.aggHead == nullptr;
-}
 
 void QelIntLinTermI::addTerm(QelInt coef, QelNumVarI* x) {
   if (x == nullptr) throw QelEmptyHandleException();

@@ -181,17 +181,15 @@ class QEL_API QelLinearParts {
   const QelNumVarI* decision = nullptr;
 };
 
-/// A numeric linear (and quadratic) expression.
-class QEL_API QelNumLinTermI : public QelNumExprI {
-  QEL_EXTRACTABLE_DECL(QelNumLinTermI, QelNumExprI)
-
+/// The members the numeric and the integer linear terms share, written
+/// once: `Derived` is the concrete term, `Base` its expression base.
+template <class Derived, class Base>
+class QEL_API QelLinearTermOf : public Base {
  public:
   /// The constant `constant` and no terms.
-  QelNumLinTermI(QelEnvI* env, double constant = 0, const char* name = nullptr);
+  QelLinearTermOf(QelEnvI* env, double constant, const char* name);
   /// Gives back every node and the uses held.
-  ~QelNumLinTermI() override;
-
-  // ---- QelExtractableI / QelNumExprI ------------------------------------
+  ~QelLinearTermOf() override;
   /// true: a linear term lives while something uses it.
   QelBool isRefCountedExpr() const override;
   /// A copy of the term in `env`, its variables cloned.
@@ -208,14 +206,32 @@ class QEL_API QelNumLinTermI : public QelNumExprI {
   QelInt getExprUsed() const override;
   /// The value for the values held by `alg`.
   double eval(QelAlgorithm alg) const override;
-  /// Returns itself.
-  QelNumLinTermI* takeForKeeping() override;
-  /// A copy in the same environment.
+  /// A copy in the same environment (variables shared).
   QelNumExprI* makeCopy() const override;
   /// The constant.
   double getConstant() const override;
   /// No quadratic and no aggregate terms.
   QelBool isLinear() const override;
+  /// The parts of the term.
+  QelLinearParts& getParts() { return _parts; }
+  /// The parts of the term.
+  const QelLinearParts& getParts() const { return _parts; }
+
+ protected:
+  /// Constant, term lists and the bookkeeping and decision words.
+  QelLinearParts _parts;
+};
+
+/// A numeric linear (and quadratic) expression.
+class QEL_API QelNumLinTermI : public QelLinearTermOf<QelNumLinTermI, QelNumExprI> {
+  QEL_EXTRACTABLE_DECL(QelNumLinTermI, QelNumExprI)
+
+ public:
+  /// The constant `constant` and no terms.
+  explicit QelNumLinTermI(QelEnvI* env, double constant = 0, const char* name = nullptr)
+      : QelLinearTermOf(env, constant, name) {}
+  /// Returns itself.
+  QelNumLinTermI* takeForKeeping() override;
 
   // ---- the linear-term operations -----------------------------------------
   /// Sets the coefficient of `x` (0 removes it); returns the coefficient
@@ -244,53 +260,23 @@ class QEL_API QelNumLinTermI : public QelNumExprI {
   void addAggregate(double coef, QelNumExprI* e);
   /// Adds `factor` times `other` to this term.
   void addScaled(const QelNumExprI* other, double factor);
-  /// The parts of the term.
-  QelLinearParts& getParts() { return _parts; }
-  /// The parts of the term.
-  const QelLinearParts& getParts() const { return _parts; }
   /// The bookkeeping word saved and restored by column-wise addition.
   QelInt getBookkeeping() const { return _parts.exprUsed; }
   /// Writes the bookkeeping word back.
   void setBookkeeping(QelInt v) { _parts.exprUsed = v; }
-
- private:
-  QelLinearParts _parts;
 };
 
 /// An integer linear (and quadratic) expression: every coefficient,
 /// variable and the constant are integral.
-class QEL_API QelIntLinTermI : public QelIntExprI {
+class QEL_API QelIntLinTermI : public QelLinearTermOf<QelIntLinTermI, QelIntExprI> {
   QEL_EXTRACTABLE_DECL(QelIntLinTermI, QelIntExprI)
 
  public:
   /// The constant `constant` and no terms.
-  QelIntLinTermI(QelEnvI* env, QelInt constant = 0, const char* name = nullptr);
-  /// Gives back every node and the uses held.
-  ~QelIntLinTermI() override;
-  /// true.
-  QelBool isRefCountedExpr() const override;
-  /// A copy in `env`, its variables cloned.
-  QelExtractableI* makeClone(QelEnvI* env) const override;
-  /// The variables, then the aggregate sub-expressions.
-  void visitSubExtractables(QelExtractableVisitor* v) override;
-  /// Writes the term.
-  void display(std::ostream& os) const override;
-  /// True at once when the decision word is set.
-  QelBool isDecisionExpr() const override;
-  /// Resets the extraction bookkeeping.
-  void resetExprUsed() override;
-  /// The extraction bookkeeping.
-  QelInt getExprUsed() const override;
-  /// The value for the values held by `alg`.
-  double eval(QelAlgorithm alg) const override;
+  explicit QelIntLinTermI(QelEnvI* env, QelInt constant = 0, const char* name = nullptr)
+      : QelLinearTermOf(env, static_cast<double>(constant), name) {}
   /// A new numeric linear term with the same parts.
   QelNumLinTermI* takeForKeeping() override;
-  /// A copy in the same environment.
-  QelNumExprI* makeCopy() const override;
-  /// The constant.
-  double getConstant() const override;
-  /// No quadratic and no aggregate terms.
-  QelBool isLinear() const override;
   /// Appends coef * x.
   void addTerm(QelInt coef, QelNumVarI* x);
   /// Appends coef * x * y.
@@ -301,14 +287,10 @@ class QEL_API QelIntLinTermI : public QelIntExprI {
   void addScaled(const QelNumExprI* other, QelInt factor);
   /// Sets the constant.
   void setConstant(QelInt c) { _parts.constant = static_cast<double>(c); }
-  /// The parts of the term.
-  QelLinearParts& getParts() { return _parts; }
-  /// The parts of the term.
-  const QelLinearParts& getParts() const { return _parts; }
-
- private:
-  QelLinearParts _parts;
 };
+
+extern template class QelLinearTermOf<QelNumLinTermI, QelNumExprI>;
+extern template class QelLinearTermOf<QelIntLinTermI, QelIntExprI>;
 
 /// The product of two expressions whose product is neither linear nor
 /// quadratic. Holds one use of each factor.
