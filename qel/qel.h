@@ -9,6 +9,7 @@
 
 #include <qel/kernel/types.h>
 #include <qel/kernel/rtti.h>
+#include <qel/kernel/mutex.h>
 #include <qel/kernel/exception.h>
 #include <qel/kernel/memory.h>
 #include <qel/kernel/env.h>

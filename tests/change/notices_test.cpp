@@ -61,3 +61,43 @@ TEST(NoticesTest, EverySlotStartsEmpty) {
 #include <qel/change/notices.def>
 #undef QEL_NOTICE
 }
+
+namespace {
+template <class N>
+QelInt CountingHook(QelAlgorithm, const N*, void*) {
+  return 7;
+}
+}  // namespace
+
+TEST(NoticesTest, TheWalkReachesEveryClassOnceAndCanFillEverySlot) {
+  int visited = 0;
+  std::set<std::string> names;
+  QelForEachNoticeClass([&](auto tag) {
+    using N = typename decltype(tag)::Type;
+    ++visited;
+    names.insert(N::GetRttiTypeName());
+    EXPECT_EQ(N::GetBaseTypeInfo(), decltype(tag)::Base::GetTypeInfo());
+  });
+  EXPECT_EQ(visited, QelNoticeClassCount);
+  EXPECT_EQ(names.size(), static_cast<size_t>(QelNoticeClassCount));
+  // Filling every slot at once, as an engine would, then emptying them.
+  QelForEachNoticeClass([](auto tag) {
+    using N = typename decltype(tag)::Type;
+    N::_applyCP = &CountingHook<N>;
+  });
+  QelEnv env;
+  QelModel m(env);
+  QelAlgorithm alg(env);
+  QelSetNameChange named(m.getImpl());
+  QelAddOneToModel added(m.getImpl(), m.getImpl());
+  EXPECT_EQ(named.applyToCP(alg, nullptr), 7);
+  EXPECT_EQ(added.applyToCP(alg, nullptr), 7);
+  QelForEachNoticeClass([](auto tag) {
+    using N = typename decltype(tag)::Type;
+    N::_applyCP = nullptr;
+  });
+  EXPECT_THROW(named.applyToCP(alg, nullptr), QelAlgorithm::CannotChangeException);
+  alg.end();
+  m.end();
+  env.end();
+}
