@@ -1,8 +1,10 @@
 // Extractable arrays: counted construction, search, marking sweeps, bulk
 // end and naming, cloning and printing.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ostream>
+#include <vector>
 
 #include <qel/change/change.h>
 #include <qel/collections/extractablearray.h>
@@ -81,22 +83,38 @@ void QelExtractableArray::setNames(const char* name) const {
   long n = _impl->getSize();
   size_t size = std::strlen(name) + 32;
   char* buffer = static_cast<char*>(env->alloc(size));
-  for (long i = 0; i < n; ++i) {
-    QelExtractableI* e = getElement(i);
-    if (e != nullptr && e->getName() != nullptr) e->setNameNoNotif(nullptr);
-  }
+  // Every new name, and every name record an element lacks, is made before
+  // any element changes: a refused allocation leaves every name as it was
+  // (a record made meanwhile stays empty, which no one can tell).
+  QelArrayI* copies = nullptr;
   try {
+    copies = QelArrayI::Make(env->getInternalAllocator(), n);
     for (long i = 0; i < n; ++i) {
+      QelExtractableI* e = getElement(i);
+      if (e == nullptr) continue;
+      QelGenAlloc* alloc = e->getEnv()->getGeneralAllocator();
+      e->extension();
       QelSPrintf(buffer, static_cast<unsigned long>(size), "%s(%d)", name,
                  static_cast<int>(i));
-      QelExtractableI* e = getElement(i);
-      if (e != nullptr && e->getName() == nullptr) e->setNameNoNotif(buffer);
+      QelArraySet(copies, i, QelCopyString(alloc, buffer));
     }
   } catch (...) {
+    if (copies != nullptr) {
+      for (long i = 0; i < n; ++i)
+        if (QelExtractableI* e = getElement(i))
+          QelFreeString(e->getEnv()->getGeneralAllocator(), QelArrayGet<char*>(copies, i));
+      delete copies;
+    }
     env->free(buffer, size);
     throw;
   }
   env->free(buffer, size);
+  // Downward: an element held twice keeps the name of its first place.
+  for (long i = n - 1; i >= 0; --i)
+    if (QelExtractableI* e = getElement(i))
+      e->getExtension()->adoptName(e->getEnv()->getGeneralAllocator(),
+                                   QelArrayGet<char*>(copies, i));
+  delete copies;
   QelSetNameArrayChange change(*this);
   env->change(change);
 }
@@ -105,21 +123,27 @@ void QelExtractableArray::replaceByClone(QelEnvI* env) {
   long n = getSize();
   QelEnvI* home = env != nullptr ? env : _impl->getEnv();
   QelArrayI* fresh = QelArrayI::Make(home->getGeneralAllocator(), n);
-  // One copy operation: an object held twice is cloned once.
+  // One copy operation in each environment copied into: an object held
+  // twice is cloned once, and a failure leaves no copy behind anywhere.
+  std::vector<QelEnvI*> targets{home};
   home->beginCopy();
   try {
     for (long i = 0; i < n; ++i) {
       QelExtractableI* e = getElement(i);
       if (e == nullptr) continue;
       QelEnvI* target = env != nullptr ? env : e->getEnv();
+      if (std::find(targets.begin(), targets.end(), target) == targets.end()) {
+        targets.push_back(target);
+        target->beginCopy();
+      }
       QelArraySet(fresh, i, target->getClone(e));
     }
   } catch (...) {
-    home->endCopy();
+    for (QelEnvI* target : targets) target->abandonCopy();
     delete fresh;
     throw;
   }
-  home->endCopy();
+  for (QelEnvI* target : targets) target->endCopy();
   _impl = fresh;
 }
 

@@ -39,7 +39,8 @@ class QEL_API QelExtractableArray : public QelArray<QelExtractable> {
   /// An array of the k given objects (k from 1 to 10), in order; throws
   /// QelWrongUsage "QelExtractableArray::QelExtractableArray: n != k" when
   /// n differs from k (the handle then already holds an empty array).
-  /// Empty handles become null elements.
+  /// Empty handles become null elements. When an element cannot be added
+  /// (refused memory), the array is released before the failure goes on.
   template <class... Xs,
             class = std::enable_if_t<
                 (sizeof...(Xs) >= 1 && sizeof...(Xs) <= 10) &&
@@ -48,7 +49,12 @@ class QEL_API QelExtractableArray : public QelArray<QelExtractable> {
       : QelExtractableArray(env, 0) {
     CheckCount("QelExtractableArray::QelExtractableArray: n != ", n,
                static_cast<long>(sizeof...(Xs)));
-    (add(QelExtractable(xs)), ...);
+    try {
+      (add(QelExtractable(xs)), ...);
+    } catch (...) {
+      end();
+      throw;
+    }
   }
 
   /// Element i (null for a null element).
@@ -74,7 +80,8 @@ class QEL_API QelExtractableArray : public QelArray<QelExtractable> {
   /// empties the array.
   void endElements() const;
   /// Names the elements name(0), name(1), ... (elements that had a name get
-  /// the new one too) and sends one QelSetNameArrayChange.
+  /// the new one too) and sends one QelSetNameArrayChange. All or nothing:
+  /// when memory is refused, every element keeps the name it had.
   void setNames(const char* name) const;
   /// Replaces the handle's array by a new array (in `env`, or in each
   /// element's own environment when `env` is null) of the elements' clones.

@@ -1,6 +1,18 @@
 // The member list of a model.
 #include <qel/collections/extractablelist.h>
 
+namespace {
+
+// QelEnvI::IsMarked, inline for the sweeps, which test every node: null,
+// ended, or carrying the removal mark.
+inline bool Marked(const QelExtractableI* x) {
+  if (x == nullptr) return true;
+  QelInt id = x->getId();
+  return id == -1 || x->getEnv()->getExtractableTable()[id] == QelEnvI::RemovalMark;
+}
+
+}  // namespace
+
 void QelExtractableList::release(Node* n, QelEnvI* env) {
   env->free(n, sizeof(Node));
 }
@@ -26,19 +38,36 @@ void QelExtractableList::add(QelExtractableI* x) {
 void QelExtractableList::add(const QelExtractableArray& xs) {
   QelArrayI* a = xs.getImpl();
   if (a == nullptr) throw QelEmptyHandleException();
+  QelEnvI* envBefore = _env;
   if (_env == nullptr) _env = a->getEnv();
+  Node** start = _tail;
   long n = a->getSize();
-  for (long i = 0; i < n; ++i) {
-    QelExtractableI* e = QelArrayGet<QelExtractableI*>(a, i);
-    if (e == nullptr) continue;
-    QelEnvI* env = e->getEnv();
-    env->recordLocation(_tail);
-    env->recordLocation(&_tail);
-    Node* node = static_cast<Node*>(env->alloc(sizeof(Node)));
-    node->next = nullptr;
-    node->extractable = e;
-    *_tail = node;
-    _tail = &node->next;
+  try {
+    for (long i = 0; i < n; ++i) {
+      QelExtractableI* e = QelArrayGet<QelExtractableI*>(a, i);
+      if (e == nullptr) continue;
+      QelEnvI* env = e->getEnv();
+      env->recordLocation(_tail);
+      env->recordLocation(&_tail);
+      Node* node = static_cast<Node*>(env->alloc(sizeof(Node)));
+      node->next = nullptr;
+      node->extractable = e;
+      *_tail = node;
+      _tail = &node->next;
+    }
+  } catch (...) {
+    // All or nothing: the nodes appended by this call go again.
+    for (Node* node = *start; node != nullptr;) {
+      Node* next = node->next;
+      release(node, node->extractable->getEnv());
+      node = next;
+    }
+    _env->recordLocation(start);
+    _env->recordLocation(&_tail);
+    *start = nullptr;
+    _tail = start;
+    _env = envBefore;
+    throw;
   }
 }
 
@@ -73,22 +102,71 @@ void QelExtractableList::remove(const QelExtractableArray& xs,
     }
     throw;
   }
-  // Sweep pass.
   QelEnvI* first = _head->extractable->getEnv();
   Node** link = &_head;
-  while (*link != nullptr) {
+  if (removed.getImpl() == nullptr) {
+    // Sweep pass.
+    while (*link != nullptr) {
+      Node* node = *link;
+      if (!Marked(node->extractable)) {
+        link = &node->next;
+        continue;
+      }
+      // Release before unlinking: a refused release leaves the list intact.
+      Node* next = node->next;
+      try {
+        release(node, node->extractable->getEnv());
+      } catch (...) {
+        first->recordLocation(&_tail);
+        _tail = link;
+        while ((*_tail) != nullptr) _tail = &(*_tail)->next;
+        unmarkAll(stack, env);
+        throw;
+      }
+      first->recordLocation(link);
+      *link = next;
+    }
+    first->recordLocation(&_tail);
+    _tail = link;
+    unmarkAll(stack, env);
+    return;
+  }
+  // Collecting pass: the link that holds each node to go (the head link or
+  // the previous node's next field) is appended to `removed`, in list order,
+  // before any node goes: a refused allocation then leaves the list as it
+  // was. This is the one walk over the list.
+  QelArrayI* out = removed.getImpl();
+  long from = out->getSize();
+  try {
+    for (Node** l = &_head; *l != nullptr; l = &(*l)->next)
+      if (Marked((*l)->extractable)) out->addRaw(reinterpret_cast<std::uintptr_t>(l));
+  } catch (...) {
+    out->setSize(from);
+    unmarkAll(stack, env);
+    throw;
+  }
+  // Unlinking, straight from the links collected; each entry of `removed`
+  // gets its member in place of the link. A link inside a node that went
+  // just before is that node's own link.
+  long to = out->getSize();
+  Node* gone = nullptr;
+  Node** goneLink = nullptr;
+  for (long i = from; i < to; ++i) {
+    Node** link = reinterpret_cast<Node**>(out->rawAt(i));
+    if (gone != nullptr && link == &gone->next) link = goneLink;
     Node* node = *link;
     QelExtractableI* m = node->extractable;
-    if (!QelEnvI::IsMarked(m)) {
-      link = &node->next;
-      continue;
-    }
+    out->rawAt(i) = reinterpret_cast<std::uintptr_t>(m);
     // Release before unlinking: a refused release leaves the list intact.
     Node* next = node->next;
     try {
-      if (removed.getImpl() != nullptr) removed.add(QelExtractable(m));
       release(node, m->getEnv());
     } catch (...) {
+      // The entries still holding links get their members (every node
+      // after this one is still in place).
+      for (long j = i + 1; j < to; ++j)
+        out->rawAt(j) = reinterpret_cast<std::uintptr_t>(
+            (*reinterpret_cast<Node**>(out->rawAt(j)))->extractable);
       first->recordLocation(&_tail);
       _tail = link;
       while ((*_tail) != nullptr) _tail = &(*_tail)->next;
@@ -97,9 +175,11 @@ void QelExtractableList::remove(const QelExtractableArray& xs,
     }
     first->recordLocation(link);
     *link = next;
+    gone = node;
+    goneLink = link;
   }
   first->recordLocation(&_tail);
-  _tail = link;
+  if (goneLink != nullptr && *goneLink == nullptr) _tail = goneLink;
   unmarkAll(stack, env);
 }
 
@@ -142,7 +222,7 @@ void QelExtractableList::removeMarked() {
   Node** link = &_head;
   while (*link != nullptr) {
     Node* node = *link;
-    if (!QelEnvI::IsMarked(node->extractable)) {
+    if (!Marked(node->extractable)) {
       link = &node->next;
       continue;
     }

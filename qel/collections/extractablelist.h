@@ -32,13 +32,15 @@ class QEL_API QelExtractableList {
   QelExtractableList& operator=(const QelExtractableList&) = delete;
 
   /// Appends the non-null elements of `xs` in index order; throws
-  /// QelEmptyHandleException for an empty handle.
+  /// QelEmptyHandleException for an empty handle. All or nothing: when a
+  /// node cannot be made, the nodes already appended go again.
   void add(const QelExtractableArray& xs);
   /// Appends `x` (the list's environment becomes x's if it has none).
   void add(QelExtractableI* x);
   /// Removes every node whose member is an element of `xs`, appending each
   /// removed member to `removed` (when it is a non-empty handle), in list
-  /// order. Throws QelEmptyHandleException for an empty `xs`.
+  /// order. Throws QelEmptyHandleException for an empty `xs`. A refused
+  /// allocation (marking, or room in `removed`) leaves the list as it was.
   void remove(const QelExtractableArray& xs, QelExtractableArray removed);
   /// Removes the first node holding `x`; false when there is none.
   QelBool removeFirst(QelExtractableI* x);

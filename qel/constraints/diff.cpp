@@ -79,12 +79,25 @@ void QelDiffI::display(std::ostream& os) const {
 // its block back to its own environment, so it must be taken from there. In
 // every proper use the environment given to the handle is that same one.
 
-QelDiff::QelDiff(QelEnv, QelNumExprArg x, double c, const char* name)
-    : QelHandle(QelNewObject<QelDiffI>(x.getImpl()->getEnv(),
-                                       x.getImpl()->getEnv(), x.getImpl(), c,
-                                       name)) {}
+namespace {
 
-QelDiff::QelDiff(QelEnv, QelNumExprArg x, QelNumExprArg y, const char* name)
-    : QelHandle(QelNewObject<QelDiffI>(x.getImpl()->getEnv(),
-                                       x.getImpl()->getEnv(), x.getImpl(),
-                                       y.getImpl(), name)) {}
+// The expression, checked: an empty handle would leave nothing to compare.
+QelNumExprI* Operand(const QelNumExprArg& e) {
+  if (e.getImpl() == nullptr) throw QelEmptyHandleException();
+  return e.getImpl();
+}
+
+}  // namespace
+
+QelDiff::QelDiff(QelEnv, QelNumExprArg x, double c, const char* name) {
+  QelNumExprI* left = Operand(x);
+  QelEnvI* env = left->getEnv();
+  _impl = QelNewObject<QelDiffI>(env, env, left, c, name);
+}
+
+QelDiff::QelDiff(QelEnv, QelNumExprArg x, QelNumExprArg y, const char* name) {
+  QelNumExprI* left = Operand(x);
+  QelNumExprI* right = Operand(y);
+  QelEnvI* env = left->getEnv();
+  _impl = QelNewObject<QelDiffI>(env, env, left, right, name);
+}

@@ -70,10 +70,11 @@ class QEL_API QelDiff : public QelHandle<QelDiffI, QelConstraint> {
   /// An empty handle.
   QelDiff() = default;
   /// x != c, built in (and placed in the memory of) x's environment, which
-  /// is expected to be `env`.
+  /// is expected to be `env`. An empty `x` throws QelEmptyHandleException.
   QelDiff(QelEnv env, QelNumExprArg x, double c, const char* name = nullptr);
   /// x != y, built in (and placed in the memory of) x's environment, which
-  /// is expected to be `env`.
+  /// is expected to be `env`. An empty `x` or `y` throws
+  /// QelEmptyHandleException.
   QelDiff(QelEnv env, QelNumExprArg x, QelNumExprArg y,
           const char* name = nullptr);
 };

@@ -70,11 +70,17 @@ QelPackI::~QelPackI() {
 
 QelExtractableI* QelPackI::makeClone(QelEnvI* env) const {
   // One copy operation: an expression that appears in several pieces gets
-  // one clone.
+  // one clone, and a failure leaves no clone behind.
   struct CopyScope {
     QelEnvI* env;
+    bool done = false;
     explicit CopyScope(QelEnvI* e) : env(e) { env->beginCopy(); }
-    ~CopyScope() { env->endCopy(); }
+    ~CopyScope() {
+      if (done)
+        env->endCopy();
+      else
+        env->abandonCopy();
+    }
   } scope(env);
 
   QelIntExprArray load = _load;
@@ -94,9 +100,11 @@ QelExtractableI* QelPackI::makeClone(QelEnvI* env) const {
         _used != nullptr ? static_cast<QelIntExprI*>(env->getClone(_used)) : nullptr;
     QelIntSetVarI* usedSet =
         _usedSet != nullptr ? static_cast<QelIntSetVarI*>(env->getClone(_usedSet)) : nullptr;
-    return QelNewObject<QelPackI>(env, env, load, where, weight, QelIntExpr(used),
-                                  QelIntSetVar(usedSet), _boolArrays,
-                                  static_cast<const char*>(nullptr));
+    QelPackI* clone = QelNewObject<QelPackI>(env, env, load, where, weight, QelIntExpr(used),
+                                             QelIntSetVar(usedSet), _boolArrays,
+                                             static_cast<const char*>(nullptr));
+    scope.done = true;
+    return clone;
   } catch (...) {
     load.end();
     where.end();

@@ -196,6 +196,7 @@ QelExtractableI* QelAddVarToSOSNotice<Traits>::what() const {
 template <class Traits>
 void QelAddVarToSOSNotice<Traits>::apply() const {
   QelNumArray vals = _set->getValArray();
+  long weights = vals.getSize();
   if (vals.getSize() > 0) {
     // Weights not given continue the sequence: the largest plus one.
     _set->addVal(_weight > 0.0 ? _weight : 1.0 + _set->getMaxVal());
@@ -204,8 +205,14 @@ void QelAddVarToSOSNotice<Traits>::apply() const {
     // it already holds variables never gets any this way.
     _set->addVal(_weight);
   }
-  _set->addVar(
-      QelNumVar(static_cast<QelNumVarI*>(const_cast<QelExtractableI*>(getObj()))));
+  try {
+    _set->addVar(
+        QelNumVar(static_cast<QelNumVarI*>(const_cast<QelExtractableI*>(getObj()))));
+  } catch (...) {
+    // The variable could not join (refused memory): its weight goes too.
+    if (vals.getSize() > weights) vals.remove(weights, vals.getSize() - weights);
+    throw;
+  }
 }
 
 template class QelAddVarToSOSNotice<QelSOS1Traits>;

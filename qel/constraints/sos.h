@@ -279,7 +279,8 @@ class QEL_API QelAddVarToSOSNotice : public QelAddNumVar {
   void destroy(QelEnvI* env) override;
   /// The set.
   QelExtractableI* what() const override;
-  /// Appends the weight (given or chosen) and the variable to the set.
+  /// Appends the weight (given or chosen) and the variable to the set;
+  /// both or neither (refused memory).
   void apply() const override;
   /// Destroys the notice into the set's environment.
   void destroy();

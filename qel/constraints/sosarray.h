@@ -53,7 +53,13 @@ class QelSOSArray : public QelExtractableArray {
   QelSOSArray(QelEnv env, QelInt n, const Sets&... sets)
       : QelExtractableArray(env, 0) {
     Traits::CheckCount(n, static_cast<long>(sizeof...(Sets)));
-    (add(QelExtractable(Handle(sets))), ...);
+    // A set that cannot be added (refused memory) takes the array with it.
+    try {
+      (add(QelExtractable(Handle(sets))), ...);
+    } catch (...) {
+      end();
+      throw;
+    }
   }
   /// Element i as a set handle (empty for a null element).
   Handle operator[](long i) const {

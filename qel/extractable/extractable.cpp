@@ -79,10 +79,6 @@ void* QelExtractableI::getObject() const {
   return _extension != nullptr ? _extension->getObject() : nullptr;
 }
 
-void QelExtractableI::notify(const QelChange& change) const {
-  _env->change(this, change);
-}
-
 void QelExtractableI::removeFromAll() { _env->removeFromAll(this); }
 
 void QelExtractableI::printNameOrId(std::ostream& os, const char* prefix) const {

@@ -138,8 +138,9 @@ class QEL_API QelExtractableI : public QelRttiEnvObjectI {
   void setObject(void* object);
   /// The user object, or null.
   void* getObject() const;
-  /// Passes `change` about this object to the environment's broadcast.
-  void notify(const QelChange& change) const;
+  /// Passes `change` about this object to the environment's broadcast
+  /// (inline: with nothing listening, it costs one test).
+  void notify(const QelChange& change) const { _env->change(this, change); }
   /// Takes the object out of every model and container; it stays alive.
   void removeFromAll();
 
@@ -188,6 +189,8 @@ class QEL_API QelExtractableI : public QelRttiEnvObjectI {
 
  private:
   friend class QelEnvI;
+  // setNames makes every name record it needs before it renames anything.
+  friend class QelExtractableArray;
   QelExtension* extension() {
     return QelExtension::getOrMake(_env->getGeneralAllocator(), &_extension);
   }

@@ -135,6 +135,9 @@ QelBool QelNamedPropertySetI::removeProperty(QelNamedPropertyI* p) {
   for (QelNamedPropertyI** link = &_head; *link != nullptr;
        link = &(*link)->_next) {
     if (*link != p) continue;
+    // A release the environment refuses (foreign thread, allocation off)
+    // must find the property still in the set.
+    if (QelEnvI* env = p->getAllocator()->getEnv()) env->checkThread();
     *link = p->_next;
     --_size;
     p->end();

@@ -2,6 +2,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <vector>
 
 #include <qel/change/change.h>
 #include <qel/extractable/visitor.h>
@@ -23,13 +24,16 @@ QelAlgorithmI::~QelAlgorithmI() {
 
 namespace {
 
-// Records every object reachable from the one extracted.
+// Records every object reachable from the one extracted; the ids it
+// records anew are listed in `fresh` when given.
 class Recorder : public QelExtractableVisitor {
  public:
-  Recorder(QelExtractionRegistry& registry, int slot)
-      : _registry(registry), _slot(slot) {}
+  Recorder(QelExtractionRegistry& registry, int slot, std::vector<QelInt>* fresh = nullptr)
+      : _registry(registry), _slot(slot), _fresh(fresh) {}
   using QelExtractableVisitor::visitChildren;
   void beginVisit(QelExtractableI* x) override {
+    if (_fresh != nullptr && !_registry.isExtracted(x->getId(), _slot))
+      _fresh->push_back(x->getId());
     _registry.record(x->getId(), _slot);
   }
   void visitChildren(QelExtractableI*, QelExtractableI* child) override {
@@ -42,6 +46,7 @@ class Recorder : public QelExtractableVisitor {
  private:
   QelExtractionRegistry& _registry;
   int _slot;
+  std::vector<QelInt>* _fresh;
 };
 
 // Hands the structural callbacks to the application's visitor, recording
@@ -74,8 +79,20 @@ void QelAlgorithmI::record(QelExtractableI* x) {
 
 void QelAlgorithmI::extract(QelExtractableI* x) {
   if (x == nullptr) throw QelEmptyHandleException();
-  record(x);
-  if (_mode == QelListenMode::Hooks) x->extractToCP(QelAlgorithm(this));
+  std::vector<QelInt> fresh;
+  QelBool wasListening = _env->isListening(_slot);
+  try {
+    Recorder recorder(_env->getRegistry(), _slot, &fresh);
+    x->visitSubExtractables(&recorder);
+    _env->setListening(_slot, true);
+    if (_mode == QelListenMode::Hooks) x->extractToCP(QelAlgorithm(this));
+  } catch (...) {
+    // An engine that could not extract x, or a record that could not be
+    // made, leaves the algorithm as it was.
+    for (QelInt id : fresh) _env->getRegistry().unrecord(id, _slot);
+    _env->setListening(_slot, wasListening);
+    throw;
+  }
 }
 
 void QelAlgorithmI::unextract(QelExtractableI* x) {
@@ -167,6 +184,8 @@ QelAlgorithm::QelAlgorithm(QelEnv env) {
 }
 
 void QelAlgorithm::end() {
+  // Refused before the destructor detaches anything.
+  if (_impl != nullptr) _impl->getEnv()->checkThread();
   delete _impl;
   _impl = nullptr;
 }

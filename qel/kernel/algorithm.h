@@ -42,7 +42,9 @@ class QEL_API QelAlgorithmI : public QelRttiEnvObjectI {
   ~QelAlgorithmI() override;
 
   /// Records `x` and every object reachable from it as extracted by this
-  /// algorithm; in hook mode, then calls `x->extractToCP(this)`.
+  /// algorithm; in hook mode, then calls `x->extractToCP(this)`. All or
+  /// nothing: when recording fails or the hook throws, what this call
+  /// recorded is forgotten again.
   virtual void extract(QelExtractableI* x);
   /// Records `x` and every object reachable from it, without calling any
   /// hook (used when a notice reports a new sub-object).
@@ -115,6 +117,8 @@ class QEL_API QelAlgorithm {
   /// The implementation, or null.
   QelAlgorithmI* getImpl() const { return _impl; }
   /// Ends the algorithm (detached, memory given back); the handle empties.
+  /// From a thread that may not free the environment's memory, or with its
+  /// allocation switched off, throws that failure and changes nothing.
   void end();
   /// Extracts `x` (see QelAlgorithmI::extract).
   void extract(const QelExtractable& x) const;

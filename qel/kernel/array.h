@@ -167,8 +167,12 @@ class QEL_API QelArrayBase {
   void clear() const {
     if (_impl != nullptr) _impl->clear();
   }
-  /// Releases the array; the handle becomes empty.
+  /// Releases the array; the handle becomes empty. From a thread that is
+  /// not the environment's allocator thread, or with its allocation switched
+  /// off, throws what freeing would throw and leaves the array as it is.
   void end() {
+    if (_impl != nullptr)
+      if (QelEnvI* env = _impl->getEnv()) env->checkThread();
     delete _impl;
     _impl = nullptr;
   }

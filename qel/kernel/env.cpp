@@ -1,6 +1,7 @@
 // The environment: memory, table, registry, broadcast, clones.
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include <qel/change/change.h>
@@ -16,22 +17,30 @@ struct QelEnvI::CloneMap {
   struct Entry {
     const QelExtractableI* source;
     QelExtractableI* clone;
+    QelInt cloneId;   // to tell, without touching it, whether the clone lives
+    QelInt sourceId;  // the source's id when it was put (see Hash)
   };
-  QelEnvI* env;
+  QelEnvI* env = nullptr;
   Entry* entries = nullptr;
   long capacity = 0;  // a power of two
   long count = 0;
 
-  static std::size_t Hash(const void* p) {
-    std::uintptr_t v = reinterpret_cast<std::uintptr_t>(p);
-    v ^= v >> 17;
-    v *= 0x9E3779B97F4A7C15ULL;
-    return static_cast<std::size_t>(v ^ (v >> 29));
+  // Where the search for the object with `id` starts. The ids of one
+  // environment are dense and a copy mostly meets objects in id order:
+  // sixteen consecutive ids share a run of sixteen slots, and the runs are
+  // scattered by a multiplicative hash of id / 16. Hashing addresses would
+  // send every lookup to a random line of a map that outgrows the caches;
+  // the id alone would line up ranges of ids that meet modulo the capacity.
+  // The id is kept in the entry, so rehashing touches no source.
+  static std::size_t Hash(QelInt id) {
+    std::uint64_t v = static_cast<std::uint64_t>(id);
+    std::uint64_t run = ((v >> 4) * 0x9E3779B97F4A7C15ULL) >> 32;
+    return static_cast<std::size_t>((run << 4) | (v & 15));
   }
   QelExtractableI* find(const QelExtractableI* source) const {
     if (count == 0) return nullptr;
     std::size_t mask = static_cast<std::size_t>(capacity - 1);
-    for (std::size_t i = Hash(source) & mask;; i = (i + 1) & mask) {
+    for (std::size_t i = Hash(source->getId()) & mask;; i = (i + 1) & mask) {
       if (entries[i].source == source) return entries[i].clone;
       if (entries[i].source == nullptr) return nullptr;
     }
@@ -39,10 +48,13 @@ struct QelEnvI::CloneMap {
   void put(const QelExtractableI* source, QelExtractableI* clone) {
     if ((count + 1) * 2 > capacity) rehash(capacity == 0 ? 16 : capacity * 2);
     std::size_t mask = static_cast<std::size_t>(capacity - 1);
-    std::size_t i = Hash(source) & mask;
+    QelInt id = source->getId();
+    std::size_t i = Hash(id) & mask;
     while (entries[i].source != nullptr) i = (i + 1) & mask;
     entries[i].source = source;
     entries[i].clone = clone;
+    entries[i].cloneId = clone->getId();
+    entries[i].sourceId = id;
     ++count;
   }
   void rehash(long newCapacity) {
@@ -52,7 +64,7 @@ struct QelEnvI::CloneMap {
     std::size_t mask = static_cast<std::size_t>(newCapacity - 1);
     for (long k = 0; k < capacity; ++k) {
       if (entries[k].source == nullptr) continue;
-      std::size_t i = Hash(entries[k].source) & mask;
+      std::size_t i = Hash(entries[k].sourceId) & mask;
       while (fresh[i].source != nullptr) i = (i + 1) & mask;
       fresh[i] = entries[k];
     }
@@ -73,6 +85,12 @@ struct QelEnvI::CloneMap {
 };
 
 // ---- construction ------------------------------------------------------
+
+bool QelEnvConfig::DefaultFreeLists() {
+  // Read when an environment is made; the library never sets variables.
+  const char* v = std::getenv("QEL_NO_FREE_LISTS");  // NOLINT(concurrency-mt-unsafe)
+  return v == nullptr || v[0] == '\0' || std::strcmp(v, "0") == 0;
+}
 
 QelEnvI::QelEnvI(const QelEnvConfig& config)
     : _memory(new QelMemory(config.smallBlockLimit, config.numClasses,
@@ -450,6 +468,29 @@ void QelEnvI::endCopy() {
   if (_copyDepth == 0 && _cloneMap != nullptr) _cloneMap->clear();
 }
 
+void QelEnvI::abandonCopy() noexcept {
+  if (_copyDepth > 0) --_copyDepth;
+  if (_copyDepth != 0 || _cloneMap == nullptr) return;
+  // The copies still alive (a failing makeClone may have ended some, and
+  // with them what they alone used) end together, in one removal.
+  QelArrayI* alive = nullptr;
+  try {
+    alive = QelArrayI::Make(getInternalAllocator(), 0);
+    for (long k = 0; k < _cloneMap->capacity; ++k) {
+      const CloneMap::Entry& e = _cloneMap->entries[k];
+      if (e.source == nullptr) continue;
+      if (e.cloneId >= 0 && e.cloneId < _tableSize &&
+          _table[e.cloneId] == reinterpret_cast<std::uintptr_t>(e.clone))
+        alive->addRaw(reinterpret_cast<std::uintptr_t>(e.clone));
+    }
+    removeFromAllAndDestroy(QelExtractableArray(alive), 0, 0);
+  } catch (...) {
+    // Nothing may hide the failure that abandoned the copy.
+  }
+  delete alive;
+  _cloneMap->clear();
+}
+
 QelExtractableI* QelEnvI::getClone(QelExtractableI* x) {
   if (x == nullptr) return nullptr;
   if (_cloneMap == nullptr) {
@@ -460,13 +501,23 @@ QelExtractableI* QelEnvI::getClone(QelExtractableI* x) {
   if (QelExtractableI* done = _cloneMap->find(x)) return done;
   // A getClone made outside beginCopy/endCopy is one copy operation of its
   // own: the map lives while the nested getClone calls of makeClone run.
-  struct Scope {
-    QelEnvI* env;
-    explicit Scope(QelEnvI* e) : env(e) { env->beginCopy(); }
-    ~Scope() { env->endCopy(); }
-  } scope(this);
-  QelExtractableI* clone = x->makeClone(this);
-  _cloneMap->put(x, clone);
+  beginCopy();
+  QelExtractableI* clone = nullptr;
+  try {
+    clone = x->makeClone(this);
+    _cloneMap->put(x, clone);
+  } catch (...) {
+    if (clone != nullptr) {
+      // Made, but not recorded in the map: end it here.
+      try {
+        clone->end();
+      } catch (...) {
+      }
+    }
+    abandonCopy();
+    throw;
+  }
+  endCopy();
   return clone;
 }
 
@@ -485,6 +536,8 @@ QelMemoryManager QelEnv::getMemoryManager() const {
   return _impl->getMemoryManager();
 }
 
+// A printf-style function on purpose: callers pass printf formats.
+// NOLINTNEXTLINE(cert-dcl50-cpp)
 int QelSPrintf(char* buffer, unsigned long, const char* format, ...) {
   // The size is ignored on purpose: callers size the buffer themselves.
   va_list args;

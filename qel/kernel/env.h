@@ -129,9 +129,10 @@ class QEL_API QelExtractionRegistry {
 };
 
 /// The allocator of the environment's own bookkeeping (extractable table,
-/// registry, clone and decision-expression maps): blocks from a list of the
-/// environment's own, kept out of the object statistics, with the same
-/// thread and disabled checks as object memory.
+/// registry, clone and decision-expression maps, the lists of a running
+/// removal): blocks from a list of the environment's own, kept out of the
+/// object statistics, with the same thread and disabled checks as object
+/// memory.
 class QEL_API QelEnvInternalAlloc : public QelGenAlloc {
  public:
   /// The bookkeeping allocator of `env`.
@@ -164,14 +165,20 @@ class QEL_API QelEnvGenAlloc : public QelGenAlloc {
 };
 
 /// How an environment's memory is set up.
-struct QelEnvConfig {
+struct QEL_API QelEnvConfig {
   /// Requests at or above this many bytes go to the large-block list.
   long smallBlockLimit = QelMemory::DefaultSmallBlockLimit;
   /// Number of size classes below the limit.
   long numClasses = QelMemory::DefaultNumClasses;
   /// Recycle small blocks through free lists (true), or obtain each block
-  /// singly so that memory checkers see every block (false).
-  bool freeLists = true;
+  /// singly so that memory checkers see every block (false). The default
+  /// is DefaultFreeLists().
+  bool freeLists = DefaultFreeLists();
+  /// true, unless the process environment variable QEL_NO_FREE_LISTS is set
+  /// to something other than "" or "0": then every environment made with
+  /// the default configuration obtains each block singly (for valgrind and
+  /// AddressSanitizer runs of a whole program or test suite).
+  static bool DefaultFreeLists();
 };
 
 /// The environment implementation.
@@ -351,10 +358,13 @@ class QEL_API QelEnvI {
   QelAlgorithmI* getAlgorithm(int slot) const { return _algorithms[slot]; }
   /// Marks `slot` as listening (extracted something) or not.
   void setListening(int slot, QelBool on);
+  /// Whether `slot` is marked as listening.
+  QelBool isListening(int slot) const { return (_listening >> slot) & 1U; }
 
   // ---- clones ----------------------------------------------------------
   /// The one copy of `x` in this environment during the current copy
-  /// operation: made with `x->makeClone(this)` the first time.
+  /// operation: made with `x->makeClone(this)` the first time. A copy
+  /// operation that fails leaves no copy behind (see abandonCopy).
   QelExtractableI* getClone(QelExtractableI* x);
   /// The copy already made of `x` in the current copy operation, or null.
   QelExtractableI* findClone(const QelExtractableI* x) const;
@@ -364,6 +374,11 @@ class QEL_API QelEnvI {
   /// Ends a copy operation begun with beginCopy; the last one empties the
   /// clone map.
   void endCopy();
+  /// Ends a copy operation begun with beginCopy that failed: like endCopy,
+  /// except that the last one first ends every copy the operation made that
+  /// is still alive, so that the failure leaves this environment as it was.
+  /// Never throws.
+  void abandonCopy() noexcept;
 
   // ---- expressions ---------------------------------------------------
   /// A new linear term node coef * v, in this environment's memory.

@@ -336,12 +336,10 @@ void DisplayParts(const QelLinearParts& p, std::ostream& os) {
   double c = p.constant;
   if (first) {
     os << (c == 0 ? 0.0 : c);
-  } else if (c > 0) {
+  } else if (c > 0 || c != c) {  // NaN is written like a positive constant
     os << " + " << c;
   } else if (c < 0) {
     os << " - " << -c;
-  } else if (c != c) {
-    os << " + " << c;
   }
 }
 
@@ -363,11 +361,57 @@ bool SamePair(const QelQuadTermNode* n, const QelNumVarI* x, const QelNumVarI* y
   return (n->var1 == x && n->var2 == y) || (n->var1 == y && n->var2 == x);
 }
 
-double SetCoef(QelEnvI* env, QelLinearParts& p, QelNumVarI* x, double coef) {
+// Linear nodes made before an operation that may need several of them
+// changes anything, so that a refused allocation changes nothing; the nodes
+// not taken go back with the object.
+class SpareNodes {
+ public:
+  SpareNodes(QelEnvI* env, long count) : _env(env) {
+    try {
+      for (long i = 0; i < count; ++i) {
+        QelLinTermNode* node = env->newTerm(nullptr, 0);
+        node->next = _head;
+        _head = node;
+      }
+    } catch (...) {
+      release();
+      throw;
+    }
+  }
+  SpareNodes(const SpareNodes&) = delete;
+  SpareNodes& operator=(const SpareNodes&) = delete;
+  ~SpareNodes() { release(); }
+  // One node holding coef * x (one was made for each that may be taken).
+  QelLinTermNode* take(QelNumVarI* x, double coef) {
+    QelLinTermNode* node = _head;
+    _head = node->next;
+    node->next = nullptr;
+    node->coef = coef;
+    node->var = x;
+    return node;
+  }
+
+ private:
+  void release() {
+    while (_head != nullptr) {
+      QelLinTermNode* next = _head->next;
+      FreeNode(_env, _head);
+      _head = next;
+    }
+  }
+  QelEnvI* _env;
+  QelLinTermNode* _head = nullptr;
+};
+
+// Sets the coefficient of x; a new node comes from `spares` when given.
+double SetCoef(QelEnvI* env, QelLinearParts& p, QelNumVarI* x, double coef,
+               SpareNodes* spares = nullptr) {
   QelLinTermNode* first = p.head;
   while (first != nullptr && first->var != x) first = first->next;
   // Allocate before changing anything.
-  QelLinTermNode* fresh = (first == nullptr && coef != 0) ? env->newTerm(x, coef) : nullptr;
+  QelLinTermNode* fresh = nullptr;
+  if (first == nullptr && coef != 0)
+    fresh = spares != nullptr ? spares->take(x, coef) : env->newTerm(x, coef);
   double before = 0;
   bool removed = false;
   QelLinTermNode* prev = nullptr;
@@ -470,7 +514,8 @@ void Normalize(QelEnvI* env, QelLinearParts& p) {
         prev = n;
       } else {
         found->second->coef += n->coef;
-        prev->next = next;  // a first node precedes n, so prev is set
+        // A first node of n's variable precedes n, so prev is set.
+        prev->next = next;  // NOLINT(clang-analyzer-core.NullDereference)
         QelNumVarI* x = n->var;
         FreeNode(env, n);
         Drop(x);
@@ -538,6 +583,13 @@ void Normalize(QelEnvI* env, QelLinearParts& p) {
 }
 
 void ZolNormalize(QelEnvI* env, QelLinearParts& p) {
+  // The linear nodes are made first: a refused allocation leaves every
+  // square as it was.
+  long squares = 0;
+  for (const QelQuadTermNode* n = p.quadHead; n != nullptr; n = n->next)
+    if (n->var1 == n->var2 && n->var1->getType() == QelVarType::Bool) ++squares;
+  if (squares == 0) return;
+  SpareNodes spares(env, squares);
   bool changed = false;
   QelQuadTermNode** link = &p.quadHead;
   while (*link != nullptr) {
@@ -548,7 +600,7 @@ void ZolNormalize(QelEnvI* env, QelLinearParts& p) {
       continue;
     }
     // x * x = x on 0-1 values: the quadratic node becomes a linear one.
-    QelLinTermNode* lin = env->newTerm(x, n->coef);
+    QelLinTermNode* lin = spares.take(x, n->coef);
     *link = n->next;
     FreeNode(env, n);
     x->lockExpr();
@@ -760,8 +812,13 @@ void QelNumLinTermI::setCoef(const QelNumVarArray& xs, const QelNumArray& coefs,
     throw QelWrongUsage("QelNumLinTermI::setCoef: arrays of different sizes");
   for (long i = 0; i < n; ++i)
     if (xs.getElement(i) == nullptr) throw QelEmptyHandleException();
+  // Every node the coefficients may need, and room in `previous`, are made
+  // before the term changes: a refused allocation leaves it as it was.
+  SpareNodes spares(_env, n);
+  if (previous.getImpl() != nullptr && previous.getSize() < n) previous.getImpl()->grow(n);
   for (long i = 0; i < n; ++i) {
-    double before = setCoef(xs[i], coefs[i]);
+    double before =
+        SetCoef(_env, _parts, static_cast<QelNumVarI*>(xs.getElement(i)), coefs[i], &spares);
     // A previous array that is too short grows; an empty handle is skipped.
     if (previous.getImpl() == nullptr) continue;
     if (i < previous.getSize())

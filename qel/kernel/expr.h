@@ -238,13 +238,15 @@ class QEL_API QelNumLinTermI : public QelLinearTermOf<QelNumLinTermI, QelNumExpr
   /// it had before.
   double setCoef(const QelNumVar& x, double coef);
   /// setCoef for every pair; `previous` receives each former coefficient.
+  /// All or nothing: a refused allocation leaves the term as it was.
   void setCoef(const QelNumVarArray& xs, const QelNumArray& coefs,
                const QelNumArray& previous);
   /// Sets the coefficient of x * y (0 removes it); returns the former one.
   double setQuadCoef(const QelNumVar& x, const QelNumVar& y, double coef);
   /// Merges the terms of the same variables and drops zero coefficients.
   void normalize();
-  /// Turns x * x of Boolean variables into x (x * x = x on 0-1 values).
+  /// Turns x * x of Boolean variables into x (x * x = x on 0-1 values); all
+  /// or nothing when memory is refused.
   void zolNormalization();
   /// Whether the term holds aggregate sub-expressions.
   QelBool containsAggregate() const;

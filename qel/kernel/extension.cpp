@@ -30,6 +30,11 @@ void QelExtension::setName(QelGenAlloc* alloc, const char* name) {
   _name = copy;
 }
 
+void QelExtension::adoptName(QelGenAlloc* alloc, char* name) {
+  QelFreeString(alloc, _name);
+  _name = name;
+}
+
 void QelExtension::setLocation(QelGenAlloc* alloc, const char* file, int line) {
   char* copy = QelCopyString(alloc, file);
   QelFreeString(alloc, _file);

@@ -19,6 +19,10 @@ class QEL_API QelExtension {
   const char* getName() const { return _name; }
   /// Stores a copy of `name`; null clears it.
   void setName(QelGenAlloc* alloc, const char* name);
+  /// Stores `name`, a string made by QelCopyString with `alloc`, which the
+  /// record owns from now on (null clears the name); frees the former name.
+  /// Makes nothing, so it cannot be refused memory.
+  void adoptName(QelGenAlloc* alloc, char* name);
   /// Stores a copy of `file` (null clears it) and `line`.
   void setLocation(QelGenAlloc* alloc, const char* file, int line);
   /// The source file, or null.

@@ -123,16 +123,29 @@ void* QelFixedSizeAllocatorI::allocateBlock(QelMemory* memory) {
   long perChunk = QelMemory::ChunkSize / blockSize;
   if (perChunk < 4) perChunk = 4;
   long chunkBytes = perChunk * blockSize;
+  // Blocks of 128 bytes and more (powers of two) start at an offset that
+  // shifts from one chunk of the class to the next, a multiple of 64 bytes
+  // below min(blockSize, 4096), at the price of at most one block per chunk.
+  // Without it, when the system allocator returns chunks aligned on a large
+  // power of two, the first lines of all large blocks (where the free-list
+  // link and the object headers are) fall into the same few cache sets.
+  long color = 0;
+  if (blockSize >= 128) {
+    long lines = (blockSize < 4096 ? blockSize : 4096) / 64;
+    color = ((bytesObtained / chunkBytes) * 7 % lines) * 64;
+  }
   char* chunk = static_cast<char*>(memory->obtainChunk(chunkBytes));
   bytesObtained += chunkBytes;
+  char* first = chunk + color;
+  long blocks = (chunkBytes - color) / blockSize;
   void* rest = nullptr;
-  for (long i = perChunk - 1; i >= 1; --i) {
-    void* b = chunk + i * blockSize;
+  for (long i = blocks - 1; i >= 1; --i) {
+    void* b = first + i * blockSize;
     *static_cast<void**>(b) = rest;
     rest = b;
   }
   freeList = rest;
-  return chunk;
+  return first;
 }
 
 QelCustomAllocatorI::~QelCustomAllocatorI() = default;

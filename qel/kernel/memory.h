@@ -80,7 +80,7 @@ class QEL_API QelMemory {
   /// Number of size classes for the default small-block limit.
   static constexpr long DefaultNumClasses = 15;
   /// Bytes taken from the system at a time to refill a free list.
-  static constexpr long ChunkSize = 64 * 1024;
+  static constexpr long ChunkSize = 64L * 1024;
 
   /// Sets up `numClasses` classes below `smallBlockLimit` bytes.
   QelMemory(long smallBlockLimit, long numClasses, bool freeLists);

@@ -10,6 +10,11 @@
 // and the objects are destroyed, holders before what they hold. Destructors
 // that release the last use of an expression end it within the same
 // removal (one more round).
+//
+// The removal's own lists live in the environment's bookkeeping memory, not
+// in object memory: a custom allocator that refuses a request cannot stop a
+// removal half way, and a thread or state that may not allocate is refused
+// at the first list, before anything has changed.
 #include <exception>
 
 #include <qel/change/change.h>
@@ -66,25 +71,34 @@ void QelEnvI::removeFromAllAndDestroy(QelExtractableArray xs, long flag,
   if (a == nullptr || a->getSize() == 0) return;
   long n = a->getSize();
   RemovalKind kind = flag != 0 ? MemoryReleased : Destroy;
-  if (_oneByOne != 0) {
-    // One at a time, each with its own notices.
-    for (long i = 0; i < n; ++i) {
-      QelExtractableI* x = ElementOf(a, i);
-      if (x != nullptr && x->getId() >= 0) runRemoval(&x, 1, kind, false);
-    }
-    return;
-  }
   // Copy the pointers: the caller's array may be one the removal changes.
-  QelExtractableI** copy = static_cast<QelExtractableI**>(
-      alloc(sizeof(QelExtractableI*) * static_cast<size_t>(n)));
-  for (long i = 0; i < n; ++i) copy[i] = ElementOf(a, i);
+  // Their ids too: removed one at a time, an element may end with an
+  // earlier one, and whether it still lives is then read in the table under
+  // the id it had, never in the object (whose memory may be gone).
+  QelGenAlloc* bookkeeping = getInternalAllocator();
+  size_t bytes = (sizeof(QelExtractableI*) + sizeof(QelInt)) * static_cast<size_t>(n);
+  void* block = bookkeeping->alloc(bytes);
+  QelExtractableI** copy = static_cast<QelExtractableI**>(block);
+  QelInt* ids = reinterpret_cast<QelInt*>(copy + n);
+  for (long i = 0; i < n; ++i) {
+    copy[i] = ElementOf(a, i);
+    ids[i] = copy[i] != nullptr ? copy[i]->getId() : -1;
+  }
   try {
-    runRemoval(copy, n, kind, notifyArray != 0);
+    if (_oneByOne == 0) {
+      runRemoval(copy, n, kind, notifyArray != 0);
+    } else {
+      // One at a time, each with its own notices.
+      for (long i = 0; i < n; ++i)
+        if (ids[i] >= 0 && ids[i] < _tableSize &&
+            _table[ids[i]] == reinterpret_cast<std::uintptr_t>(copy[i]))
+          runRemoval(&copy[i], 1, kind, false);
+    }
   } catch (...) {
-    free(copy, sizeof(QelExtractableI*) * static_cast<size_t>(n));
+    bookkeeping->free(block, bytes);
     throw;
   }
-  free(copy, sizeof(QelExtractableI*) * static_cast<size_t>(n));
+  bookkeeping->free(block, bytes);
 }
 
 void QelEnvI::join(Removal& r, QelExtractableI* x, RemovalKind kind) {
@@ -110,9 +124,9 @@ void QelEnvI::runRemoval(QelExtractableI* const* xs, long n, RemovalKind kind,
   }
   Removal r;
   r.notifyArray = notifyArray;
-  r.list = QelArrayI::Make(_genAlloc, 0);
+  r.list = QelArrayI::Make(getInternalAllocator(), 0);
   try {
-    r.kinds = QelArrayI::Make(_genAlloc, 0);
+    r.kinds = QelArrayI::Make(getInternalAllocator(), 0);
   } catch (...) {
     delete r.list;
     throw;
@@ -166,14 +180,26 @@ void QelEnvI::process(Removal& r) {
 
 void QelEnvI::pass(QelExtractableI* removed) {
   // One pass over the live objects; the table may grow or change under
-  // atRemove, so re-read it at every step.
+  // atRemove, so re-read it at every step. One by one, removals nest, and a
+  // removal reaches only what holds its own object: what holds the object
+  // of an enclosing removal is reached by that removal's pass. Ended here,
+  // it could go while a holder the enclosing removal has marked, and will
+  // destroy later, still holds it.
+  bool oneByOne = _oneByOne != 0;
   for (QelInt i = 0; i < _tableSize; ++i) {
     std::uintptr_t v = _table[i];
     if (v == 0 || v == RemovalMark || isTableLink(v)) continue;
     QelExtractableI* y = reinterpret_cast<QelExtractableI*>(v);
-    QelFindMarkedVisitor finder;
-    y->visitSubExtractables(&finder);
-    if (finder.found != 0) y->atRemove(removed, nullptr);
+    bool reached = false;
+    if (oneByOne) {
+      DirectSubs holds([removed, &reached](QelExtractableI* c) { reached |= c == removed; });
+      y->visitSubExtractables(&holds);
+    } else {
+      QelFindMarkedVisitor finder;
+      y->visitSubExtractables(&finder);
+      reached = finder.found != 0;
+    }
+    if (reached) y->atRemove(removed, nullptr);
   }
 }
 
@@ -203,7 +229,7 @@ void QelEnvI::notifyRemoval(Removal& r, long from, long to) {
   }
   // Who extracted what is read before anything is told: the removal notice
   // makes visiting algorithms drop their registry entries.
-  QelArrayI* masks = QelArrayI::Make(_genAlloc, to - from);
+  QelArrayI* masks = QelArrayI::Make(getInternalAllocator(), to - from);
   std::uint64_t all = 0;
   std::uint64_t destroyed = 0;
   for (long i = from; i < to; ++i) {
@@ -217,7 +243,7 @@ void QelEnvI::notifyRemoval(Removal& r, long from, long to) {
     if (all != 0) {
       QelExtractableArray range(r.list);
       if (from != 0 || to != r.list->getSize()) {
-        temp = QelArrayI::Make(_genAlloc, 0);
+        temp = QelArrayI::Make(getInternalAllocator(), 0);
         for (long i = from; i < to; ++i) temp->addRaw(r.list->rawAt(i));
         range = QelExtractableArray(temp);
       }
@@ -264,21 +290,31 @@ void QelEnvI::orderForDestruction(QelExtractableI* y, QelArrayI* order) {
 }
 
 void QelEnvI::finishRemoval(Removal& r, long from, long to) {
-  // Objects that stay alive get their slots back. Objects whose memory is
-  // being released elsewhere have already been destroyed: they are only
-  // unregistered, at once, so that the ordering below (which walks the
-  // sub-extractables of what it destroys) never reaches them.
+  // Objects that stay alive get their slots back once the others are
+  // destroyed: a destructor giving back the last use of one of them must
+  // find it marked, or it would end it (it lives on, unused).
+  auto keepAliveBack = [this, &r, from, to] {
+    for (long i = from; i < to; ++i)
+      if (QelArrayGet<QelInt>(r.kinds, i) == KeepAlive) unmark(ElementOf(r.list, i));
+  };
+  // Objects whose memory is being released elsewhere have already been
+  // destroyed: they are only unregistered, at once, so that the ordering
+  // below (which walks the sub-extractables of what it destroys) never
+  // reaches them.
   for (long i = from; i < to; ++i) {
     QelExtractableI* x = ElementOf(r.list, i);
-    QelInt kind = QelArrayGet<QelInt>(r.kinds, i);
-    if (kind == KeepAlive) {
-      unmark(x);
-    } else if (kind == MemoryReleased) {
+    if (QelArrayGet<QelInt>(r.kinds, i) == MemoryReleased) {
       unmark(x);
       unregister(x);
     }
   }
-  QelArrayI* order = QelArrayI::Make(_genAlloc, 0);
+  QelArrayI* order;
+  try {
+    order = QelArrayI::Make(getInternalAllocator(), 0);
+  } catch (...) {
+    keepAliveBack();
+    throw;
+  }
   // Only what this removal destroys is put in order. A sub-extractable that
   // carries the removal mark of an enclosing removal (one-by-one removals
   // nest) is left to that removal.
@@ -302,6 +338,7 @@ void QelEnvI::finishRemoval(Removal& r, long from, long to) {
       std::uintptr_t v = _table[x->getId()];
       if (v == PendingMark || v == OrderingMark) unmark(x);
     }
+    keepAliveBack();
     delete order;
     throw;
   }
@@ -321,5 +358,6 @@ void QelEnvI::finishRemoval(Removal& r, long from, long to) {
     }
   }
   delete order;
+  keepAliveBack();
   if (failure) std::rethrow_exception(failure);
 }

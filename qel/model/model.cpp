@@ -75,8 +75,22 @@ QelExtractableI* QelModelI::makeClone(QelEnvI* env) const {
 void QelModelI::atRemove(QelExtractableI* x, void*) {
   if (_env->getOneByOne() != 0) {
     // One remove, with its notice, per node holding x: a second node left
-    // behind would name an object about to be destroyed.
-    while (holds(x)) remove(x);
+    // behind would name an object about to be destroyed. The notices share
+    // one array of the removal's bookkeeping memory, made before any node
+    // goes: object memory refused here would stop the removal half way.
+    if (!holds(x)) return;
+    QelExtractableArray removed(QelMemoryManager(_env->getInternalAllocator()), 1);
+    removed.set(0, QelExtractable(x));
+    try {
+      while (_members.removeFirst(x)) {
+        QelRemoveFromModel change(this, removed, false);
+        notify(change);
+      }
+    } catch (...) {
+      removed.end();
+      throw;
+    }
+    removed.end();
     return;
   }
   _members.removeMarked();

@@ -117,17 +117,20 @@ QelMultiCriterionExprI* QelMultiCriterionExprI::makeClone(QelEnvI* env) const {
                                                 nullptr);
   long n = _exprs.getSize();
   ScopedArray clones(QelEnv(env), n);
-  // One copy operation: criteria sharing variables share their clones.
+  // One copy operation, until the copy holds its clones: criteria sharing
+  // variables share their clones, and a failure leaves no clone behind.
   env->beginCopy();
+  QelMultiCriterionExprI* copy;
   try {
     for (long i = 0; i < n; ++i)
       clones.array.set(i, QelExtractable(env->getClone(_exprs.getElement(i))));
+    copy = QelMultiCriterionExpr(QelEnv(env), clones.array, _type).getImpl();
   } catch (...) {
-    env->endCopy();
+    env->abandonCopy();
     throw;
   }
   env->endCopy();
-  return QelMultiCriterionExpr(QelEnv(env), clones.array, _type).getImpl();
+  return copy;
 }
 
 // ---- the handle and the builders --------------------------------------------------
@@ -150,6 +153,8 @@ QelMultiCriterionExpr::QelMultiCriterionExpr(QelEnv env, QelNumExprArray exprs,
 }
 
 void QelMultiCriterionExpr::end() {
+  // Refused before the destructor gives any use back.
+  if (_impl != nullptr) _impl->getEnv()->checkThread();
   delete _impl;
   _impl = nullptr;
 }

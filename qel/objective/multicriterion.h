@@ -103,6 +103,8 @@ class QEL_API QelMultiCriterionExpr {
   /// Access to the implementation.
   QelMultiCriterionExprI* operator->() const { return _impl; }
   /// Deletes the object (nothing for an empty handle); the handle empties.
+  /// From a thread that may not free the environment's memory, or with its
+  /// allocation switched off, throws that failure and changes nothing.
   void end();
 
  private:

@@ -27,7 +27,12 @@ QelObjectiveI::QelObjectiveI(QelEnvI* env, double constant, QelObjective::Sense 
 
 QelObjectiveI::QelObjectiveI(QelEnvI* env, QelNumExprI* expr, QelObjective::Sense sense,
                              const char* name)
-    : QelExtractableI(env, name), _sense(sense), _expr(keep(expr)), _multiCriterion(nullptr) {}
+    : QelExtractableI(env, name), _sense(sense), _expr(nullptr), _multiCriterion(nullptr) {
+  // Taken once every member is set: a term made for keeping that cannot be
+  // completed is ended, and that removal visits every registered object,
+  // this one included.
+  _expr = keep(expr);
+}
 
 QelObjectiveI::QelObjectiveI(QelEnvI* env, const QelMultiCriterionExprI* mc,
                              QelObjective::Sense sense, const char* name)
@@ -105,10 +110,30 @@ QelNumLinTermI* QelObjectiveI::ownExpr() {
   return static_cast<QelNumLinTermI*>(work);
 }
 
-QelNumLinTermI* QelObjectiveI::ownCoefficients(bool zeroOneNormalization) {
-  QelNumLinTermI* term = ownExpr();
-  if (term->containsAggregate())
+void QelObjectiveI::disown(QelNumExprI* former) noexcept {
+  // The change ownExpr was called for failed: a copy made for it goes, and
+  // the former expression gets its use back.
+  if (_expr == former) return;
+  QelNumExprI* copy = _expr;
+  former->lockExpr();
+  _expr = former;
+  try {
+    _env->release(copy);
+  } catch (...) {
+    // Nothing may hide the failure being reported.
+  }
+}
+
+void QelObjectiveI::refuseAggregate() const {
+  // The objective keeps numeric linear terms only (see ownExpr).
+  if (static_cast<const QelNumLinTermI*>(_expr)->containsAggregate())
     throw QelWrongUsage("You can not change the coefficient of an aggregate expression");
+}
+
+QelNumLinTermI* QelObjectiveI::ownCoefficients(bool zeroOneNormalization) {
+  // Refused before anything is copied.
+  refuseAggregate();
+  QelNumLinTermI* term = ownExpr();
   if (zeroOneNormalization) term->zolNormalization();
   return term;
 }
@@ -146,19 +171,40 @@ void QelObjectiveI::setExpr(QelNumExprArg expr) {
 
 void QelObjectiveI::setCoef(QelNumVar x, double coef) {
   refuseMultiCriterion("QelObjective::setCoef");
-  double kernelCoef = ownCoefficients(true)->setCoef(x, coef);
+  refuseAggregate();
+  if (x.getImpl() == nullptr) throw QelEmptyHandleException();
+  QelNumExprI* former = _expr;
+  double kernelCoef;
+  try {
+    kernelCoef = ownCoefficients(true)->setCoef(x, coef);
+  } catch (...) {
+    disown(former);
+    throw;
+  }
   QelSetObjCoef change(this, x.getImpl(), coef, kernelCoef);
   notify(change);
 }
 
 void QelObjectiveI::setCoef(QelNumVarArray xs, QelNumArray coefs) {
   refuseMultiCriterion("QelObjective::setCoef");
-  QelNumLinTermI* term = ownCoefficients(true);
+  // What the linear term would refuse is refused before anything is copied.
+  refuseAggregate();
+  if (coefs.getSize() != xs.getSize())
+    throw QelWrongUsage("QelNumLinTermI::setCoef: arrays of different sizes");
+  for (long i = 0; i < xs.getSize(); ++i)
+    if (xs.getElement(i) == nullptr) throw QelEmptyHandleException();
   // The answer array lives where the variables' array does (the
   // objective's environment when there is no array at all).
   QelNumArray kernelCoefs(xs.getImpl() != nullptr ? xs.getEnv() : QelEnv(_env), xs.getSize());
+  QelNumExprI* former = _expr;
   try {
-    term->setCoef(xs, coefs, kernelCoefs);
+    ownCoefficients(true)->setCoef(xs, coefs, kernelCoefs);
+  } catch (...) {
+    disown(former);
+    kernelCoefs.end();
+    throw;
+  }
+  try {
     QelSetObjCoefs change(this, xs, coefs, kernelCoefs);
     notify(change);
   } catch (...) {
@@ -172,9 +218,18 @@ void QelObjectiveI::setCoef(QelNumVarArray xs, QelNumArray coefs) {
 void QelObjectiveI::setQuadCoef(QelNumVar x, QelNumVar y, double coef) {
   // The quadratic setter reports itself under the linear setter's name.
   refuseMultiCriterion("QelObjective::setCoef");
+  refuseAggregate();
+  if (x.getImpl() == nullptr || y.getImpl() == nullptr) throw QelEmptyHandleException();
   // Unlike the linear setters, no 0-1 normalization: the quadratic terms
   // stay as they were written.
-  double kernelCoef = ownCoefficients(false)->setQuadCoef(x, y, coef);
+  QelNumExprI* former = _expr;
+  double kernelCoef;
+  try {
+    kernelCoef = ownCoefficients(false)->setQuadCoef(x, y, coef);
+  } catch (...) {
+    disown(former);
+    throw;
+  }
   QelSetObjQuadCoef change(this, x.getImpl(), y.getImpl(), coef, kernelCoef);
   notify(change);
 }
@@ -185,13 +240,17 @@ void QelObjectiveI::addVar(QelNumVarI* v, double coef) {
   // The bookkeeping word must come out as it went in, whatever the copy and
   // the append do to it.
   QelInt saved = static_cast<QelNumLinTermI*>(_expr)->getBookkeeping();
-  QelNumLinTermI* term = ownExpr();
+  // The node is made before the expression is copied: a refused allocation
+  // leaves the objective as it was.
+  QelLinTermNode* node = v->getEnv()->newTerm(v, coef);
+  QelNumLinTermI* term;
   try {
-    term->appendTerm(v->getEnv()->newTerm(v, coef));
+    term = ownExpr();
   } catch (...) {
-    term->setBookkeeping(saved);
+    v->getEnv()->free(node, sizeof(QelLinTermNode));
     throw;
   }
+  term->appendTerm(node);
   term->setBookkeeping(saved);
   // No notice: the column that brings v reports it.
 }

@@ -10,7 +10,9 @@
 // Every modification is made first and then told to the listening
 // algorithms by a notice of qel/objective/objectivechange.h; operations that
 // make no sense for several criteria throw
-// QelNotAllowedWithMultiCriterionException naming the operation.
+// QelNotAllowedWithMultiCriterionException naming the operation. A
+// modification that is refused (a misuse, or memory) leaves the objective
+// as it was: no copy of its expression is kept.
 //
 //   QelEnv env;
 //   QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
@@ -163,7 +165,9 @@ class QEL_API QelObjectiveI : public QelExtractableI {
 
  private:
   QelNumLinTermI* ownExpr();
+  void disown(QelNumExprI* former) noexcept;
   void refuseMultiCriterion(const char* operation) const;
+  void refuseAggregate() const;
   QelNumLinTermI* ownCoefficients(bool zeroOneNormalization);
   static QelNumExprI* keep(QelNumExprI* expr);
 

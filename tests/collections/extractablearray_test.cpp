@@ -5,6 +5,7 @@
 
 #include "support/items.h"
 #include "support/qeltest.h"
+#include "support/refusing.h"
 
 using namespace qeltest;
 
@@ -223,4 +224,94 @@ TEST_F(ArrayTest, PrintingBreaksTheLineAfterEveryTenthElement) {
   withNull.end();
   for (ItemI* x : items) x->end();
   EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+// ---- refused memory leaves everything as it was ---------------------------
+
+TEST(ArrayRefusedMemory, ACountedArrayWhoseElementCannotBeAddedLeavesNoArray) {
+  long refusals = ForEachRefusal([](QelEnv env, RequestCounter& counter, long n) {
+    ItemI* a = Item(env);
+    QelExtractable h(a);
+    counter.refuseAfter(n);
+    bool refused = false;
+    try {
+      QelExtractableArray ten(env, 10, h, h, h, h, h, h, h, h, h, h);
+      EXPECT_EQ(ten.getSize(), 10);
+      ten.end();
+    } catch (const QelMemoryException&) {
+      refused = true;  // the balance ForEachRefusal checks finds a leak
+    }
+    counter.stop();
+    a->end();
+    return refused;
+  });
+  // The array, its first block, its block table and its second block.
+  EXPECT_EQ(refusals, 4);
+}
+
+TEST(ArrayRefusedMemory, NamingTheElementsIsAllOrNothing) {
+  long refusals = ForEachRefusal([](QelEnv env, RequestCounter& counter, long n) {
+    ItemI* a = Item(env, "first");
+    ItemI* b = Item(env);
+    ItemI* c = Item(env, "third");
+    QelExtractableArray xs(env, 5, QelExtractable(a), QelExtractable(b), QelExtractable(),
+                           QelExtractable(c), QelExtractable(a));
+    RecordingAlgorithmI* rec = MakeRecorder(env);
+    rec->extract(a);
+    counter.refuseAfter(n);
+    bool refused = false;
+    try {
+      xs.setNames("v");
+    } catch (const QelMemoryException&) {
+      refused = true;
+    }
+    counter.stop();
+    if (refused) {
+      EXPECT_STREQ(a->getName(), "first") << "request " << n;
+      EXPECT_EQ(b->getName(), nullptr) << "request " << n;
+      EXPECT_STREQ(c->getName(), "third") << "request " << n;
+      EXPECT_TRUE(rec->notices.empty());
+    } else {
+      // An element held twice keeps the name of its first place.
+      EXPECT_STREQ(a->getName(), "v(0)");
+      EXPECT_STREQ(b->getName(), "v(1)");
+      EXPECT_STREQ(c->getName(), "v(3)");
+      EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelSetNameArrayChange"}));
+    }
+    QelAlgorithm(rec).end();
+    xs.end();
+    EndAllObjects(env);
+    return refused;
+  });
+  EXPECT_GE(refusals, 5);
+}
+
+TEST(ArrayRefusedMemory, ACloningThatCannotCompleteLeavesNoCopyBehind) {
+  long refusals = ForEachRefusal([](QelEnv copy, RequestCounter& counter, long n) {
+    QelEnv source;
+    ItemI* a = Item(source);
+    HolderI* h = Holder(source, a, a);
+    QelExtractableArray xs(source, 3, QelExtractable(h), QelExtractable(a), QelExtractable(h));
+    QelExtractableArray clones = xs;
+    counter.refuseAfter(n);
+    bool refused = false;
+    try {
+      clones.replaceByClone(copy.getImpl());
+    } catch (const QelMemoryException&) {
+      refused = true;
+    }
+    counter.stop();
+    if (refused) {
+      EXPECT_EQ(copy.getImpl()->getNumberOfExtractables(), 0) << "request " << n;
+      EXPECT_EQ(clones.getImpl(), xs.getImpl());
+    } else {
+      EXPECT_EQ(copy.getImpl()->getNumberOfExtractables(), 2);  // each object once
+      clones.end();
+      EndAllObjects(copy);
+    }
+    xs.end();
+    source.end();
+    return refused;
+  });
+  EXPECT_GE(refusals, 3);
 }

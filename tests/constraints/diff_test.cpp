@@ -571,3 +571,20 @@ TEST_F(DiffTest, EndingConstraintsGivesTheirMemoryBack) {
   EXPECT_GE(x.getId(), 0);
   EXPECT_GE(y.getId(), 0);
 }
+
+TEST_F(DiffTest, AnEmptyExpressionIsRefusedAndNothingIsMade) {
+  // Empty handles used to be read through: the process crashed.
+  QelIntVar x(env, 0, 9, "x");
+  QelInt objects = env.getImpl()->getNumberOfExtractables();
+  QelInt bytes = BytesInUse(env);
+  EXPECT_EQ(MessageOf<QelEmptyHandleException>([&] { QelDiff d(env, QelNumExpr(), 3.0); }),
+            "Using empty Handle");
+  EXPECT_EQ(MessageOf<QelEmptyHandleException>([&] { QelDiff d(env, QelNumExpr(), x); }),
+            "Using empty Handle");
+  EXPECT_EQ(MessageOf<QelEmptyHandleException>([&] { QelDiff d(env, x, QelNumExpr()); }),
+            "Using empty Handle");
+  EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), objects);
+  EXPECT_EQ(BytesInUse(env), bytes);
+  EXPECT_EQ(x.getImpl()->getUseCount(), 0);
+  x.end();
+}

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "support/qeltest.h"
+#include "support/refusing.h"
 
 using namespace qeltest;
 
@@ -531,4 +532,30 @@ TEST_F(PackTest, TypeIdentityAndInheritedEval) {
   EXPECT_THROW(p->eval(alg), QelNotImplemented);
   p.end();
   alg.end();
+}
+
+TEST(PackRefusedMemory, ACloneThatCannotCompleteLeavesNoCopyBehind) {
+  long refusals = ForEachRefusal([](QelEnv copy, RequestCounter& counter, long n) {
+    QelEnv source;
+    QelIntVarArray load(source, 2, 0, 20), where(source, 3, 0, 1);
+    QelIntArray weight(source, 3);
+    QelPack pack(source, load, where, weight, QelIntExpr(load[0]), QelArray<QelBoolArray>());
+    counter.refuseAfter(n);
+    bool refused = false;
+    try {
+      copy.getImpl()->getClone(pack.getImpl());
+    } catch (const QelMemoryException&) {
+      refused = true;
+    }
+    counter.stop();
+    // The pack and the five variables, load[0] once although held twice.
+    EXPECT_EQ(copy.getImpl()->getNumberOfExtractables(), refused ? 0 : 6) << "request " << n;
+    EndAllObjects(copy);
+    load.end();
+    where.end();
+    weight.end();
+    source.end();
+    return refused;
+  });
+  EXPECT_GE(refusals, 8);
 }

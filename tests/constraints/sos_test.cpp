@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "support/qeltest.h"
+#include "support/refusing.h"
 
 using namespace qeltest;
 
@@ -1040,4 +1041,34 @@ TYPED_TEST(SOSTest, AFailedConstructionGivesEverythingBack) {
   }
   EXPECT_GE(adoptFailures, 2);
   local.end();
+}
+
+TEST(SOSRefusedMemory, AColumnAddsTheWeightAndTheVariableOrNeither) {
+  long refusals = ForEachRefusal([](QelEnv env, RequestCounter& counter, long n) {
+    // The weights run one block ahead of the variables, so that the new
+    // weight fits but the new variable needs another block.
+    QelSOS1 s(env, "s");
+    QelIntVarArray xs(env, 8, 0, 1);
+    for (long i = 0; i < 8; ++i) {
+      s->addVar(xs[i]);
+      s->addVal(static_cast<double>(i));
+    }
+    s->addVal(100);
+    s->getValArray().remove(8);
+    QelIntVar w(env, 0, 1, "w");
+    counter.refuseAfter(n);
+    bool refused = false;
+    try {
+      QelAddVarToSOS1(s.getImpl(), 9.0).install(w.getImpl());
+    } catch (const QelMemoryException&) {
+      refused = true;
+    }
+    counter.stop();
+    EXPECT_EQ(s->getVarArray().getSize(), refused ? 8 : 9) << "request " << n;
+    EXPECT_EQ(s->getValArray().getSize(), refused ? 8 : 9) << "request " << n;
+    xs.end();
+    EndAllObjects(env);
+    return refused;
+  });
+  EXPECT_GE(refusals, 1);
 }

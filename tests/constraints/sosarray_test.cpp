@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "support/qeltest.h"
+#include "support/refusing.h"
 
 using namespace qeltest;
 
@@ -182,4 +183,23 @@ TEST(SOSArrayTypes, OnlySetsOfItsOwnTypeAndOneToTenOfThem) {
   static_assert(std::is_base_of<QelExtractableArray, QelSOS2Array>::value, "");
   static_assert(sizeof(QelSOS1Array) == sizeof(QelExtractableArray), "no fields of its own");
   SUCCEED();
+}
+
+TEST(SOSArrayRefusedMemory, ASetThatCannotBeAddedTakesTheArrayWithIt) {
+  long refusals = ForEachRefusal([](QelEnv env, RequestCounter& counter, long n) {
+    QelSOS2 s(env, "s");
+    counter.refuseAfter(n);
+    bool refused = false;
+    try {
+      QelSOS2Array sets(env, 9, s, s, s, s, s, s, s, s, s);
+      EXPECT_EQ(sets.getSize(), 9);
+      sets.end();
+    } catch (const QelMemoryException&) {
+      refused = true;
+    }
+    counter.stop();
+    s.end();
+    return refused;
+  });
+  EXPECT_EQ(refusals, 4);
 }

@@ -424,3 +424,24 @@ TEST(Property, AnUnnamedPropertyDoesNotDisturbLookups) {
 }
 
 }  // namespace
+
+// ---- a release the environment refuses ------------------------------------
+
+TEST(PropertyRemoval, RefusedByTheEnvironmentTheSetKeepsTheProperty) {
+  // The property used to leave the set before its release was refused: it
+  // was lost, and its memory with it.
+  QelEnv env;
+  QelModel m(env, "m");
+  m.getImpl()->setIntProperty("priority", 3);
+  m.getImpl()->setStringProperty("label", "row");
+  env.getImpl()->setAllocationDisabled(true);
+  EXPECT_THROW(m.getImpl()->removeProperty("priority"), QelEnvAllocationDisabled);
+  env.getImpl()->setAllocationDisabled(false);
+  EXPECT_EQ(m.getImpl()->getIntProperty("priority"), 3);
+  EXPECT_EQ(m.getImpl()->getProperties()->getSize(), 2);
+  EXPECT_TRUE(m.getImpl()->removeProperty("priority"));
+  EXPECT_EQ(m.getImpl()->getProperties()->getSize(), 1);
+  m.end();
+  EXPECT_EQ(BytesInUse(env), 0);
+  env.end();
+}

@@ -2,6 +2,7 @@
 #include "support/qeltest.h"
 
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -397,3 +398,65 @@ TEST(AlgorithmMemory, EndingGivesEverythingBack) {
 }
 
 }  // namespace
+
+// ---- failures that leave the algorithm as it was ---------------------------
+
+TEST(AlgorithmEnd, RefusedFromAForeignThreadTheAlgorithmStaysAttached) {
+  QelEnv env;
+  QelIntVar x(env, 0, 9, "x");
+  QelAlgorithm alg(env);
+  alg.setValue(x, 4);
+  int slot = alg.getImpl()->getSlot();
+  std::string outcome;
+  std::thread t([&] {
+    try {
+      alg.end();
+      outcome = "ended";
+    } catch (const QelEnvAllocatorThreadMismatch&) {
+      outcome = "refused";
+    } catch (...) {
+      outcome = "other";
+    }
+  });
+  t.join();
+  EXPECT_EQ(outcome, "refused");
+  ASSERT_NE(alg.getImpl(), nullptr);
+  EXPECT_EQ(env.getImpl()->getAlgorithm(slot), alg.getImpl());
+  EXPECT_EQ(alg.getValue(x), 4);
+  alg.end();
+  x.end();
+  EXPECT_EQ(env.getImpl()->getBytesInUse(), 0);
+  env.end();
+}
+
+TEST(AlgorithmExtract, AnEngineThatCannotExtractLeavesNothingRecorded) {
+  QelEnv env;
+  QelIntVar x(env, 0, 9, "x"), y(env, 0, 9, "y");
+  QelIntExpr sum = x + y;
+  QelRange r(env, 0, sum, 5);
+  QelModel m(env);
+  m.add(r);
+  QelAlgorithm known(env), fresh(env);
+  known.extract(x);
+  for (QelAlgorithm* alg : {&known, &fresh}) {
+    alg->getImpl()->useHooks();
+    // No engine fills the model's extraction slot.
+    EXPECT_THROW(alg->extract(m), QelAlgorithm::ExtractFailure);
+    for (QelExtractableI* o : {static_cast<QelExtractableI*>(m.getImpl()),
+                               static_cast<QelExtractableI*>(r.getImpl()),
+                               static_cast<QelExtractableI*>(sum.getImpl()),
+                               static_cast<QelExtractableI*>(y.getImpl())})
+      EXPECT_FALSE(alg->getImpl()->isExtracted(o));
+  }
+  EXPECT_TRUE(known.getImpl()->isExtracted(x.getImpl()));
+  EXPECT_TRUE(env.getImpl()->isListening(known.getImpl()->getSlot()));
+  EXPECT_FALSE(fresh.getImpl()->isExtracted(x.getImpl()));
+  EXPECT_FALSE(env.getImpl()->isListening(fresh.getImpl()->getSlot()));
+  known.end();
+  fresh.end();
+  m.end();
+  x.end();
+  y.end();
+  EXPECT_EQ(env.getImpl()->getBytesInUse(), 0);
+  env.end();
+}

@@ -2,6 +2,7 @@
 #include "support/qeltest.h"
 
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -358,3 +359,37 @@ TEST(ArrayMemory, EverythingGoesBackAfterEnd) {
 }
 
 }  // namespace
+
+// ---- a release the environment refuses ------------------------------------
+
+TEST(ArrayEnd, RefusedFromAForeignThreadOrWithAllocationOffTheArrayStays) {
+  // Ending used to throw from the array's destructor, which may not throw:
+  // the process ended. Now the refusal comes before anything is released.
+  QelEnv env;
+  QelNumArray a(env, 0);
+  for (int i = 0; i < 20; ++i) a.add(i);  // two blocks and a block table
+  std::string outcome;
+  std::thread t([&] {
+    try {
+      a.end();
+      outcome = "ended";
+    } catch (const QelEnvAllocatorThreadMismatch&) {
+      outcome = "refused";
+    } catch (...) {
+      outcome = "other";
+    }
+  });
+  t.join();
+  EXPECT_EQ(outcome, "refused");
+  ASSERT_NE(a.getImpl(), nullptr);
+  EXPECT_EQ(a.getSize(), 20);
+  EXPECT_EQ(a[19], 19);
+  env.getImpl()->setAllocationDisabled(true);
+  EXPECT_THROW(a.end(), QelEnvAllocationDisabled);
+  env.getImpl()->setAllocationDisabled(false);
+  EXPECT_EQ(a.getSize(), 20);
+  a.end();
+  EXPECT_EQ(a.getImpl(), nullptr);
+  EXPECT_EQ(BytesInUse(env), 0);
+  env.end();
+}

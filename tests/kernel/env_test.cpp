@@ -1,6 +1,7 @@
 // The environment: extractable table, decision-expression map, clone map,
 // flags, change broadcast, extraction registry and the handle.
 #include "support/qeltest.h"
+#include "support/refusing.h"
 
 #include <string>
 #include <vector>
@@ -805,3 +806,31 @@ TEST(EnvHandle, GeneralAllocatorUsesTheEnvironmentMemory) {
 }
 
 }  // namespace
+
+// ---- a copy that fails leaves no copy behind ---------------------------------
+
+TEST(EnvClone, ACopyThatCannotCompleteLeavesNoCloneBehind) {
+  long refusals = qeltest::ForEachRefusal([](QelEnv copy, qeltest::RequestCounter& counter,
+                                             long n) {
+    QelEnv source;
+    EnvLeafI* a = QelNewObject<EnvLeafI>(source.getImpl(), source.getImpl());
+    EnvLeafI* b = QelNewObject<EnvLeafI>(source.getImpl(), source.getImpl());
+    EnvPairI* ab = QelNewObject<EnvPairI>(source.getImpl(), source.getImpl(), a, b);
+    EnvPairI* top = QelNewObject<EnvPairI>(source.getImpl(), source.getImpl(), ab, a);
+    counter.refuseAfter(n);
+    bool refused = false;
+    try {
+      copy.getImpl()->getClone(top);
+    } catch (const QelMemoryException&) {
+      refused = true;
+    }
+    counter.stop();
+    EXPECT_EQ(copy.getImpl()->getNumberOfExtractables(), refused ? 0 : 4) << "request " << n;
+    // The next copy operation starts afresh.
+    EXPECT_EQ(copy.getImpl()->findClone(a), nullptr);
+    qeltest::EndAllObjects(copy);
+    source.end();
+    return refused;
+  });
+  EXPECT_EQ(refusals, 4);
+}

@@ -11,6 +11,8 @@
 #include <qel/extractable/visitor.h>
 #include <qel/kernel/expr.h>
 
+#include "support/refusing.h"
+
 namespace {
 
 using LinTerms = std::vector<std::pair<double, QelNumVarI*>>;
@@ -1135,3 +1137,76 @@ TEST_F(ExprTest, EndingTermsAloneGivesTheirNodesBack) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// Refused memory leaves a term as it was
+// ---------------------------------------------------------------------------
+
+TEST(ExprRefusedMemory, SettingTheCoefficientsOfAnArrayIsAllOrNothing) {
+  long refusals = qeltest::ForEachRefusal([](QelEnv env, qeltest::RequestCounter& counter,
+                                             long n) {
+    QelNumVar x(env, 0, 1, "x"), y(env, 0, 1, "y"), z(env, 0, 1, "z");
+    auto* t = QelNewObject<QelNumLinTermI>(env.getImpl(), env.getImpl(), 1.0);
+    t->addTerm(2, x.getImpl());
+    QelNumVarArray xs(QelExtractableArray(env, 3, x, y, z));
+    QelNumArray coefs(env, 3);
+    for (long i = 0; i < 3; ++i) coefs.set(i, 5.0 + static_cast<double>(i));
+    QelNumArray previous(env, 0);
+    std::ostringstream before;
+    t->display(before);
+    counter.refuseAfter(n);
+    bool refused = false;
+    try {
+      t->setCoef(xs, coefs, previous);
+    } catch (const QelMemoryException&) {
+      refused = true;
+    }
+    counter.stop();
+    std::ostringstream after;
+    t->display(after);
+    if (refused) {
+      EXPECT_EQ(after.str(), before.str()) << "request " << n;
+      EXPECT_EQ(y.getImpl()->getUseCount(), 0);
+      EXPECT_EQ(previous.getSize(), 0);
+    } else {
+      EXPECT_EQ(after.str(), "5 * x + 6 * y + 7 * z + 1");
+      EXPECT_EQ(previous.getSize(), 3);
+    }
+    xs.end();
+    coefs.end();
+    previous.end();
+    qeltest::EndAllObjects(env);
+    return refused;
+  });
+  EXPECT_GE(refusals, 3);
+}
+
+TEST(ExprRefusedMemory, ZeroOneNormalizationIsAllOrNothing) {
+  long refusals = qeltest::ForEachRefusal([](QelEnv env, qeltest::RequestCounter& counter,
+                                             long n) {
+    QelBoolVar a(env, "a"), b(env, "b");
+    auto* t = QelNewObject<QelNumLinTermI>(env.getImpl(), env.getImpl(), 0.0);
+    t->addQuadTerm(2, a.getImpl(), a.getImpl());
+    t->addQuadTerm(3, b.getImpl(), b.getImpl());
+    t->addQuadTerm(4, a.getImpl(), b.getImpl());
+    std::ostringstream before;
+    t->display(before);
+    counter.refuseAfter(n);
+    bool refused = false;
+    try {
+      t->zolNormalization();
+    } catch (const QelMemoryException&) {
+      refused = true;
+    }
+    counter.stop();
+    std::ostringstream after;
+    t->display(after);
+    if (refused)
+      EXPECT_EQ(after.str(), before.str()) << "request " << n;
+    else
+      EXPECT_EQ(after.str(), "2 * a + 3 * b + 4 * a * b");
+    qeltest::EndAllObjects(env);
+    return refused;
+  });
+  EXPECT_EQ(refusals, 2);
+}

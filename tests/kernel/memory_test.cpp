@@ -98,6 +98,13 @@ class RecordingAllocator : public QelCustomAllocatorI {
   int flushes = 0;
 };
 
+// Free lists whatever QEL_NO_FREE_LISTS says (the default follows it).
+QelEnvConfig FreeLists() {
+  QelEnvConfig config;
+  config.freeLists = true;
+  return config;
+}
+
 // ---- size classes --------------------------------------------------------
 
 TEST(MemoryGetIndex, SmallSizesFollowTheEightByteSteps) {
@@ -261,7 +268,7 @@ TEST(MemoryAlloc, LargeBlocksAreUsableAndGoBack) {
 }
 
 TEST(MemoryFreeList, FreedBlockIsTheNextOneOfItsClass) {
-  QelEnv env;
+  QelEnv env(FreeLists());
   QelEnvI* e = env.getImpl();
   void* p = e->alloc(24);
   ASSERT_NE(p, nullptr);
@@ -279,7 +286,7 @@ TEST(MemoryFreeList, FreedBlockIsTheNextOneOfItsClass) {
 }
 
 TEST(MemoryFreeList, FreeListIsLastInFirstOut) {
-  QelEnv env;
+  QelEnv env(FreeLists());
   QelEnvI* e = env.getImpl();
   void* a = e->alloc(8);
   void* b = e->alloc(8);
@@ -297,7 +304,7 @@ TEST(MemoryFreeList, FreeListIsLastInFirstOut) {
 }
 
 TEST(MemoryFreeList, BlocksOfOneChunkAreDistinctAndWritable) {
-  QelEnv env;
+  QelEnv env(FreeLists());
   QelEnvI* e = env.getImpl();
   std::vector<void*> blocks;
   // More than one chunk's worth of 1 KiB blocks.
@@ -316,7 +323,7 @@ TEST(MemoryFreeList, BlocksOfOneChunkAreDistinctAndWritable) {
 }
 
 TEST(MemoryStatistics, BytesInUseAndObtainedPerClassInFreeListMode) {
-  QelEnv env;
+  QelEnv env(FreeLists());
   QelEnvI* e = env.getImpl();
   QelFixedSizeAllocatorI& c4 = e->getMemory()->getClass(4);  // 33..40 bytes
   ASSERT_EQ(c4.freeListMode, 1);
@@ -662,3 +669,32 @@ TEST(MemorySPrintf, FormatsLikeSprintf) {
 }
 
 }  // namespace
+
+// ---- the default configuration ---------------------------------------------
+
+TEST(MemoryConfig, FreeListsUnlessQelNoFreeListsSaysOtherwise) {
+  const char* set = std::getenv("QEL_NO_FREE_LISTS");
+  std::string saved = set != nullptr ? set : "";
+  ::unsetenv("QEL_NO_FREE_LISTS");
+  EXPECT_TRUE(QelEnvConfig().freeLists);
+  for (const char* off : {"", "0"}) {
+    ::setenv("QEL_NO_FREE_LISTS", off, 1);
+    EXPECT_TRUE(QelEnvConfig().freeLists) << "\"" << off << "\"";
+  }
+  ::setenv("QEL_NO_FREE_LISTS", "1", 1);
+  EXPECT_FALSE(QelEnvConfig().freeLists);
+  QelEnv env;  // the default configuration, read now
+  EXPECT_EQ(env.getImpl()->getMemory()->getClass(0).freeListMode, 0);
+  void* p = env.getImpl()->alloc(24);
+  EXPECT_EQ(env.getImpl()->getMemory()->getChunkBytes(), 0);
+  env.getImpl()->free(p, 24);
+  env.end();
+  // An explicit choice is not overridden.
+  QelEnv chosen(FreeLists());
+  EXPECT_EQ(chosen.getImpl()->getMemory()->getClass(0).freeListMode, 1);
+  chosen.end();
+  if (set != nullptr)
+    ::setenv("QEL_NO_FREE_LISTS", saved.c_str(), 1);
+  else
+    ::unsetenv("QEL_NO_FREE_LISTS");
+}

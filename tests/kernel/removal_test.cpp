@@ -1,10 +1,15 @@
 // The remove-from-all protocol of the environment: cascades, the one-by-one
 // flag, bulk ends in one pass, notices, destruction order.
 #include <string>
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <unordered_map>
 #include <vector>
 
 #include "support/items.h"
 #include "support/qeltest.h"
+#include "support/refusing.h"
 
 using namespace qeltest;
 
@@ -269,5 +274,149 @@ TEST_F(RemovalTest, EndingAnEndedObjectDoesNothing) {
   xs.endElements();  // the same object twice: ended once
   EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), live - 1);
   xs.end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
+// ---- removals need no object memory ------------------------------------------
+
+TEST(RemovalRefusedMemory, EndingAsksNothingOfObjectMemory) {
+  // A removal kept its lists in object memory: a refused request in the
+  // middle of a cascade left objects destroyed and others marked. Its lists
+  // are bookkeeping memory now, so ending asks object memory for nothing,
+  // one by one or not, alone or together.
+  for (int oneByOne : {0, 1}) {
+    RequestCounter counter;
+    RefusingAllocator allocator(counter);
+    QelEnv env;
+    env.getImpl()->setCustomAllocator(&allocator);
+    env.getImpl()->setOneByOne(oneByOne);
+    QelIntVar x(env, 0, 9, "x"), y(env, 0, 9, "y");
+    QelIntVarArray many(env, 12, 0, 9);
+    QelIntExpr sum = x + y;
+    QelRange r(env, 0, sum, 5, "r");
+    QelModel m(env, "m");
+    m.add(r);
+    m.add(x);
+    m.add(x);
+    m.add(many);
+    QelSOS1 s(env, "s");
+    s->addVar(x);
+    s->addVar(y);
+    QelObjective obj(env, sum);
+    RecordingAlgorithmI* rec = MakeRecorder(env);
+    rec->extract(m.getImpl());
+    rec->extract(s.getImpl());
+    rec->extract(obj.getImpl());
+    // Every request from here on is refused.
+    counter.refuseAll = true;
+    EXPECT_NO_THROW(x.end()) << "one by one: " << oneByOne;
+    EXPECT_NO_THROW(many.endElements()) << "one by one: " << oneByOne;
+    EXPECT_EQ(m.getImpl()->getMembers().getSize(), 0);
+    EXPECT_EQ(s->getVarArray().getSize(), 1);
+    EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), 3);  // y, m, s
+    EXPECT_FALSE(counter.refused);
+    counter.refuseAll = false;
+    QelAlgorithm(rec).end();
+    many.end();
+    EndAllObjects(env);
+    EXPECT_EQ(allocator.held(), 0);
+    env.end();
+  }
+}
+
+// ---- findings of the API fuzzer --------------------------------------------------
+
+namespace {
+
+// Keeps every block given back, filled with a pattern, until it is
+// destroyed: reading an object after its destruction reads the pattern (an
+// id of 0x5A5A...), not what the object held, in every build.
+class QuarantineAllocator : public QelCustomAllocatorI {
+ public:
+  ~QuarantineAllocator() override {
+    for (auto& b : _blocks) std::free(b.first);
+  }
+  void* alloc(size_t size) override {
+    void* p = std::malloc(size == 0 ? 1 : size);
+    _blocks[p] = size;
+    held += static_cast<QelInt>(size);
+    return p;
+  }
+  void free(void* p, size_t size) override {
+    if (p == nullptr) return;
+    std::memset(p, 0x5A, size);
+    held -= static_cast<QelInt>(size);
+  }
+  QelInt held = 0;
+
+ private:
+  std::unordered_map<void*, size_t> _blocks;
+};
+
+}  // namespace
+
+TEST(RemovalFindings, OneByOneBulkEndSkipsElementsEndedByEarlierOnes) {
+  // The elements were read through their pointers, the next one after the
+  // previous one's removal had destroyed it.
+  QuarantineAllocator allocator;
+  QelEnv env;
+  env.getImpl()->setCustomAllocator(&allocator);
+  env.getImpl()->setOneByOne(1);
+  QelIntVar x(env, 0, 9, "x"), y(env, 0, 9, "y");
+  QelIntExpr t = x + y;
+  QelRange r(env, 0, t, 5, "r");
+  RecordingAlgorithmI* rec = MakeRecorder(env);
+  rec->extract(r.getImpl());
+  QelExtractableArray all(env, 4, x, r, t, y);
+  all.endElements();  // x ends r and t before their turn
+  EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), 0);
+  // x, y, t and r, each told once.
+  EXPECT_EQ(std::count(rec->notices.begin(), rec->notices.end(), "QelDestroyExtractable"), 4);
+  QelAlgorithm(rec).end();
+  all.end();
+  EXPECT_EQ(allocator.held, 0);
+  env.end();
+}
+
+TEST(RemovalFindings, OneByOneNestedRemovalsLeaveWhatAPendingHolderHolds) {
+  // Ending x ended the lexicographic objective L (it holds x) in a nested
+  // removal, whose pass also ended the term x + x, which L holds too, while
+  // L was still to be destroyed: destroying L then read the term.
+  QuarantineAllocator allocator;
+  QelEnv env;
+  env.getImpl()->setCustomAllocator(&allocator);
+  env.getImpl()->setOneByOne(1);
+  QelIntVar x(env, 0, 9, "x");
+  QelIntVar spare(env, 0, 9);
+  QelIntExpr twice = x + x;
+  spare.end();  // L takes this slot: its id is below the term's
+  QelMultiCriterionExpr criteria = QelStaticLex(env, twice, x);
+  QelObjective lex = QelMinimize(env, criteria, "lex");
+  criteria.end();
+  ASSERT_LT(lex.getId(), twice.getId());
+  RecordingAlgorithmI* rec = MakeRecorder(env);
+  rec->extract(lex.getImpl());
+  x.end();
+  EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), 0);
+  EXPECT_EQ(std::count(rec->notices.begin(), rec->notices.end(), "QelDestroyExtractable"), 3);
+  QelAlgorithm(rec).end();
+  EXPECT_EQ(allocator.held, 0);
+  env.end();
+}
+
+TEST_F(RemovalTest, TakingOutAnExpressionWhoseUsersEndKeepsItAlive) {
+  // removeFromAll keeps its object alive; the range that used the term
+  // ended in the same removal, gave its last use back, and ended the term.
+  QelIntVar x(env, 0, 9, "x"), y(env, 0, 9, "y");
+  QelIntExpr t = x + y;
+  QelRange r(env, 0, t, 5, "r");
+  QelInt id = t.getId();
+  t.removeFromAll();
+  EXPECT_EQ(env.getImpl()->getExtractable(id), t.getImpl());
+  EXPECT_EQ(t.getImpl()->getUseCount(), 0);
+  EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), 3);  // x, y and t
+  t.end();
+  x.end();
+  y.end();
   EXPECT_EQ(BytesInUse(env), baseline);
 }

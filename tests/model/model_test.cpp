@@ -5,6 +5,7 @@
 
 #include "support/items.h"
 #include "support/qeltest.h"
+#include "support/refusing.h"
 
 using namespace qeltest;
 
@@ -398,4 +399,90 @@ TEST_F(ModelTest, RecordLocationSeesEveryLinkWrite) {
   }
   e2.getImpl()->setCustomAllocator(nullptr);
   e2.end();
+}
+
+// ---- refused memory leaves the model as it was --------------------------------
+
+namespace {
+
+std::vector<QelExtractableI*> MembersOf(const QelModel& m) {
+  std::vector<QelExtractableI*> out;
+  for (QelModelI::Iterator it(m.getImpl()); it.ok(); ++it) out.push_back(*it);
+  return out;
+}
+
+}  // namespace
+
+TEST(ModelRefusedMemory, AddingAnArrayIsAllOrNothing) {
+  long refusals = ForEachRefusal([](QelEnv env, RequestCounter& counter, long n) {
+    QelModel m(env, "m");
+    ItemI* first = Item(env);
+    m.add(first);
+    QelExtractableArray xs(env, 0);
+    for (int i = 0; i < 12; ++i) xs.add(Item(env));
+    RecordingAlgorithmI* rec = MakeRecorder(env);
+    rec->extract(m.getImpl());
+    counter.refuseAfter(n);
+    bool refused = false;
+    try {
+      m.add(xs);
+    } catch (const QelMemoryException&) {
+      refused = true;
+    }
+    counter.stop();
+    if (refused) {
+      EXPECT_EQ(MembersOf(m), (std::vector<QelExtractableI*>{first})) << "request " << n;
+      EXPECT_TRUE(rec->notices.empty());
+      m.add(Item(env));  // the tail is still right
+      EXPECT_EQ(m.getImpl()->getMembers().getSize(), 2);
+    } else {
+      EXPECT_EQ(m.getImpl()->getMembers().getSize(), 13);
+      EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelAddToModel"}));
+    }
+    QelAlgorithm(rec).end();
+    xs.end();
+    EndAllObjects(env);
+    return refused;
+  });
+  EXPECT_EQ(refusals, 12);
+}
+
+TEST(ModelRefusedMemory, RemovingAnArrayIsAllOrNothing) {
+  long refusals = ForEachRefusal([](QelEnv env, RequestCounter& counter, long n) {
+    QelModel m(env, "m");
+    QelExtractableArray members(env, 0), going(env, 0);
+    for (int i = 0; i < 12; ++i) {
+      ItemI* item = Item(env);
+      members.add(item);
+      if (i % 2 == 0) going.add(item);
+    }
+    m.add(members);
+    m.add(members);  // every member twice
+    std::vector<QelExtractableI*> before = MembersOf(m);
+    RecordingAlgorithmI* rec = MakeRecorder(env);
+    rec->extract(m.getImpl());
+    counter.refuseAfter(n);
+    bool refused = false;
+    try {
+      m.remove(going);
+    } catch (const QelMemoryException&) {
+      refused = true;
+    }
+    counter.stop();
+    if (refused) {
+      EXPECT_EQ(MembersOf(m), before) << "request " << n;
+      EXPECT_TRUE(rec->notices.empty());
+      for (long i = 0; i < members.getSize(); ++i)
+        EXPECT_FALSE(QelEnvI::IsMarked(members.getElement(i)));
+    } else {
+      EXPECT_EQ(m.getImpl()->getMembers().getSize(), 12);
+      EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelRemoveFromModel"}));
+    }
+    QelAlgorithm(rec).end();
+    members.end();
+    going.end();
+    EndAllObjects(env);
+    return refused;
+  });
+  EXPECT_GE(refusals, 3);
 }

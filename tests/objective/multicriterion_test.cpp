@@ -3,9 +3,11 @@
 #include <cmath>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "objective/objectivetest.h"
+#include "support/refusing.h"
 
 using namespace qeltest;
 
@@ -325,4 +327,59 @@ TEST_F(MultiCriterionTest, NotAllowedExceptionWithoutMessageSetsTheBadBit) {
   EXPECT_TRUE(os.bad());
   EXPECT_EQ(os.str(), " - not allowed with multi-criterion models");
   EndAndCheckMemory();
+}
+
+// ---- failures that leave everything as it was -------------------------------
+
+TEST_F(MultiCriterionTest, EndingFromAForeignThreadIsRefusedBeforeAnyUseGoesBack) {
+  QelNumExpr e = x + y;
+  QelMultiCriterionExpr mc = QelStaticLex(env, e, z);
+  QelInt uses = e.getImpl()->getUseCount();
+  std::string outcome;
+  std::thread t([&] {
+    try {
+      mc.end();
+      outcome = "ended";
+    } catch (const QelEnvAllocatorThreadMismatch&) {
+      outcome = "refused";
+    } catch (...) {
+      outcome = "other";
+    }
+  });
+  t.join();
+  EXPECT_EQ(outcome, "refused");
+  ASSERT_NE(mc.getImpl(), nullptr);
+  EXPECT_EQ(e.getImpl()->getUseCount(), uses);
+  EXPECT_EQ(mc->getNumCriteria(), 2);
+  mc.end();  // gives the last use of e back, which ends it
+  EndAndCheckMemory();
+}
+
+TEST(MultiCriterionRefusedMemory, ACloneThatCannotBeMadeLeavesNoCopyOfACriterion) {
+  long refusals = ForEachRefusal([](QelEnv copy, RequestCounter& counter, long n) {
+    QelEnv source;
+    QelIntVar x(source, 0, 9, "x"), y(source, 0, 9, "y");
+    QelIntExpr sum = x + y;
+    QelMultiCriterionExpr mc = QelStaticLex(source, sum, y);
+    counter.refuseAfter(n);
+    QelMultiCriterionExprI* clone = nullptr;
+    bool refused = false;
+    try {
+      clone = mc->makeClone(copy.getImpl());
+    } catch (const QelMemoryException&) {
+      refused = true;
+    }
+    counter.stop();
+    if (refused) {
+      EXPECT_EQ(copy.getImpl()->getNumberOfExtractables(), 0) << "request " << n;
+    } else {
+      EXPECT_EQ(clone->getNumCriteria(), 2);
+      QelMultiCriterionExpr(clone).end();
+      EndAllObjects(copy);
+    }
+    mc.end();
+    source.end();
+    return refused;
+  });
+  EXPECT_GE(refusals, 4);
 }

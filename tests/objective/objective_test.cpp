@@ -5,8 +5,10 @@
 #include <sstream>
 #include <string>
 #include <vector>
+#include <functional>
 
 #include "objective/objectivetest.h"
+#include "support/refusing.h"
 
 using namespace qeltest;
 
@@ -526,7 +528,7 @@ TEST_F(ObjectiveTest, SettingACoefficientLeavesAnotherOwnersExpressionUnchanged)
   EndAndCheckMemory();
 }
 
-TEST_F(ObjectiveTest, AggregatesAreRefusedAfterCopyOnWrite) {
+TEST_F(ObjectiveTest, AggregatesAreRefusedBeforeAnyCopyOnWrite) {
   QelNumExpr product = (x * y) * z;  // neither linear nor quadratic
   QelNumExpr agg = product + 1.0;     // a linear term holding the product
   ASSERT_TRUE(static_cast<QelNumLinTermI*>(agg.getImpl())->containsAggregate());
@@ -534,8 +536,10 @@ TEST_F(ObjectiveTest, AggregatesAreRefusedAfterCopyOnWrite) {
   QelObjective alone(env, agg);
   EXPECT_EQ(MessageOf<QelWrongUsage>([&] { alone.setLinearCoef(x, 1.0); }), kAggregate);
   EXPECT_EQ(ExprOf(alone), agg.getImpl());
-  // Shared: copied first, and the copy is kept after the refusal.
+  // Shared: refused before anything is copied; the objective keeps the
+  // shared expression and its use of it.
   Hold(agg);
+  QelInt objects = env.getImpl()->getNumberOfExtractables();
   WatchingAlgorithmI* rec = MakeWatcher(env);
   rec->extract(alone.getImpl());
   QelNumExprArray xs(env, 1, QelExtractable(x));
@@ -545,19 +549,12 @@ TEST_F(ObjectiveTest, AggregatesAreRefusedAfterCopyOnWrite) {
       std::function<void()>([&] { alone.setLinearCoefs(QelNumVarArray(xs), coefs); }),
       std::function<void()>([&] { alone.setQuadCoef(x, y, 1.0); }),
   };
-  QelNumExprI* copy = nullptr;
   for (const std::function<void()>& attempt : attempts) {
     EXPECT_EQ(MessageOf<QelWrongUsage>(attempt), kAggregate);
-    if (copy == nullptr) {
-      copy = ExprOf(alone);
-      EXPECT_NE(copy, agg.getImpl());
-      EXPECT_TRUE(static_cast<QelNumLinTermI*>(copy)->containsAggregate());
-    }
-    // Once the objective holds its copy alone, it keeps modifying that one.
-    EXPECT_EQ(ExprOf(alone), copy);
+    EXPECT_EQ(ExprOf(alone), agg.getImpl());
   }
-  EXPECT_EQ(agg.getImpl()->getUseCount(), 1);
-  EXPECT_EQ(copy->getUseCount(), 1);
+  EXPECT_EQ(agg.getImpl()->getUseCount(), 2);
+  EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), objects);  // no copy was made
   EXPECT_TRUE(rec->notices.empty());
   delete rec;
   xs.end();
@@ -917,5 +914,123 @@ TEST_F(ObjectiveTest, FilledHooksGetAlgorithmObjectDataAndTheirResultComesBack) 
                                               {a, o, &d[3], "removed"}}));
   alg.end();
   obj.end();
+  EndAndCheckMemory();
+}
+
+// ---- refused memory leaves the objective as it was --------------------------
+
+TEST(ObjectiveRefusedMemory, AnObjectiveWhoseKeptTermCannotBeMadeLeavesNothing) {
+  // Ending the half-made kept term runs a removal pass over every registered
+  // object; it used to reach the objective under construction before its
+  // expression was set, and crash.
+  long refusals = ForEachRefusal([](QelEnv env, RequestCounter& counter, long n) {
+    QelNumVar v(env, 0, 1, "v");
+    QelRange other(env, 0, v, 1);
+    QelInt objects = env.getImpl()->getNumberOfExtractables();
+    counter.refuseAfter(n);
+    bool refused = false;
+    try {
+      QelObjective obj(env, v, QelObjective::Minimize, "o");
+      obj.end();
+    } catch (const QelMemoryException&) {
+      refused = true;
+    }
+    counter.stop();
+    EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), objects) << "request " << n;
+    EndAllObjects(env);
+    return refused;
+  });
+  EXPECT_GE(refusals, 4);
+}
+
+namespace {
+
+// What a change of an objective may need: three variables and a Boolean one.
+struct SetterWorld {
+  QelNumVar x, y, z;
+  QelBoolVar b;
+  QelNumVarArray zb;
+  QelNumArray coefs;
+};
+
+// Runs `change` on an objective over x + 2 y + b * b, an expression a range
+// shares, once for every request the change makes, refusing it: the
+// objective must keep the shared expression and its use, and no copy may
+// stay behind.
+void EveryRefusalKeepsTheSharedExpression(
+    const std::function<void(QelObjective&, SetterWorld&)>& change) {
+  long refusals = ForEachRefusal([&](QelEnv env, RequestCounter& counter, long n) {
+    SetterWorld w{QelNumVar(env, 0, 9, "x"), QelNumVar(env, 0, 9, "y"),
+                  QelNumVar(env, 0, 9, "z"), QelBoolVar(env, "b"), {}, {}};
+    w.zb = QelNumVarArray(QelExtractableArray(env, 2, w.z, w.b));
+    w.coefs = QelNumArray(env, 2);
+    w.coefs.set(0, 4);
+    w.coefs.set(1, 5);
+    QelNumExpr e = Term(env, 0, {{1, w.x.getImpl()}, {2, w.y.getImpl()}},
+                        {{1, w.b.getImpl(), w.b.getImpl()}});
+    QelRange holder(env, 0, e, 10);
+    QelObjective obj(env, e);
+    QelInt objects = env.getImpl()->getNumberOfExtractables();
+    QelInt uses = e.getImpl()->getUseCount();
+    std::string before = Display(e.getImpl());
+    counter.refuseAfter(n);
+    bool refused = false;
+    try {
+      change(obj, w);
+    } catch (const QelMemoryException&) {
+      refused = true;
+    }
+    counter.stop();
+    if (refused) {
+      EXPECT_EQ(obj.getImpl()->getExpr(), e.getImpl()) << "request " << n;
+      EXPECT_EQ(e.getImpl()->getUseCount(), uses) << "request " << n;
+      EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), objects) << "request " << n;
+      EXPECT_EQ(Display(e.getImpl()), before);
+    } else {
+      EXPECT_NE(obj.getImpl()->getExpr(), e.getImpl()) << "the shared expression was changed";
+    }
+    w.zb.end();
+    w.coefs.end();
+    EndAllObjects(env);
+    return refused;
+  });
+  // At least the copy of the expression and what the change itself needs.
+  EXPECT_GE(refusals, 3);
+}
+
+}  // namespace
+
+TEST(ObjectiveRefusedMemory, SetLinearCoefKeepsTheSharedExpression) {
+  EveryRefusalKeepsTheSharedExpression(
+      [](QelObjective& obj, SetterWorld& w) { obj.setLinearCoef(w.z, 3); });
+}
+
+TEST(ObjectiveRefusedMemory, SetLinearCoefsKeepsTheSharedExpression) {
+  EveryRefusalKeepsTheSharedExpression(
+      [](QelObjective& obj, SetterWorld& w) { obj.setLinearCoefs(w.zb, w.coefs); });
+}
+
+TEST(ObjectiveRefusedMemory, SetQuadCoefKeepsTheSharedExpression) {
+  EveryRefusalKeepsTheSharedExpression(
+      [](QelObjective& obj, SetterWorld& w) { obj.setQuadCoef(w.x, w.z, 0.5); });
+}
+
+TEST(ObjectiveRefusedMemory, AddVarKeepsTheSharedExpression) {
+  EveryRefusalKeepsTheSharedExpression(
+      [](QelObjective& obj, SetterWorld& w) { obj.getImpl()->addVar(w.z.getImpl(), 2); });
+}
+
+TEST_F(ObjectiveTest, AnEmptyVariableIsRefusedBeforeAnyCopyOnWrite) {
+  QelNumExpr e = Lin(1, {{1, x.getImpl()}});
+  Hold(e);
+  QelObjective obj(env, e);
+  QelInt objects = env.getImpl()->getNumberOfExtractables();
+  EXPECT_THROW(obj.setLinearCoef(QelNumVar(), 1), QelEmptyHandleException);
+  EXPECT_THROW(obj.setQuadCoef(x, QelNumVar(), 1), QelEmptyHandleException);
+  EXPECT_EQ(ExprOf(obj), e.getImpl());
+  EXPECT_EQ(e.getImpl()->getUseCount(), 2);
+  EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), objects);
+  obj.end();
+  Release(e);
   EndAndCheckMemory();
 }

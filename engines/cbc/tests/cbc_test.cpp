@@ -1,0 +1,351 @@
+// The CBC engine: what it takes, what it refuses, and how it follows
+// changes in the LP it keeps.
+#include <limits>
+#include <string>
+
+#include <engines/cbc/cbc.h>
+#include <engines/tests/support/enginetest.h>
+
+using namespace enginetest;
+
+namespace {
+
+QelEngineI* Make(QelEnv env) { return QelNewCbcEngine(env); }
+
+struct CbcTest : ::testing::Test {
+  void TearDown() override {
+    mip.reset();
+    env.end();
+  }
+  std::string refusalOf(const QelExtractable& x) {
+    try {
+      mip->extract(x.getImpl());
+    } catch (const QelEngineError& e) {
+      return e.what();
+    }
+    return "<no refusal>";
+  }
+  void expectSameAsFresh(const QelModel& m) { ExpectSameAsFresh(&Make, env, m, AnswerOf(mip.get())); }
+
+  QelEnv env;
+  EnginePtr mip{Make(env)};
+};
+
+bool Contains(const std::string& s, const std::string& part) {
+  return s.find(part) != std::string::npos;
+}
+
+TEST_F(CbcTest, RefusesNonlinearExpressionsNamingTheObject) {
+  QelNumVar x(env, 0, 4, "x"), y(env, 0, 4, "y");
+  std::string msg = refusalOf(QelRange(env, 0, x * y, 3, "area"));
+  EXPECT_TRUE(Contains(msg, "CBC engine cannot extract \"area\" (QelRangeI): quadratic terms")) << msg;
+  msg = refusalOf(QelObjective(env, x * y + x, QelObjective::Minimize, "qobj"));
+  EXPECT_TRUE(Contains(msg, "\"qobj\" (QelObjectiveI): quadratic terms")) << msg;
+  EXPECT_EQ(mip->getObjective(), nullptr);  // a refused objective is not the active one
+  EXPECT_TRUE(mip->getMembers().empty());
+  msg = refusalOf(QelRange(env, 0, (x + 1) * (y + 1) * (x + y), 3, "cubic"));
+  EXPECT_TRUE(Contains(msg, "\"cubic\" (QelRangeI): a product of degree higher than two")) << msg;
+  QelIntervalVar task(env, 3, 0, 10, "task");
+  EXPECT_TRUE(Contains(refusalOf(task), "\"task\" (QelIntervalVarI)"));
+}
+
+TEST_F(CbcTest, RefusesReformulationsItCannotMake) {
+  QelNumVar f(env, 0, 4, "f");
+  std::string msg = refusalOf(QelDiff(env, f, 2.0, "fdiff"));
+  EXPECT_TRUE(Contains(msg, "\"fdiff\" (QelDiffI): its integer reformulation needs integer")) << msg;
+  QelIntVar big(env, 0, 5, "big");
+  big.getImpl()->setUB(std::numeric_limits<double>::infinity());
+  QelIntVar small(env, 0, 3, "small");
+  QelIntVarArray both(env, 0);
+  both.add(big);
+  both.add(small);
+  msg = refusalOf(QelAllDiff(env, both, "open"));
+  EXPECT_TRUE(Contains(msg, "\"open\" (QelAllDiffI): its integer reformulation needs finite bounds"))
+      << msg;
+  both.end();
+}
+
+TEST_F(CbcTest, SpecialOrderedSetsOfTypeOneKeepOneVariable) {
+  QelModel m(env, "m");
+  QelNumVarArray x(env, 3, 0, 1);
+  QelSOS1 choice(env, "choice");
+  for (int i = 0; i < 3; ++i) {
+    choice->addVar(x[i]);
+    choice->addVal(10 * (i + 1));
+  }
+  m.add(choice);
+  QelObjective value(env, x[0] + 2 * x[1] + 3 * x[2], QelObjective::Maximize, "value");
+  m.add(value);
+  mip->extract(m.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 3, 1e-9);  // not 6: one variable only
+  EXPECT_EQ(CheckSolution(mip.get(), m.getImpl()), 1);
+  CheckObjective(mip.get());
+  // The last variable leaves the set (one notice per element scanned).
+  choice->removeVar(x[2]);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 5, 1e-9);  // x2 free again, one of x0, x1
+  EXPECT_EQ(CheckSolution(mip.get(), m.getImpl()), 1);
+  expectSameAsFresh(m);
+  EXPECT_EQ(mip->getStats().rebuilds, 0);
+  EXPECT_GE(mip->getStats().memberRefreshes, 1);
+}
+
+TEST_F(CbcTest, SpecialOrderedSetsOfTypeTwoGainAVariableColumnWise) {
+  QelModel m(env, "m");
+  QelNumVarArray lambda(env, 3, 0, 1);
+  QelSOS2 pieces(env, "pieces");
+  for (int i = 0; i < 3; ++i) {
+    pieces->addVar(lambda[i]);
+    pieces->addVal(i + 1);
+  }
+  m.add(pieces);
+  m.add(QelRange(env, 1, QelSum(lambda), 1, "convex"));
+  QelObjective obj(env, 3 * lambda[0] + 1 * lambda[1] + 3 * lambda[2], QelObjective::Maximize,
+                   "obj");
+  m.add(obj);
+  mip->extract(m.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 3, 1e-9);
+  // A new variable joins the set with weight 4 and the objective with 5.
+  QelNumVar extra(env, 0, 1, "extra");
+  auto* toSet = QelNewObject<QelAddVarToSOS2>(env.getImpl(), pieces.getImpl(), 4.0);
+  toSet->install(extra.getImpl());
+  toSet->destroy();
+  QelAddExtractable* toObj = QelAddValueToObj(obj, 5.0).getCopy(env.getImpl());
+  toObj->install(extra.getImpl());
+  toObj->destroy(env.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  // extra is not in the convexity row: at most extra = 1 with lambda[2] = 1.
+  EXPECT_NEAR(mip->getObjValue(), 8, 1e-9);
+  EXPECT_EQ(CheckSolution(mip.get(), m.getImpl()), 2);
+  expectSameAsFresh(m);
+  // lambda[1] leaves the set: lambda[0] and lambda[2] become neighbours.
+  pieces->removeVar(lambda[1]);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 8, 1e-9);
+  EXPECT_EQ(CheckSolution(mip.get(), m.getImpl()), 2);
+  expectSameAsFresh(m);
+  EXPECT_EQ(mip->getStats().rebuilds, 0);
+}
+
+TEST_F(CbcTest, SpecialOrderedSetsOfTypeOneGainAVariableColumnWise) {
+  QelModel m(env, "m");
+  QelNumVarArray x(env, 2, 0, 1);
+  QelSOS1 choice(env, "choice");
+  choice->addVar(x[0]);
+  choice->addVal(1);
+  choice->addVar(x[1]);
+  choice->addVal(2);
+  m.add(choice);
+  QelObjective obj(env, x[0] + 2 * x[1], QelObjective::Maximize, "obj");
+  m.add(obj);
+  mip->extract(m.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 2, 1e-9);
+  // A third variable joins the set (weight chosen by the set) and the
+  // objective with 3: the set now keeps it alone.
+  QelNumVar third(env, 0, 1, "third");
+  auto* toSet = QelNewObject<QelAddVarToSOS1>(env.getImpl(), choice.getImpl(), 0.0);
+  QelAddExtractable* toObj = QelAddValueToObj(obj, 3.0).getCopy(env.getImpl());
+  toSet->setNext(toObj);  // one chain: both places at once
+  toSet->install(third.getImpl());
+  toSet->destroy();
+  toObj->destroy(env.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 3, 1e-9);
+  EXPECT_EQ(mip->getValue(third.getImpl()), 1);
+  EXPECT_EQ(CheckSolution(mip.get(), m.getImpl()), 1);
+  expectSameAsFresh(m);
+}
+
+TEST_F(CbcTest, AnObjectiveMadeQuadraticIsRefusedAtTheNextSolve) {
+  QelModel m(env, "m");
+  QelNumVar x(env, 0, 4, "x"), y(env, 0, 4, "y");
+  m.add(QelRange(env, 0, x + y, 5, "r"));
+  QelObjective obj(env, x + y, QelObjective::Maximize, "obj");
+  m.add(obj);
+  mip->extract(m.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NO_THROW(obj.setQuadCoef(x, y, 1));  // never thrown into the model
+  try {
+    mip->solve();
+    FAIL() << "no refusal";
+  } catch (const QelEngineError& e) {
+    EXPECT_TRUE(Contains(e.what(), "\"obj\" (QelObjectiveI): quadratic terms")) << e.what();
+  }
+  obj.setQuadCoef(x, y, 0);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 5, 1e-9);
+  expectSameAsFresh(m);
+}
+
+TEST_F(CbcTest, ObjectiveChangesAreMadeInPlace) {
+  QelModel m(env, "m");
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelIntVar n(env, 0, 3, "n");
+  m.add(QelRange(env, -1e30, x + y, 8, "cap"));
+  m.add(QelRange(env, -1e30, x - 2 * n, 0, "link"));
+  QelObjective obj(env, x + 0.5 * y, QelObjective::Maximize, "obj");
+  m.add(obj);
+  mip->extract(m.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 6 + 1, 1e-9);  // x = 6 (n = 3), y = 2
+  long extractions = mip->getStats().memberExtractions;
+
+  obj.setLinearCoef(y, 2);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 16, 1e-9);
+  expectSameAsFresh(m);
+  obj.setConst(1.5);
+  obj.setSense(QelObjective::Minimize);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 1.5, 1e-9);
+  expectSameAsFresh(m);
+  QelNumVarArray vars(env, 0);
+  vars.add(x);
+  vars.add(y);
+  QelNumArray coefs(env, 2);
+  coefs.set(0, -1);
+  coefs.set(1, -3);
+  obj.setLinearCoefs(vars, coefs);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 1.5 - 24, 1e-9);  // y = 8
+  expectSameAsFresh(m);
+  obj.setExpr(x + y + n);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 0, 1e-9);
+  expectSameAsFresh(m);
+  CheckObjective(mip.get());
+  // Nothing was extracted again.
+  EXPECT_EQ(mip->getStats().memberExtractions, extractions);
+  EXPECT_EQ(mip->getStats().memberRefreshes, 0);
+  EXPECT_EQ(mip->getStats().rebuilds, 0);
+  EXPECT_EQ(mip->getStats().incrementalChanges, 5);
+  vars.end();
+  coefs.end();
+}
+
+TEST_F(CbcTest, MembersAreAddedAndDeletedInTheLp) {
+  QelModel m(env, "m");
+  QelIntVarArray x(env, 4, 0, 3);
+  QelAllDiff ad(env, x, "ad");
+  m.add(ad);
+  QelObjective obj(env, 4 * x[0] + 3 * x[1] + 2 * x[2] + x[3], QelObjective::Minimize, "obj");
+  m.add(obj);
+  mip->extract(m.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 0 + 3 + 4 + 3, 1e-9);  // 0, 1, 2, 3
+  QelDiff d(env, x[0], 0.0, "d");
+  QelRange r(env, 0, x[1] + x[2], 2, "r");
+  m.add(d);
+  m.add(r);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(CheckSolution(mip.get(), m.getImpl()), 3);
+  expectSameAsFresh(m);
+  m.remove(d);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  expectSameAsFresh(m);
+  EXPECT_EQ(mip->getStats().memberRemovals, 1);
+  r.end();
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 10, 1e-9);
+  // A variable of the all-different constraint ends: swept out silently, the
+  // constraint is re-extracted.
+  x[3].end();
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(CheckSolution(mip.get(), m.getImpl()), 1);
+  expectSameAsFresh(m);
+  EXPECT_EQ(mip->getStats().rebuilds, 0);
+}
+
+TEST_F(CbcTest, AllMinDistanceDifferenceAndPackReformulations) {
+  QelModel m(env, "m");
+  QelIntVarArray start(env, 3, 0, 10);
+  m.add(QelAllMinDistance(env, start, 3, "spread"));
+  m.add(QelDiff(env, start[0], start[1] + 6, "notSix"));
+  QelIntVarArray load(env, 2, 0, 7);
+  QelIntVarArray where(env, 3, 0, 5);
+  QelIntArray size(env, 3);
+  size.set(0, 4);
+  size.set(1, 3);
+  size.set(2, 5);
+  QelIntArray possible(env, 2);
+  possible.set(0, 0);
+  possible.set(1, 1);
+  QelIntSetVar usedSet(env, possible, "usedSet");
+  m.add(QelPack(env, load.toIntExprArray(), where.toIntExprArray(), size, usedSet, "pack"));
+  size.end();
+  possible.end();
+  QelMultiCriterionExpr mc =
+      QelStaticLex(env, QelSum(start.toIntExprArray()), 10 * where[2] + where[0]);
+  m.add(QelMinimize(env, mc, "lex"));
+  mc.end();
+  mip->extract(m.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(0), 9, 1e-9);  // 0, 3, 6 in some order
+  EXPECT_NEAR(mip->getObjValue(1), 1, 1e-9);  // item 2 in bin 0, items 0, 1 in bin 1
+  EXPECT_EQ(CheckSolution(mip.get(), m.getImpl()), 3);
+  EXPECT_EQ(mip->getSetValue(usedSet.getImpl()), (std::vector<QelInt>{0, 1}));
+  CheckObjective(mip.get());
+  expectSameAsFresh(m);
+}
+
+TEST_F(CbcTest, BoundsAndTypesChangedWithoutNoticeAreUpdatedInPlace) {
+  QelModel m(env, "m");
+  QelNumVar x(env, 0, 9.5, "x");
+  m.add(QelRange(env, 0, x, 100, "r"));
+  m.add(QelObjective(env, x, QelObjective::Maximize, "obj"));
+  mip->extract(m.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 9.5, 1e-9);
+  x.getImpl()->setUB(20.5);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 20.5, 1e-9);
+  EXPECT_EQ(mip->getStats().silentChanges, 1);
+  EXPECT_EQ(mip->getStats().rebuilds, 0);
+}
+
+TEST_F(CbcTest, ReformulationsFollowTheBoundsTheyWereMadeFrom) {
+  QelModel m(env, "m");
+  QelIntVar x(env, 0, 1, "x"), y(env, 0, 1, "y"), z(env, 0, 2, "z");
+  QelIntVarArray xyz(env, 0);
+  xyz.add(x);
+  xyz.add(y);
+  xyz.add(z);
+  m.add(QelAllDiff(env, xyz, "ad"));
+  m.add(QelDiff(env, x, z, "xz"));
+  m.add(QelObjective(env, x + y + z, QelObjective::Maximize, "obj"));
+  mip->extract(m.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 3, 1e-9);
+  // Wider bounds (no notice): the assignment binaries and the big-M of the
+  // difference were made for the old ones and are made again.
+  x.getImpl()->setUB(5);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 5 + 1 + 2, 1e-9);
+  EXPECT_EQ(mip->getStats().memberRefreshes, 2);
+  EXPECT_EQ(CheckSolution(mip.get(), m.getImpl()), 2);
+  expectSameAsFresh(m);
+  xyz.end();
+}
+
+TEST_F(CbcTest, InfeasibleAndUnboundedModels) {
+  QelModel m(env, "m");
+  QelNumVar x(env, 0, 1e30, "x");
+  QelRange atLeast(env, 5, x, 1e30, "atLeast");
+  m.add(atLeast);
+  QelObjective obj(env, x, QelObjective::Maximize, "obj");
+  m.add(obj);
+  mip->extract(m.getImpl());
+  x.getImpl()->setUB(std::numeric_limits<double>::infinity());
+  EXPECT_EQ(mip->solve(), QelEngineStatus::Unbounded);
+  EXPECT_FALSE(mip->hasSolution());
+  obj.setSense(QelObjective::Minimize);
+  EXPECT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), 5, 1e-9);
+  m.add(QelRange(env, -1e30, x, 4, "atMost"));
+  EXPECT_EQ(mip->solve(), QelEngineStatus::Infeasible);
+}
+
+}  // namespace

@@ -1,0 +1,548 @@
+// The Gecode engine (see gecode.h for what it takes and how it follows
+// changes).
+#include <cmath>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include <gecode/int.hh>
+#include <gecode/minimodel.hh>
+#include <gecode/search.hh>
+#include <gecode/set.hh>
+
+#include <engines/common/linear.h>
+#include <engines/gecode/gecode.h>
+
+namespace {
+
+// The space: every integer variable the engine made (the model's variables
+// and auxiliary ones), the set variables, and, in the copy that is searched,
+// the criteria of the objective.
+class ModelSpace : public Gecode::Space {
+ public:
+  ModelSpace() = default;
+  ModelSpace(ModelSpace& other) : Gecode::Space(other), sense(other.sense) {
+    vars.resize(other.vars.size());
+    for (size_t i = 0; i < vars.size(); ++i) vars[i].update(*this, other.vars[i]);
+    sets.resize(other.sets.size());
+    for (size_t i = 0; i < sets.size(); ++i) sets[i].update(*this, other.sets[i]);
+    costs.update(*this, other.costs);
+  }
+  Gecode::Space* copy() override { return new ModelSpace(*this); }
+  // Branch and bound: the next solution is lexicographically better on the
+  // criteria (one criterion: simply better).
+  void constrain(const Gecode::Space& best) override {
+    const auto& b = static_cast<const ModelSpace&>(best);
+    int n = costs.size();
+    if (n == 0) return;
+    Gecode::IntArgs values(n);
+    for (int i = 0; i < n; ++i) values[i] = b.costs[i].val();
+    Gecode::rel(*this, costs, sense > 0 ? Gecode::IRT_LE : Gecode::IRT_GR, values);
+  }
+
+  std::vector<Gecode::IntVar> vars;
+  std::vector<Gecode::SetVar> sets;
+  Gecode::IntVarArray costs;
+  int sense = 1;  // 1: minimize, -1: maximize
+};
+
+// An expression in Gecode form: expr + offset (the offset gathers the
+// constants, which need not be integral).
+struct GExpr {
+  Gecode::LinIntExpr expr;
+  double offset = 0;
+};
+
+bool FitsInt(double v) {
+  return std::isfinite(v) && v >= Gecode::Int::Limits::min && v <= Gecode::Int::Limits::max;
+}
+
+class QelGecodeI : public QelEngineI {
+  QEL_RTTI_DECL(QelGecodeI, QelEngineI)
+
+ public:
+  explicit QelGecodeI(QelEnvI* env) : QelEngineI(env, "Gecode") { makeRoot(); }
+
+  using QelEngineI::applyNotice;
+  using QelEngineI::extractObject;
+  using QelEngineI::modifyObject;
+  using QelEngineI::unextractObject;
+
+  // ---- extraction handlers ------------------------------------------------
+  void* extractObject(const QelNumVarI* v) override {
+    varIndex(v, v);
+    return nullptr;
+  }
+  void* extractObject(const QelNumLinTermI* e) override { return looseExpr(e); }
+  void* extractObject(const QelIntLinTermI* e) override { return looseExpr(e); }
+  void* extractObject(const QelNumProductI* e) override { return looseExpr(e); }
+
+  void* extractObject(const QelRangeI* r) override {
+    if (r->getExpr() == nullptr) throw refuse(r, "the range has no expression");
+    GExpr g = toExpr(*_root, r->getExpr(), r, true);
+    double lb = r->getLB() - g.offset;
+    double ub = r->getUB() - g.offset;
+    bool postLb = bound(r, lb, true);
+    bool postUb = bound(r, ub, false);
+    if (postLb) Gecode::rel(*_root, g.expr >= static_cast<int>(std::ceil(lb)));
+    if (postUb) Gecode::rel(*_root, g.expr <= static_cast<int>(std::floor(ub)));
+    return nullptr;
+  }
+
+  void* extractObject(const QelDiffI* d) override {
+    GExpr x = toExpr(*_root, d->getX(), d, true);
+    if (d->getY() == nullptr) {
+      double c = d->getConstant() - x.offset;
+      // An integer expression always differs from a non-integral value.
+      if (!QelIsIntegerValue(c)) return nullptr;
+      if (!FitsInt(c)) throw refuse(d, "the constant lies beyond Gecode's integer range");
+      Gecode::rel(*_root, x.expr != static_cast<int>(c));
+      return nullptr;
+    }
+    GExpr y = toExpr(*_root, d->getY(), d, true);
+    double c = y.offset - x.offset;
+    if (!QelIsIntegerValue(c)) return nullptr;
+    if (!FitsInt(c)) throw refuse(d, "the constants lie beyond Gecode's integer range");
+    Gecode::rel(*_root, x.expr - y.expr != static_cast<int>(c));
+    return nullptr;
+  }
+
+  void* extractObject(const QelAllDiffI* a) override {
+    // An expression held twice gets a copy: distinct then fails, as it
+    // should, instead of refusing the repeated variable.
+    Gecode::IntVarArgs xs = varArgs(a->getExprArray(), a, nullptr, true);
+    if (xs.size() > 1) Gecode::distinct(*_root, xs);
+    return nullptr;
+  }
+
+  void* extractObject(const QelAllMinDistanceI* a) override {
+    QelInt k = a->getK();
+    if (!FitsInt(static_cast<double>(k)))
+      throw refuse(a, "the distance lies beyond Gecode's integer range");
+    Gecode::IntVarArgs xs = varArgs(a->getExprArray(), a, nullptr, true);
+    if (k <= 0 || xs.size() < 2) return nullptr;
+    // Tasks of length k that do not overlap start at least k apart.
+    Gecode::IntArgs lengths(xs.size());
+    for (int i = 0; i < xs.size(); ++i) lengths[i] = static_cast<int>(k);
+    Gecode::unary(*_root, xs, lengths);
+    return nullptr;
+  }
+
+  void* extractObject(const QelPackI* p) override {
+    if (p->getBoolArrays().getSize() > 0)
+      throw refuse(p, "the Boolean arrays of a pack have no meaning for this engine");
+    QelIntArray weight = p->getWeight();
+    QelIntExprArray where = p->getWhere();
+    if (weight.getSize() != where.getSize())
+      throw refuse(p, "where and weight differ in size");
+    Gecode::IntArgs sizes(static_cast<int>(weight.getSize()));
+    for (long i = 0; i < weight.getSize(); ++i) {
+      if (weight[i] < 0 || !FitsInt(static_cast<double>(weight[i])))
+        throw refuse(p, "item sizes must be non-negative integers within Gecode's range");
+      sizes[static_cast<int>(i)] = static_cast<int>(weight[i]);
+    }
+    if (p->getUsedSet() != nullptr) {
+      QelIntArray possible = p->getUsedSet()->getPossible();
+      for (long i = 0; i < possible.getSize(); ++i)
+        if (!FitsInt(static_cast<double>(possible[i])))
+          throw refuse(p, "a possible value of the used set lies beyond Gecode's range");
+    }
+    // The bins are the indices of load: bin j of Gecode is load[j], and the
+    // bin numbers in where are these indices, so every item lands in one of
+    // the bins 0..m-1 (binpacking constrains where to them). Load and where
+    // variables must be distinct: shared ones get copies.
+    std::unordered_set<int> taken;
+    Gecode::IntVarArgs loads = varArgs(p->getLoad(), p, &taken, true);
+    Gecode::IntVarArgs bins = varArgs(where, p, &taken, true);
+    Gecode::binpacking(*_root, loads, bins, sizes);
+    if (p->getUsed() != nullptr) {
+      GExpr used = toExpr(*_root, p->getUsed(), p, true);
+      if (!QelIsIntegerValue(used.offset))
+        throw refuse(p, "the used count has a non-integral constant");
+      Gecode::IntVar count = Gecode::expr(*_root, used.expr + static_cast<int>(used.offset));
+      Gecode::nvalues(*_root, bins, Gecode::IRT_EQ, count);
+    }
+    if (QelIntSetVarI* s = p->getUsedSet()) {
+      QelIntArray possible = s->getPossible();
+      Gecode::IntArgs values(static_cast<int>(possible.getSize()));
+      for (long i = 0; i < possible.getSize(); ++i)
+        values[static_cast<int>(i)] = static_cast<int>(possible[i]);
+      Gecode::IntSet lub(values);
+      Gecode::SetVar set(*_root, Gecode::IntSet::empty, lub, 0,
+                         static_cast<unsigned int>(lub.size()));
+      Gecode::rel(*_root, Gecode::SOT_UNION, bins, set);
+      if (s->getCardVar() != nullptr)
+        Gecode::cardinality(*_root, set, var(*_root, s->getCardVar(), true));
+      _setIndex[s] = static_cast<int>(_root->sets.size());
+      _root->sets.push_back(set);
+    }
+    return nullptr;
+  }
+
+  void* extractObject(const QelSOS1I* s) override {
+    throw refuse(s, "special ordered sets are not supported (they are a mixed-integer "
+                    "programming construct; use a MIP engine)");
+  }
+  void* extractObject(const QelSOS2I* s) override {
+    throw refuse(s, "special ordered sets are not supported (they are a mixed-integer "
+                    "programming construct; use a MIP engine)");
+  }
+  void* extractObject(const QelIntSetVarI* s) override {
+    throw refuse(s, "set variables are taken only as the used set of a pack");
+  }
+  void* extractObject(const QelIntervalVarI* s) override {
+    throw refuse(s, "interval variables are not supported");
+  }
+
+  // The objective is posted into the searched copy at each solve; here its
+  // criteria are checked and their variables made in the root.
+  void* objectiveActivated(const QelObjectiveI* obj, void*) override {
+    long n = obj->getNumCriteria();
+    for (long i = 0; i < n; ++i) toExpr(*_root, obj->getCriterion(i), obj, true);
+    return nullptr;
+  }
+
+ protected:
+  void resetForm() override { makeRoot(); }
+
+  void addToForm(QelExtractableI* m) override {
+    try {
+      extractThroughHook(m);
+    } catch (const Gecode::Exception& e) {
+      throw refuse(m, std::string("Gecode refused it: ") + e.what());
+    }
+  }
+
+  void removeFromForm(QelExtractableI* m) override {
+    // The objective lives in the searched copy only; a variable or an
+    // expression alone constrains nothing.
+    if (QelDynamicCast<QelObjectiveI>(m) != nullptr) return;
+    if (QelDynamicCast<QelNumExprI>(m) != nullptr) return;
+    markDirty(QelDescribe(m) + " was removed: Gecode cannot take a propagator out of a space");
+  }
+
+  void refreshInForm(QelExtractableI* m) override {
+    if (const auto* obj = QelDynamicCast<QelObjectiveI>(m)) {
+      objectiveActivated(obj, nullptr);
+      countIncremental();
+      return;
+    }
+    if (QelDynamicCast<QelNumExprI>(m) != nullptr) {
+      addToForm(m);  // its variables
+      countIncremental();
+      return;
+    }
+    markDirty(QelDescribe(m) + " changed: Gecode cannot take a propagator out of a space");
+  }
+
+  void forget(const QelExtractableI* x) override {
+    bool known = false;
+    if (const auto* v = QelDynamicCast<const QelNumVarI>(x)) {
+      known = _varIndex.erase(v) != 0;
+      _bounds.erase(v);
+    }
+    if (const auto* s = QelDynamicCast<const QelIntSetVarI>(x)) known = _setIndex.erase(s) != 0 || known;
+    if (known && !isDirty()) markDirty(QelDescribe(x) + " was removed from the model's objects");
+  }
+
+  void syncVariables() override {
+    for (auto& entry : _bounds) {
+      const QelNumVarI* v = entry.first;
+      Bounds& b = entry.second;
+      if (v->getLB() == b.lb && v->getUB() == b.ub && v->getType() == b.type) continue;
+      countSilentChange();
+      if (v->getType() != b.type || v->getType() == QelVarType::Float) {
+        markDirty("the type of " + QelDescribe(v) + " changed");
+        return;
+      }
+      if (v->getLB() < b.lb || v->getUB() > b.ub) {
+        markDirty("the bounds of " + QelDescribe(v) + " were widened");
+        return;
+      }
+      // Tightened: posted in place.
+      int lo = 0;
+      int hi = 0;
+      if (!intBounds(v, lo, hi)) {
+        markDirty("the bounds of " + QelDescribe(v) + " left Gecode's range");
+        return;
+      }
+      Gecode::IntVar x = _root->vars[static_cast<size_t>(_varIndex.at(v))];
+      if (lo > hi)
+        _root->fail();
+      else
+        Gecode::dom(*_root, x, lo, hi);
+      b.lb = v->getLB();
+      b.ub = v->getUB();
+      countIncremental();
+    }
+  }
+
+  QelEngineStatus runSolve() override {
+    try {
+      return search();
+    } catch (const Gecode::Exception& e) {
+      throw QelEngineError(std::string("Gecode engine: the search failed: ") + e.what());
+    }
+  }
+
+ private:
+  struct Bounds {
+    double lb;
+    double ub;
+    QelVarType type;
+  };
+
+  void makeRoot() {
+    _root = std::make_unique<ModelSpace>();
+    _varIndex.clear();
+    _bounds.clear();
+    _setIndex.clear();
+  }
+
+  // Integer bounds of `v` in Gecode's range (infinite bounds, from 1e20 on,
+  // become the range's ends); false when a finite bound lies beyond it.
+  static bool intBounds(const QelNumVarI* v, int& lo, int& hi) {
+    double lb = v->getLB();
+    double ub = v->getUB();
+    if (QelIsInfiniteBound(lb) && lb < 0) lb = Gecode::Int::Limits::min;
+    if (QelIsInfiniteBound(ub) && ub > 0) ub = Gecode::Int::Limits::max;
+    lb = std::ceil(lb);
+    ub = std::floor(ub);
+    if (!FitsInt(lb) || !FitsInt(ub)) return false;
+    lo = static_cast<int>(lb);
+    hi = static_cast<int>(ub);
+    return true;
+  }
+
+  // Whether the bound `b` (of the range `r`) is to be posted: infinite
+  // bounds (from 1e20 on) are not; finite ones must fit Gecode's range.
+  bool bound(const QelExtractableI* r, double b, bool lower) const {
+    if (std::isnan(b)) throw refuse(r, "a bound is not a number");
+    if (QelIsInfiniteBound(b)) {
+      // lb = +infinity or ub = -infinity: nothing satisfies the range.
+      if ((lower && b > 0) || (!lower && b < 0)) _root->fail();
+      return false;
+    }
+    double rounded = lower ? std::ceil(b) : std::floor(b);
+    if (!FitsInt(rounded))
+      throw refuse(r, "the bound " + std::to_string(b) + " lies beyond Gecode's integer range");
+    return true;
+  }
+
+  // The index of `v` among the root's variables, made (through the
+  // variable's hook) when it is new.
+  int varIndex(const QelNumVarI* v, const QelExtractableI* owner) {
+    auto it = _varIndex.find(v);
+    if (it != _varIndex.end()) return it->second;
+    if (v->getType() == QelVarType::Float)
+      throw refuse(v, "float variables are not supported; the engine takes integer and "
+                      "Boolean variables");
+    int lo = 0;
+    int hi = 0;
+    if (!intBounds(v, lo, hi))
+      throw refuse(v, "its bounds lie beyond Gecode's integer range");
+    (void)owner;
+    int index = static_cast<int>(_root->vars.size());
+    if (lo > hi) {
+      _root->vars.emplace_back(*_root, lo, lo);
+      _root->fail();  // an empty domain: the model has no solution
+    } else {
+      _root->vars.emplace_back(*_root, lo, hi);
+    }
+    _varIndex[v] = index;
+    _bounds[v] = {v->getLB(), v->getUB(), v->getType()};
+    return index;
+  }
+
+  // The variable's Gecode variable in `home`; in the root it is made
+  // through the variable's hook when new.
+  Gecode::IntVar var(ModelSpace& home, const QelNumVarI* v, bool create) {
+    auto it = _varIndex.find(v);
+    if (it == _varIndex.end()) {
+      if (!create || &home != _root.get())
+        throw QelEngineError("Gecode engine: " + QelDescribe(v) + " was not extracted", v);
+      extractThroughHook(v);
+      it = _varIndex.find(v);
+    }
+    return home.vars[static_cast<size_t>(it->second)];
+  }
+
+  static int IntCoef(QelGecodeI* self, const QelExtractableI* owner, double c) {
+    if (!QelIsIntegerValue(c) || !FitsInt(c))
+      throw self->refuse(owner, "the coefficient " + std::to_string(c) +
+                                    " is not an integer within Gecode's range");
+    return static_cast<int>(c);
+  }
+
+  GExpr toExpr(ModelSpace& home, const QelNumExprI* e, const QelExtractableI* owner,
+               bool create) {
+    GExpr g;
+    if (e == nullptr) throw refuse(owner, "it holds an empty expression");
+    if (const auto* v = QelDynamicCast<const QelNumVarI>(e)) {
+      g.expr = Gecode::LinIntExpr(var(home, v, create));
+      return g;
+    }
+    const QelLinearParts* parts = nullptr;
+    if (const auto* t = QelDynamicCast<const QelNumLinTermI>(e)) parts = &t->getParts();
+    if (const auto* t = QelDynamicCast<const QelIntLinTermI>(e)) parts = &t->getParts();
+    if (parts != nullptr) {
+      g.offset = parts->constant;
+      Gecode::IntArgs coefs;
+      Gecode::IntVarArgs xs;
+      for (const QelLinTermNode* n = parts->head; n != nullptr; n = n->next) {
+        if (n->coef == 0.0) continue;
+        coefs << IntCoef(this, owner, n->coef);
+        xs << var(home, n->var, create);
+      }
+      g.expr = xs.size() > 0 ? Gecode::LinIntExpr(coefs, xs) : Gecode::LinIntExpr(0);
+      for (const QelQuadTermNode* q = parts->quadHead; q != nullptr; q = q->next) {
+        if (q->coef == 0.0) continue;
+        int c = IntCoef(this, owner, q->coef);
+        Gecode::LinIntExpr product = Gecode::LinIntExpr(var(home, q->var1, create)) *
+                                     Gecode::LinIntExpr(var(home, q->var2, create));
+        g.expr = g.expr + c * product;
+      }
+      for (const QelAggregateTermNode* a = parts->aggHead; a != nullptr; a = a->next) {
+        if (a->coef == 0.0) continue;
+        int c = IntCoef(this, owner, a->coef);
+        GExpr sub = toExpr(home, a->expr, owner, create);
+        g.expr = g.expr + c * sub.expr;
+        g.offset += c * sub.offset;
+      }
+      return g;
+    }
+    if (const auto* p = QelDynamicCast<const QelNumProductI>(e)) {
+      GExpr l = toExpr(home, p->getLeft(), owner, create);
+      GExpr r = toExpr(home, p->getRight(), owner, create);
+      if (!QelIsIntegerValue(l.offset) || !QelIsIntegerValue(r.offset) || !FitsInt(l.offset) ||
+          !FitsInt(r.offset))
+        throw refuse(owner, "a factor of a product has a non-integral constant");
+      g.expr = (l.expr + static_cast<int>(l.offset)) * (r.expr + static_cast<int>(r.offset));
+      return g;
+    }
+    throw refuse(owner, std::string("expressions of class ") + e->getRttiTypeName() +
+                            " are not supported");
+  }
+
+  // The expressions of `exprs` as Gecode variables of the root. With
+  // `distinct`, a variable is used once only (further uses, and variables
+  // already in `taken`, get a copy equal to it).
+  Gecode::IntVarArgs varArgs(const QelExtractableArray& exprs, const QelExtractableI* owner,
+                             std::unordered_set<int>* taken, bool distinct = false) {
+    std::unordered_set<int> local;
+    if (taken == nullptr) taken = &local;
+    Gecode::IntVarArgs out;
+    for (long i = 0; i < exprs.getSize(); ++i) {
+      const auto* e = static_cast<const QelNumExprI*>(exprs.getElement(i));
+      if (e == nullptr) throw refuse(owner, "it holds an empty expression");
+      if (const auto* v = QelDynamicCast<const QelNumVarI>(e)) {
+        var(*_root, v, true);
+        int index = _varIndex.at(v);
+        if (!distinct || taken->insert(index).second) {
+          out << _root->vars[static_cast<size_t>(index)];
+          continue;
+        }
+      }
+      GExpr g = toExpr(*_root, e, owner, true);
+      if (!QelIsIntegerValue(g.offset) || !FitsInt(g.offset))
+        throw refuse(owner, "an expression has a non-integral constant");
+      Gecode::IntVar copy(*_root, Gecode::Int::Limits::min, Gecode::Int::Limits::max);
+      Gecode::rel(*_root, copy == g.expr + static_cast<int>(g.offset));
+      _root->vars.push_back(copy);
+      out << copy;
+    }
+    return out;
+  }
+
+  void* looseExpr(const QelNumExprI* e) {
+    toExpr(*_root, e, e, true);
+    return nullptr;
+  }
+
+  QelEngineStatus search() {
+    if (_root->status() == Gecode::SS_FAILED) return QelEngineStatus::Infeasible;
+    std::unique_ptr<ModelSpace> work(static_cast<ModelSpace*>(_root->clone()));
+    const QelObjectiveI* obj = getObjective();
+    std::vector<double> offsets;
+    if (obj != nullptr) {
+      Gecode::IntVarArgs costs;
+      long n = obj->getNumCriteria();
+      for (long i = 0; i < n; ++i) {
+        GExpr g = toExpr(*work, obj->getCriterion(i), obj, false);
+        costs << Gecode::expr(*work, g.expr);
+        offsets.push_back(g.offset);
+      }
+      work->costs = Gecode::IntVarArray(*work, costs);
+      work->sense = obj->getSense() == QelObjective::Minimize ? 1 : -1;
+    }
+    // Branch on the model's variables first, then on the auxiliary ones and
+    // the sets, so that every variable has a value in a solution.
+    std::vector<bool> isModel(work->vars.size(), false);
+    for (const auto& entry : _varIndex) isModel[static_cast<size_t>(entry.second)] = true;
+    Gecode::IntVarArgs model;
+    Gecode::IntVarArgs aux;
+    for (size_t i = 0; i < work->vars.size(); ++i) (isModel[i] ? model : aux) << work->vars[i];
+    if (model.size() > 0)
+      Gecode::branch(*work, model, Gecode::INT_VAR_SIZE_MIN(), Gecode::INT_VAL_MIN());
+    if (aux.size() > 0)
+      Gecode::branch(*work, aux, Gecode::INT_VAR_NONE(), Gecode::INT_VAL_MIN());
+    if (!work->sets.empty()) {
+      Gecode::SetVarArgs sets;
+      for (const auto& s : work->sets) sets << s;
+      Gecode::branch(*work, sets, Gecode::SET_VAR_NONE(), Gecode::SET_VAL_MIN_INC());
+    }
+    if (work->costs.size() > 0)
+      Gecode::branch(*work, work->costs, Gecode::INT_VAR_NONE(), Gecode::INT_VAL_MIN());
+
+    Gecode::Search::Options options;
+    options.threads = 1;
+    std::unique_ptr<Gecode::Search::Stop> stop;
+    if (getTimeLimit() > 0) {
+      stop = std::make_unique<Gecode::Search::TimeStop>(
+          static_cast<unsigned long long>(getTimeLimit() * 1000.0));
+      options.stop = stop.get();
+    }
+    std::unique_ptr<ModelSpace> best;
+    bool stopped = false;
+    if (obj != nullptr) {
+      Gecode::BAB<ModelSpace> engine(work.get(), options);
+      while (ModelSpace* s = engine.next()) best.reset(s);
+      stopped = engine.stopped();
+    } else {
+      Gecode::DFS<ModelSpace> engine(work.get(), options);
+      best.reset(engine.next());
+      stopped = engine.stopped();
+    }
+    if (!best) return stopped ? QelEngineStatus::Unknown : QelEngineStatus::Infeasible;
+
+    for (const auto& entry : _varIndex)
+      setValue(entry.first, best->vars[static_cast<size_t>(entry.second)].val());
+    for (const auto& entry : _setIndex) {
+      std::vector<QelInt> value;
+      for (Gecode::SetVarGlbValues it(best->sets[static_cast<size_t>(entry.second)]); it(); ++it)
+        value.push_back(it.val());
+      setSetValue(entry.first, value);
+    }
+    std::vector<double> objValues;
+    for (int i = 0; i < best->costs.size(); ++i)
+      objValues.push_back(best->costs[i].val() + offsets[static_cast<size_t>(i)]);
+    setEngineObjValues(objValues);
+    return stopped ? QelEngineStatus::Feasible : QelEngineStatus::Optimal;
+  }
+
+  std::unique_ptr<ModelSpace> _root;
+  std::unordered_map<const QelNumVarI*, int> _varIndex;
+  std::unordered_map<const QelNumVarI*, Bounds> _bounds;
+  std::unordered_map<const QelIntSetVarI*, int> _setIndex;
+};
+
+QEL_RTTI_DEF(QelGecodeI)
+
+}  // namespace
+
+QelEngineI* QelNewGecodeEngine(QelEnv env) {
+  if (env.getImpl() == nullptr) throw QelEmptyHandleException("QelEnv: using empty handle");
+  return QelNewObject<QelGecodeI>(env.getImpl(), env.getImpl());
+}
