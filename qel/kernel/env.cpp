@@ -17,30 +17,23 @@ struct QelEnvI::CloneMap {
   struct Entry {
     const QelExtractableI* source;
     QelExtractableI* clone;
-    QelInt cloneId;   // to tell, without touching it, whether the clone lives
-    QelInt sourceId;  // the source's id when it was put (see Hash)
+    QelInt cloneId;  // to tell, without touching it, whether the clone lives
   };
   QelEnvI* env = nullptr;
   Entry* entries = nullptr;
   long capacity = 0;  // a power of two
   long count = 0;
 
-  // Where the search for the object with `id` starts. The ids of one
-  // environment are dense and a copy mostly meets objects in id order:
-  // sixteen consecutive ids share a run of sixteen slots, and the runs are
-  // scattered by a multiplicative hash of id / 16. Hashing addresses would
-  // send every lookup to a random line of a map that outgrows the caches;
-  // the id alone would line up ranges of ids that meet modulo the capacity.
-  // The id is kept in the entry, so rehashing touches no source.
-  static std::size_t Hash(QelInt id) {
-    std::uint64_t v = static_cast<std::uint64_t>(id);
-    std::uint64_t run = ((v >> 4) * 0x9E3779B97F4A7C15ULL) >> 32;
-    return static_cast<std::size_t>((run << 4) | (v & 15));
+  static std::size_t Hash(const void* p) {
+    std::uintptr_t v = reinterpret_cast<std::uintptr_t>(p);
+    v ^= v >> 17;
+    v *= 0x9E3779B97F4A7C15ULL;
+    return static_cast<std::size_t>(v ^ (v >> 29));
   }
   QelExtractableI* find(const QelExtractableI* source) const {
     if (count == 0) return nullptr;
     std::size_t mask = static_cast<std::size_t>(capacity - 1);
-    for (std::size_t i = Hash(source->getId()) & mask;; i = (i + 1) & mask) {
+    for (std::size_t i = Hash(source) & mask;; i = (i + 1) & mask) {
       if (entries[i].source == source) return entries[i].clone;
       if (entries[i].source == nullptr) return nullptr;
     }
@@ -48,13 +41,11 @@ struct QelEnvI::CloneMap {
   void put(const QelExtractableI* source, QelExtractableI* clone) {
     if ((count + 1) * 2 > capacity) rehash(capacity == 0 ? 16 : capacity * 2);
     std::size_t mask = static_cast<std::size_t>(capacity - 1);
-    QelInt id = source->getId();
-    std::size_t i = Hash(id) & mask;
+    std::size_t i = Hash(source) & mask;
     while (entries[i].source != nullptr) i = (i + 1) & mask;
     entries[i].source = source;
     entries[i].clone = clone;
     entries[i].cloneId = clone->getId();
-    entries[i].sourceId = id;
     ++count;
   }
   void rehash(long newCapacity) {
@@ -64,7 +55,7 @@ struct QelEnvI::CloneMap {
     std::size_t mask = static_cast<std::size_t>(newCapacity - 1);
     for (long k = 0; k < capacity; ++k) {
       if (entries[k].source == nullptr) continue;
-      std::size_t i = Hash(entries[k].sourceId) & mask;
+      std::size_t i = Hash(entries[k].source) & mask;
       while (fresh[i].source != nullptr) i = (i + 1) & mask;
       fresh[i] = entries[k];
     }
