@@ -1,6 +1,7 @@
 // Special ordered sets of both types: weights, column-wise addition,
 // removal with its notices, removal of sub-objects in both modes, cloning,
 // visiting, printing, engine hooks and memory.
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -1071,4 +1072,29 @@ TEST(SOSRefusedMemory, AColumnAddsTheWeightAndTheVariableOrNeither) {
     return refused;
   });
   EXPECT_GE(refusals, 1);
+}
+
+TEST(SOSFindings, OneByOneASetIsToldOnlyOfItsOwnVariables) {
+  // Ending v ends the all-min-distance constraint first (one by one, it
+  // ends itself), in a removal nested in v's: the set, which holds v, was
+  // reached by that removal too and took the constraint for a variable
+  // (an invalid cast, and a notice per element for nothing).
+  QelEnv env;
+  env.getImpl()->setOneByOne(1);
+  QelIntVar v(env, 0, 1, "v"), w(env, 0, 1, "w");
+  QelIntVarArray vw(QelExtractableArray(env, 2, v, w));
+  QelAllMinDistance spread(env, vw, 1);  // made before the set: reached first
+  QelSOS1 s(env, "s");
+  s->addVar(v);
+  s->addVar(w);
+  RecordingAlgorithmI* rec = MakeRecorder(env);
+  rec->extract(s.getImpl());
+  v.end();
+  // removeVar(v): one notice per element it scanned, both about v.
+  EXPECT_EQ(std::count(rec->notices.begin(), rec->notices.end(), "QelSOS1RemoveVar"), 2);
+  EXPECT_EQ(s->getVarArray().getSize(), 1);
+  EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), 2);  // w and s
+  QelAlgorithm(rec).end();
+  vw.end();
+  env.end();
 }
