@@ -110,7 +110,8 @@ void BuildThenFree(benchmark::State& state) {
       blocks[static_cast<size_t>(i)] = p;
     }
     benchmark::DoNotOptimize(blocks.data());
-    for (int i = 0; i < n; ++i) a.free(blocks[static_cast<size_t>(i)], sizes[static_cast<size_t>(i)]);
+    for (int i = 0; i < n; ++i)
+      a.free(blocks[static_cast<size_t>(i)], sizes[static_cast<size_t>(i)]);
     benchmark::ClobberMemory();
   }
   state.SetItemsProcessed(state.iterations() * n);

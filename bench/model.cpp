@@ -312,12 +312,12 @@ int main(int argc, char** argv) {
   const long buildSizes[] = {10000, 20000, 100000, 200000, 1000000, 2000000};
   for (long n : buildSizes) {
     std::string w = "build" + Size(n);
-    benchmark::RegisterBenchmark((w + "/qel").c_str(),
-                                 [n](benchmark::State& s) { QelBuild(s, n); })
-        ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark((w + "/std_vector").c_str(),
-                                 [n](benchmark::State& s) { PlainBuild(s, n); })
-        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark((w + "/qel").c_str(), [n](benchmark::State& s) {
+      QelBuild(s, n);
+    })->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark((w + "/std_vector").c_str(), [n](benchmark::State& s) {
+      PlainBuild(s, n);
+    })->Unit(benchmark::kMillisecond);
   }
   goals.push_back({"build_n", "std_vector", 3.0});
   for (long n : {10000L, 100000L, 1000000L}) {
@@ -342,20 +342,17 @@ int main(int argc, char** argv) {
       benchmark::RegisterBenchmark((w + "/qel").c_str(), [n, pct](benchmark::State& s) {
         QelBulkRemove(s, n, pct);
       })->Unit(benchmark::kMicrosecond);
-      benchmark::RegisterBenchmark((w + "/erase_remove_if").c_str(),
-                                   [n, pct](benchmark::State& s) {
-                                     StdEraseRemoveIf(s, n, pct);
-                                   })
-          ->Unit(benchmark::kMicrosecond);
+      benchmark::RegisterBenchmark((w + "/erase_remove_if").c_str(), [n, pct](benchmark::State& s) {
+        StdEraseRemoveIf(s, n, pct);
+      })->Unit(benchmark::kMicrosecond);
       long k = Count(n, pct);
       // k single removes walk the list each: quadratic, so only where a run
       // stays short.
       if (n * k <= 100000000L) {
-        benchmark::RegisterBenchmark((w + "/single_removes").c_str(),
-                                     [n, pct](benchmark::State& s) {
-                                       QelSingleRemoves(s, n, pct);
-                                     })
-            ->Unit(benchmark::kMicrosecond);
+        benchmark::RegisterBenchmark((w + "/single_removes").c_str(), [n,
+                                                                       pct](benchmark::State& s) {
+          QelSingleRemoves(s, n, pct);
+        })->Unit(benchmark::kMicrosecond);
         if (k >= 100) goals.push_back({w, "single_removes", 2.0 / static_cast<double>(k)});
       }
       goals.push_back({w, "erase_remove_if", 2.0});
@@ -385,19 +382,18 @@ int main(int argc, char** argv) {
         StdListIterate(s, n, ids);
       })->Unit(benchmark::kMicrosecond);
 #ifdef QEL_HAVE_BOOST
-      benchmark::RegisterBenchmark((w + "/intrusive_list").c_str(),
-                                   [n, ids](benchmark::State& s) {
-                                     IntrusiveListIterate(s, n, ids);
-                                   })
-          ->Unit(benchmark::kMicrosecond);
+      benchmark::RegisterBenchmark((w + "/intrusive_list").c_str(), [n, ids](benchmark::State& s) {
+        IntrusiveListIterate(s, n, ids);
+      })->Unit(benchmark::kMicrosecond);
 #endif
     }
   }
 #ifdef QEL_HAVE_BOOST
   goals.push_back({"iterate_", "intrusive_list", 1.1});
 #else
-  std::printf("Boost headers not found at configure time: the boost::intrusive::list "
-              "contender of the iteration workloads is skipped.\n");
+  std::printf(
+      "Boost headers not found at configure time: the boost::intrusive::list "
+      "contender of the iteration workloads is skipped.\n");
 #endif
 
   // Cloning.

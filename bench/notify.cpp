@@ -175,11 +175,10 @@ int main(int argc, char** argv) {
   std::vector<qelbench::Check> checks;
   for (const char* w : {"notify", "setsense"}) {
     std::string workload = w;
-    checks.push_back({workload + ": qel ns per listener, (t16 - t0) / 16",
-                      [workload](const qelbench::Times& t) {
-                        return Slope(t, workload.c_str(), "qel");
-                      },
-                      qelbench::Times::Missing()});
+    checks.push_back(
+        {workload + ": qel ns per listener, (t16 - t0) / 16",
+         [workload](const qelbench::Times& t) { return Slope(t, workload.c_str(), "qel"); },
+         qelbench::Times::Missing()});
     checks.push_back({workload + ": std_function ns per listener, (t16 - t0) / 16",
                       [workload](const qelbench::Times& t) {
                         return Slope(t, workload.c_str(), "std_function");
@@ -191,11 +190,10 @@ int main(int argc, char** argv) {
                                Slope(t, workload.c_str(), "std_function");
                       },
                       1.5});
-    checks.push_back({workload + ": ns per notice with no listener (qel)",
-                      [workload](const qelbench::Times& t) {
-                        return t.time(workload + "_listeners0", "qel");
-                      },
-                      5.0});
+    checks.push_back(
+        {workload + ": ns per notice with no listener (qel)",
+         [workload](const qelbench::Times& t) { return t.time(workload + "_listeners0", "qel"); },
+         5.0});
   }
   return qelbench::RunWithRatios(argc, argv,
                                  {{"notify_listeners1", "std_function", 1.5},

@@ -95,8 +95,8 @@ class RatioReporter : public benchmark::ConsoleReporter, public Times {
 
   void Finalize() override {
     ConsoleReporter::Finalize();
-    std::printf("\n%-44s %-16s %10s %10s %10s  %s\n", "workload", "vs", "ratio",
-                "speedup", "goal", "verdict");
+    std::printf("\n%-44s %-16s %10s %10s %10s  %s\n", "workload", "vs", "ratio", "speedup", "goal",
+                "verdict");
     std::map<std::string, bool> seen;
     for (const std::string& w : _order) {
       if (seen[w]) continue;
@@ -109,11 +109,11 @@ class RatioReporter : public benchmark::ConsoleReporter, public Times {
         double ratio = q->second / t;
         const Goal* g = goalFor(w, contender);
         if (g != nullptr)
-          std::printf("%-44s %-16s %10.4g %10.4g %10.4g  %s\n", w.c_str(), contender.c_str(),
-                      ratio, 1 / ratio, g->maxRatio, ratio <= g->maxRatio ? "met" : "MISSED");
+          std::printf("%-44s %-16s %10.4g %10.4g %10.4g  %s\n", w.c_str(), contender.c_str(), ratio,
+                      1 / ratio, g->maxRatio, ratio <= g->maxRatio ? "met" : "MISSED");
         else
-          std::printf("%-44s %-16s %10.4g %10.4g %10s\n", w.c_str(), contender.c_str(),
-                      ratio, 1 / ratio, "-");
+          std::printf("%-44s %-16s %10.4g %10.4g %10s\n", w.c_str(), contender.c_str(), ratio,
+                      1 / ratio, "-");
       }
     }
     if (_checks.empty()) return;
@@ -125,23 +125,27 @@ class RatioReporter : public benchmark::ConsoleReporter, public Times {
         continue;
       }
       if (std::isnan(v)) {
-        std::printf("%-62s %12s %10s%.4g  %s\n", c.label.c_str(), "-", c.atLeast ? ">=" : "<=",
-                    c.limit, "not run");
+        std::printf("%-62s %12s %10s%.4g  %s\n", c.label.c_str(), "-",
+                    c.atLeast ? ">=" : "<=", c.limit, "not run");
         continue;
       }
       bool met = c.atLeast ? v >= c.limit : v <= c.limit;
-      std::printf("%-62s %12.4g %10s%.4g  %s\n", c.label.c_str(), v, c.atLeast ? ">=" : "<=",
-                  c.limit, met ? "met" : "MISSED");
+      std::printf("%-62s %12.4g %10s%.4g  %s\n", c.label.c_str(), v,
+                  c.atLeast ? ">=" : "<=", c.limit, met ? "met" : "MISSED");
     }
   }
 
  private:
   static double Scale(benchmark::TimeUnit unit) {
     switch (unit) {
-      case benchmark::kSecond: return 1e9;
-      case benchmark::kMillisecond: return 1e6;
-      case benchmark::kMicrosecond: return 1e3;
-      default: return 1;
+      case benchmark::kSecond:
+        return 1e9;
+      case benchmark::kMillisecond:
+        return 1e6;
+      case benchmark::kMicrosecond:
+        return 1e3;
+      default:
+        return 1;
     }
   }
   const Goal* goalFor(const std::string& w, const std::string& contender) const {
@@ -166,8 +170,7 @@ inline bool HasFlag(int argc, char** argv, const char* flag) {
 /// `defaults` are flags used unless the command line sets the same flag
 /// (each a "--name=value" string).
 inline int RunWithRatios(int argc, char** argv, std::vector<Goal> goals,
-                         std::vector<Check> checks = {},
-                         std::vector<std::string> defaults = {}) {
+                         std::vector<Check> checks = {}, std::vector<std::string> defaults = {}) {
   std::vector<char*> args(argv, argv + argc);
   for (std::string& d : defaults) {
     std::string name = d.substr(0, d.find('='));
@@ -184,8 +187,8 @@ inline int RunWithRatios(int argc, char** argv, std::vector<Goal> goals,
 }
 
 /// Ratio of two timings (NaN when either is missing).
-inline std::function<double(const Times&)> TimeRatio(std::string w1, std::string c1,
-                                                     std::string w2, std::string c2) {
+inline std::function<double(const Times&)> TimeRatio(std::string w1, std::string c1, std::string w2,
+                                                     std::string c2) {
   return [=](const Times& t) { return t.time(w1, c1) / t.time(w2, c2); };
 }
 

@@ -76,9 +76,7 @@ void QelSingleEnds(benchmark::State& state, long n, long k) {
   });
 }
 
-std::string Name(long n, long k) {
-  return "end_n" + std::to_string(n) + "_k" + std::to_string(k);
-}
+std::string Name(long n, long k) { return "end_n" + std::to_string(n) + "_k" + std::to_string(k); }
 
 }  // namespace
 
@@ -102,11 +100,10 @@ int main(int argc, char** argv) {
   // Linear in n + k: n grows with k = n / 4 (half of the constraints), and k
   // grows with n fixed.
   for (long size : {20000L, 200000L, 2000000L}) {
-    benchmark::RegisterBenchmark((Name(size, size / 4) + "/qel").c_str(),
-                                 [size](benchmark::State& s) {
-                                   QelEndElements(s, size, size / 4);
-                                 })
-        ->Unit(benchmark::kMicrosecond);
+    benchmark::RegisterBenchmark((Name(size, size / 4) + "/qel").c_str(), [size](
+                                                                              benchmark::State& s) {
+      QelEndElements(s, size, size / 4);
+    })->Unit(benchmark::kMicrosecond);
   }
   for (long k : {100L, 10000L}) {
     benchmark::RegisterBenchmark((Name(200000, k) + "/qel").c_str(), [k](benchmark::State& s) {
@@ -114,11 +111,8 @@ int main(int argc, char** argv) {
     })->Unit(benchmark::kMicrosecond);
   }
   // Nanoseconds per unit of n + k, for every size: flat when linear.
-  for (const auto& sk : std::vector<std::pair<long, long>>{{20000, 5000},
-                                                             {200000, 50000},
-                                                             {2000000, 500000},
-                                                             {200000, 100},
-                                                             {200000, 10000}}) {
+  for (const auto& sk : std::vector<std::pair<long, long>>{
+           {20000, 5000}, {200000, 50000}, {2000000, 500000}, {200000, 100}, {200000, 10000}}) {
     // Plain copies: structured bindings cannot be captured before C++20.
     long size = sk.first;
     long k = sk.second;
@@ -134,9 +128,8 @@ int main(int argc, char** argv) {
   checks.push_back({Name(200000, 50000) + " / " + Name(20000, 5000),
                     qelbench::TimeRatio(Name(200000, 50000), "qel", Name(20000, 5000), "qel"),
                     qelbench::Times::Missing()});
-  checks.push_back(
-      {Name(2000000, 500000) + " / " + Name(200000, 50000),
-       qelbench::TimeRatio(Name(2000000, 500000), "qel", Name(200000, 50000), "qel"),
-       qelbench::Times::Missing()});
+  checks.push_back({Name(2000000, 500000) + " / " + Name(200000, 50000),
+                    qelbench::TimeRatio(Name(2000000, 500000), "qel", Name(200000, 50000), "qel"),
+                    qelbench::Times::Missing()});
   return qelbench::RunWithRatios(argc, argv, goals, checks, {"--benchmark_min_time=0.1"});
 }

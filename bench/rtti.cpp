@@ -10,11 +10,21 @@ namespace {
 
 // The library's identity: a chain of four classes under the notice root,
 // and a sibling of the first used for misses.
-class R1 : public QelRtti { QEL_RTTI_DECL(R1, QelRtti) };
-class R2 : public R1 { QEL_RTTI_DECL(R2, R1) };
-class R3 : public R2 { QEL_RTTI_DECL(R3, R2) };
-class R4 : public R3 { QEL_RTTI_DECL(R4, R3) };
-class ROther : public QelRtti { QEL_RTTI_DECL(ROther, QelRtti) };
+class R1 : public QelRtti {
+  QEL_RTTI_DECL(R1, QelRtti)
+};
+class R2 : public R1 {
+  QEL_RTTI_DECL(R2, R1)
+};
+class R3 : public R2 {
+  QEL_RTTI_DECL(R3, R2)
+};
+class R4 : public R3 {
+  QEL_RTTI_DECL(R4, R3)
+};
+class ROther : public QelRtti {
+  QEL_RTTI_DECL(ROther, QelRtti)
+};
 QEL_RTTI_DEF(R1)
 QEL_RTTI_DEF(R2)
 QEL_RTTI_DEF(R3)
@@ -22,7 +32,9 @@ QEL_RTTI_DEF(R4)
 QEL_RTTI_DEF(ROther)
 
 // The same shape with the compiler's identity.
-struct S0 { virtual ~S0() = default; };
+struct S0 {
+  virtual ~S0() = default;
+};
 struct S1 : S0 {};
 struct S2 : S1 {};
 struct S3 : S2 {};
@@ -36,10 +48,18 @@ std::vector<QelRtti*> QelObjects(int depth) {
   std::vector<QelRtti*> out;
   for (int i = 0; i < kObjects; ++i) {
     switch (depth) {
-      case 1: out.push_back(new R1()); break;
-      case 2: out.push_back(new R2()); break;
-      case 3: out.push_back(new R3()); break;
-      default: out.push_back(new R4()); break;
+      case 1:
+        out.push_back(new R1());
+        break;
+      case 2:
+        out.push_back(new R2());
+        break;
+      case 3:
+        out.push_back(new R3());
+        break;
+      default:
+        out.push_back(new R4());
+        break;
     }
   }
   return out;
@@ -49,10 +69,18 @@ std::vector<S0*> StdObjects(int depth) {
   std::vector<S0*> out;
   for (int i = 0; i < kObjects; ++i) {
     switch (depth) {
-      case 1: out.push_back(new S1()); break;
-      case 2: out.push_back(new S2()); break;
-      case 3: out.push_back(new S3()); break;
-      default: out.push_back(new S4()); break;
+      case 1:
+        out.push_back(new S1());
+        break;
+      case 2:
+        out.push_back(new S2());
+        break;
+      case 3:
+        out.push_back(new S3());
+        break;
+      default:
+        out.push_back(new S4());
+        break;
     }
   }
   return out;

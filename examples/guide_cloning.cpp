@@ -18,14 +18,14 @@ int main() {
   QelModel model(env, "plan");
   QelRange cap(env, 1, x + y, 8, "cap");
   QelExtractableArray pair(env, 2, x, y);
-  QelAllDiff distinct(env, QelIntExprArray(pair), "distinct");   // copies pair
+  QelAllDiff distinct(env, QelIntExprArray(pair), "distinct");  // copies pair
   pair.end();
   model.add(cap);
   model.add(distinct);
   QelInt bytesBefore = env.getImpl()->getBytesInUse();
 
   // guide: cloning a model
-  QelEnv other;                        // a second, independent environment
+  QelEnv other;  // a second, independent environment
   QelEnvI* target = other.getImpl();
   QelModel copy(static_cast<QelModelI*>(target->getClone(model.getImpl())));
   std::cout << copy;
@@ -41,18 +41,17 @@ int main() {
   Check(env.getImpl()->getBytesInUse() == bytesBefore, "the source is untouched");
 
   // guide: one copy operation
-  target->beginCopy();                 // clones made until endCopy share
+  target->beginCopy();  // clones made until endCopy share
   QelExtractableI* xc = target->getClone(x.getImpl());
   QelExtractableI* capc = target->getClone(cap.getImpl());
   QelExtractableI* again = target->getClone(x.getImpl());
   target->endCopy();
-  QelNumExpr::LinearIterator it =
-      QelRange(static_cast<QelRangeI*>(capc)).getLinearIterator();
+  QelNumExpr::LinearIterator it = QelRange(static_cast<QelRangeI*>(capc)).getLinearIterator();
   std::cout << (again == xc) << (it.getVar() == xc) << "\n";
   Expect(out.take(), "11\n", "one copy operation clones x once");
 
   // guide: separate copy operations
-  QelExtractableI* xc2 = target->getClone(x.getImpl());   // an operation of its own
+  QelExtractableI* xc2 = target->getClone(x.getImpl());  // an operation of its own
   std::cout << (xc2 == xc) << "\n";
   Expect(out.take(), "0\n", "a new operation clones x anew");
 
@@ -63,7 +62,7 @@ int main() {
   Expect(out.take(), "plan copy 1 <= x' + QelIntVar8 <= 8\n", "clones named afterwards");
 
   // guide: the environments stay independent
-  other.end();                         // every clone goes with it
+  other.end();  // every clone goes with it
   std::cout << model;
   Expect(out.take(),
          "QelModel plan = {\n"

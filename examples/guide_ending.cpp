@@ -33,10 +33,10 @@ void EndOneVariable(bool oneByOne, const std::string& notices, const std::string
   QelIntVarArray v(env, 3, 0, 9);
   v.setNames("v");
   QelModel model(env, "m");
-  QelRange r(env, 0, v[0] + v[1], 8, "r");   // over v(0), through a term
-  QelRange s(env, 0, v[1] + v[2], 5, "s");   // not over v(0)
-  QelAllDiff ad(env, v, "ad");               // over all three
-  QelAllMinDistance md(env, v, 2, "md");     // over all three
+  QelRange r(env, 0, v[0] + v[1], 8, "r");  // over v(0), through a term
+  QelRange s(env, 0, v[1] + v[2], 5, "s");  // not over v(0)
+  QelAllDiff ad(env, v, "ad");              // over all three
+  QelAllMinDistance md(env, v, 2, "md");    // over all three
   QelExtractableArray members(env, 4, r, s, ad, md);
   model.add(members);
   members.end();
@@ -45,7 +45,7 @@ void EndOneVariable(bool oneByOne, const std::string& notices, const std::string
 
   if (oneByOne) {
     // guide: setting the one-by-one flag
-    env.getImpl()->setOneByOne(1);     // before the removal starts
+    env.getImpl()->setOneByOne(1);  // before the removal starts
   }
 
   // guide: ending a variable
@@ -111,14 +111,14 @@ int main() {
   long live = env.getImpl()->getNumberOfExtractables();
 
   // guide: shared expressions
-  QelIntExpr sum = x + y;              // one term, used by two ranges
+  QelIntExpr sum = x + y;  // one term, used by two ranges
   QelRange low(env, 0, sum, 5);
   QelRange high(env, 3, sum, 9);
-  low.end();                           // sum is still used by high
+  low.end();  // sum is still used by high
   std::cout << sum.getImpl()->getUseCount() << "\n";
-  high.end();                          // the last use goes: sum ends too
-  QelIntExpr unused = x + 1;           // never used by anything ...
-  unused.end();                        // ... so it is ours to end
+  high.end();                 // the last use goes: sum ends too
+  QelIntExpr unused = x + 1;  // never used by anything ...
+  unused.end();               // ... so it is ours to end
   Expect(out.take(), "1\n", "the use count");
   Check(env.getImpl()->getNumberOfExtractables() == live, "every term ended");
   Check(env.getImpl()->getBytesInUse() == start, "every byte back");
@@ -129,21 +129,21 @@ int main() {
   QelRange r(env, 0, x, 3, "r");
   m1.add(r);
   m2.add(r);
-  r.removeFromAll();                   // out of m1 and m2, still alive
+  r.removeFromAll();  // out of m1 and m2, still alive
   std::cout << m1 << m2 << r << "\n";
   Expect(out.take(), "QelModel m1 = {\n}\nQelModel m2 = {\n}\n0 <= x <= 3\n", "removeFromAll");
 
   // guide: ending together
   QelExtractableArray group(env, 3, m1, m2, r);
-  group.endElements();                 // one pass over the environment
+  group.endElements();  // one pass over the environment
   std::cout << group.getSize() << "\n";
-  group.end();                         // the array itself is ours to end
+  group.end();  // the array itself is ours to end
   Expect(out.take(), "0\n", "endElements empties the array");
   Check(env.getImpl()->getNumberOfExtractables() == live, "the group ended");
 
   // guide: ending the environment
   QelModel last(env, "last");
   last.add(QelRange(env, 0, x + y, 1));
-  env.end();                           // no object is ended one by one
+  env.end();  // no object is ended one by one
   return guide::Result();
 }

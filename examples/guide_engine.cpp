@@ -49,7 +49,7 @@ void* UnextractRange(QelAlgorithm a, const QelRangeI* r, void*) {
 
 // guide: the notice hooks
 QelInt AddOneToModel(QelAlgorithm a, const QelAddOneToModel* n, void*) {
-  a.getImpl()->record(n->getMember());       // hear the member's own notices
+  a.getImpl()->record(n->getMember());  // hear the member's own notices
   n->getMember()->extractToCP(a);
   return 0;
 }
@@ -65,12 +65,12 @@ QelInt Destroyed(QelAlgorithm a, const QelDestroyExtractable* n, void*) {
 }
 template <class N>
 QelInt Ignore(QelAlgorithm, const N*, void*) {
-  return 0;                                  // a notice this engine does not need
+  return 0;  // a notice this engine does not need
 }
 
 // guide: filling the slots
 void LoadToyEngine() {
-  QelForEachNoticeClass([](auto tag) {       // every notice slot first
+  QelForEachNoticeClass([](auto tag) {  // every notice slot first
     using N = typename decltype(tag)::Type;
     N::_applyCP = &Ignore<N>;
   });
@@ -112,7 +112,7 @@ int main() {
   QelAlgorithm bare(env);
   bare.getImpl()->useHooks();
   try {
-    bare.extract(plain);               // QelModelI::_extractCP is empty
+    bare.extract(plain);  // QelModelI::_extractCP is empty
   } catch (const QelAlgorithm::ExtractFailure&) {
     std::cout << "no engine for QelModelI\n";
   }
@@ -120,27 +120,27 @@ int main() {
   Expect(out.take(), "no engine for QelModelI\n", "an empty slot");
 
   // guide: using the engine
-  LoadToyEngine();                     // once, before any extraction
+  LoadToyEngine();  // once, before any extraction
   QelModel model(env, "m");
   QelRange a(env, 0, x + y, 8, "a");
   model.add(a);
   ToyEngine* engine = QelNewObject<ToyEngine>(env.getImpl(), env.getImpl());
-  engine->extract(model.getImpl());    // records, then ExtractModel
+  engine->extract(model.getImpl());  // records, then ExtractModel
   QelRange b(env, 1, x - y, 4, "b");
-  model.add(b);                        // AddOneToModel
-  model.remove(a);                     // RemoveFromModel
+  model.add(b);     // AddOneToModel
+  model.remove(a);  // RemoveFromModel
   engine->print();
   Expect(out.take(), "1 <= x - y <= 4\n", "the engine follows the model");
 
   // guide: ending what an engine extracted
-  x.end();                             // ends b (over x): Destroyed drops its row
+  x.end();  // ends b (over x): Destroyed drops its row
   std::cout << engine->rows.size() << "\n";
   Expect(out.take(), "0\n", "the engine dropped the ended range");
 
   // guide: an unsupported class
   QelDiff d(env, y, 3.0);
   try {
-    model.add(d);                      // QelDiffI::_extractCP is empty
+    model.add(d);  // QelDiffI::_extractCP is empty
   } catch (const QelAlgorithm::ExtractFailure&) {
     std::cout << "the engine cannot take a QelDiffI\n";
   }

@@ -37,7 +37,7 @@ class Recorder : public QelAlgorithmI {
     notices.push_back(c.getRttiTypeName());
     if (const auto* named = QelDynamicCast<const QelSetNameChange>(&c))
       renamed.push_back(named->getChangedExtractable());
-    QelAlgorithmI::notifyChange(x, c);   // on to the visitor
+    QelAlgorithmI::notifyChange(x, c);  // on to the visitor
   }
   std::vector<std::string> notices;
   std::vector<const QelExtractableI*> renamed;
@@ -69,13 +69,13 @@ int main() {
 
   // guide: extracting with a visitor
   QelModel model(env, "m");
-  Printer printer;                     // stays ours; outlives the algorithm
+  Printer printer;  // stays ours; outlives the algorithm
   QelAlgorithm listener(env);
   listener.getImpl()->setChangeVisitor(&printer);
-  listener.extract(model);             // from now on, m's changes reach it
-  model.add(c1);                       // QelAddOneToModel
-  model.add(QelExtractableArray(env, 2, c2, c3));   // QelAddToModel
-  model.remove(c2);                    // QelRemoveFromModel
+  listener.extract(model);                         // from now on, m's changes reach it
+  model.add(c1);                                   // QelAddOneToModel
+  model.add(QelExtractableArray(env, 2, c2, c3));  // QelAddToModel
+  model.remove(c2);                                // QelRemoveFromModel
   Expect(out.take(),
          "added c1 to m\n"
          "added c2 to m\n"
@@ -92,11 +92,11 @@ int main() {
   // guide: a recording algorithm in use
   Recorder* rec = QelNewObject<Recorder>(env.getImpl(), env.getImpl());
   rec->extract(model.getImpl());
-  c1.setName("capacity");              // no visitor call: a name is no structure
+  c1.setName("capacity");  // no visitor call: a name is no structure
   QelObjective cost(env, x + y, QelObjective::Minimize, "cost");
   model.add(cost);
-  cost.setLinearCoef(y, 0);            // y leaves the objective
-  cost.setLinearCoef(y, 2);            // y enters it again
+  cost.setLinearCoef(y, 0);  // y leaves the objective
+  cost.setLinearCoef(y, 2);  // y enters it again
   cost.setSense(QelObjective::Maximize);
   std::cout << Join(rec->notices) << "\n";
   Expect(out.take(),
@@ -110,17 +110,17 @@ int main() {
   // guide: notices about objects not extracted
   rec->notices.clear();
   QelRange alone(env, 0, y, 1, "alone");
-  alone.setName("lonely");             // no algorithm extracted it
+  alone.setName("lonely");  // no algorithm extracted it
   Check(rec->notices.empty(), "nothing extracted, nothing heard");
 
   // guide: stopping
-  rec->unextract(model.getImpl());     // m's own changes no longer reach it
-  listener.end();                      // detached from the environment
+  rec->unextract(model.getImpl());  // m's own changes no longer reach it
+  listener.end();                   // detached from the environment
   model.add(alone);
   Check(rec->notices.empty(), "nothing heard after unextract and end");
   Expect(out.take(), "", "nobody prints after stopping");
 
-  delete rec;                          // an algorithm placed with QelNewObject
+  delete rec;  // an algorithm placed with QelNewObject
   env.end();
   return guide::Result();
 }

@@ -24,7 +24,7 @@ class CountingAllocator : public QelCustomAllocatorI {
     bytes -= static_cast<long>(size);
     std::free(p);
   }
-  void flush() override { ++flushes; }   // the environment is ending
+  void flush() override { ++flushes; }  // the environment is ending
   long blocks = 0;
   long bytes = 0;
   int flushes = 0;
@@ -47,13 +47,12 @@ int main() {
     QelModel model(env, "m");
     QelIntVar x(env, 0, 10, "x");
     model.add(QelRange(env, 0, 2 * x, 10));
-    std::cout << e->getNumberOfExtractables() << " objects, "
-              << (e->getBytesInUse() > before) << (e->getBytesObtained() >= e->getBytesInUse())
-              << "\n";
-    x.end();                           // ends the term and the range too
+    std::cout << e->getNumberOfExtractables() << " objects, " << (e->getBytesInUse() > before)
+              << (e->getBytesObtained() >= e->getBytesInUse()) << "\n";
+    x.end();  // ends the term and the range too
     model.end();
-    std::cout << e->getNumberOfExtractables() << " objects, "
-              << e->getBytesInUse() - before << " bytes\n";
+    std::cout << e->getNumberOfExtractables() << " objects, " << e->getBytesInUse() - before
+              << " bytes\n";
     env.end();
     Expect(out.take(), "4 objects, 11\n0 objects, 0 bytes\n", "the statistics");
   }
@@ -67,7 +66,7 @@ int main() {
     QelExtractableArray pair(env, 2, x, y);
     QelIntArray sizes(env, 2);
     QelModel model(env, "m");
-    model.add(pair);                   // the model keeps the members, not the array
+    model.add(pair);  // the model keeps the members, not the array
     pair.end();
     sizes.end();
     model.end();
@@ -78,11 +77,11 @@ int main() {
 
   {
     // guide: one allocator thread
-    QelEnv env;                        // this thread is its allocator thread
+    QelEnv env;  // this thread is its allocator thread
     bool refused = false;
     std::thread other([&] {
       try {
-        QelIntVar z(env, 0, 1, "z");   // allocates in env: refused here
+        QelIntVar z(env, 0, 1, "z");  // allocates in env: refused here
       } catch (const QelEnvAllocatorThreadMismatch&) {
         refused = true;
       }
@@ -93,12 +92,12 @@ int main() {
 
     // guide: handing an environment over
     std::thread worker([&] {
-      env.getImpl()->setAllocatorThread();     // the worker takes env over
+      env.getImpl()->setAllocatorThread();  // the worker takes env over
       QelIntVar z(env, 0, 1, "z");
       z.end();
     });
     worker.join();
-    env.getImpl()->setAllocatorThread();       // and this thread takes it back
+    env.getImpl()->setAllocatorThread();  // and this thread takes it back
     Check(env.getImpl()->getNumberOfExtractables() == 0, "the worker's variable ended");
 
     // guide: switching allocation off
@@ -119,7 +118,7 @@ int main() {
     QelEnvI::Mutex = &typeIndexLock;   // before the threads start
     long counts[2] = {0, 0};
     auto work = [&counts](int k) {
-      QelEnv env;                      // made, used and ended by this thread
+      QelEnv env;  // made, used and ended by this thread
       QelIntVarArray v(env, 100, 0, 9);
       QelModel m(env);
       m.add(QelAllDiff(env, v));
@@ -131,20 +130,20 @@ int main() {
     std::thread t1(work, 1);
     t0.join();
     t1.join();
-    QelEnvI::Mutex = nullptr;          // after they have all ended
+    QelEnvI::Mutex = nullptr;  // after they have all ended
     std::cout << counts[0] << " " << counts[1] << "\n";
     Expect(out.take(), "102 102\n", "one environment per thread");
   }
 
   {
     // guide: installing a custom allocator
-    CountingAllocator counting;        // outlives the environment
+    CountingAllocator counting;  // outlives the environment
     QelEnv env;
-    env.getImpl()->setCustomAllocator(&counting);   // before any object
+    env.getImpl()->setCustomAllocator(&counting);  // before any object
     QelIntVar x(env, 0, 10, "x");
     QelRange r(env, 0, x + 1, 5, "r");
     std::cout << (counting.blocks > 0) << " " << env.getImpl()->getBytesInUse() << "\n";
-    x.end();                           // x, the term and r go back to it
+    x.end();  // x, the term and r go back to it
     std::cout << counting.blocks << " " << counting.bytes << "\n";
     env.end();
     std::cout << counting.flushes << "\n";
@@ -154,7 +153,7 @@ int main() {
   {
     // guide: one block at a time
     QelEnvConfig config;
-    config.freeLists = false;          // each small block obtained singly
+    config.freeLists = false;  // each small block obtained singly
     QelEnv env(config);
     QelIntVar x(env, 0, 10, "x");
     std::cout << (env.getImpl()->getBytesObtained() == env.getImpl()->getBytesInUse()) << "\n";

@@ -13,13 +13,13 @@ int main() {
   guide::Section("Building a model");
   guide::Capture out;
   // guide: building a model
-  QelEnv env;                          // owns the memory of every object below
-  QelIntVar x(env, 0, 10, "x");        // integer variables with bounds
+  QelEnv env;                    // owns the memory of every object below
+  QelIntVar x(env, 0, 10, "x");  // integer variables with bounds
   QelIntVar y(env, 0, 10, "y");
-  QelNumVar z(env, 0.0, 1.5, "z");     // a float variable
+  QelNumVar z(env, 0.0, 1.5, "z");  // a float variable
   QelModel model(env, "plan");
-  QelRange cap(env, 1, x + y, 8, "cap");          // 1 <= x + y <= 8
-  QelDiff notThree(env, x, 3.0);                  // x != 3
+  QelRange cap(env, 1, x + y, 8, "cap");  // 1 <= x + y <= 8
+  QelDiff notThree(env, x, 3.0);          // x != 3
   QelObjective cost(env, 2 * x + y + z, QelObjective::Minimize, "cost");
   model.add(cap);
   model.add(notThree);
@@ -43,7 +43,7 @@ int main() {
         "sum is an integer expression, mixed is not");
 
   // guide: values
-  QelAlgorithm values(env);            // holds one value per variable
+  QelAlgorithm values(env);  // holds one value per variable
   values.setValue(x, 3);
   values.setValue(y, 4);
   values.setValue(z, 1.0);
@@ -52,22 +52,22 @@ int main() {
   Expect(out.take(), "9 12.5\n1 0\n", "the values and the constraint checks");
 
   // guide: arrays of members
-  QelIntVarArray v(env, 3, 0, 9);      // three new integer variables
-  v.setNames("v");                     // v(0), v(1), v(2)
+  QelIntVarArray v(env, 3, 0, 9);  // three new integer variables
+  v.setNames("v");                 // v(0), v(1), v(2)
   QelAllDiff distinct(env, v, "distinct");
   QelRange total(env, 0, QelSum(v), 12, "total");
   QelExtractableArray more(env, 2, distinct, total);
-  model.add(more);                     // one notice for the whole array
-  more.end();                          // the array is ours; the members stay
+  model.add(more);  // one notice for the whole array
+  more.end();       // the array is ours; the members stay
   long members = 0;
   for (QelModel::Iterator it(model); it.ok(); ++it) ++members;
   std::cout << members << " members\n";
   Expect(out.take(), "5 members\n", "the member count");
 
   // guide: removing members
-  model.remove(notThree);              // its first occurrence
+  model.remove(notThree);  // its first occurrence
   QelExtractableArray gone(env, 2, cap, total);
-  model.remove(gone);                  // several in one sweep
+  model.remove(gone);  // several in one sweep
   gone.end();
   std::cout << model;
   Expect(out.take(),
@@ -92,6 +92,6 @@ int main() {
 
   values.end();
   v.end();
-  env.end();                           // every object above goes with it
+  env.end();  // every object above goes with it
   return guide::Result();
 }

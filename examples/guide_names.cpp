@@ -16,16 +16,16 @@ int main() {
   QelEnv env;
 
   // guide: names
-  QelIntVar x(env, 0, 10);             // no name yet
-  QelIntVar y(env, 0, 10, "y");        // named at construction, no notice
+  QelIntVar x(env, 0, 10);       // no name yet
+  QelIntVar y(env, 0, 10, "y");  // named at construction, no notice
   std::cout << (x.getName() == nullptr) << " " << x << " " << y << "\n";
-  x.setName("x");                      // a copy is stored; QelSetNameChange
+  x.setName("x");  // a copy is stored; QelSetNameChange
   std::cout << x.getName() << " " << x + y << "\n";
   Expect(out.take(), "1 QelIntVar0 y\nx x + y\n", "names");
 
   // guide: array names
   QelIntVarArray v(env, 3, 0, 5);
-  v.setNames("v");                     // one QelSetNameArrayChange for all
+  v.setNames("v");  // one QelSetNameArrayChange for all
   std::cout << v[0] << " " << v[2] << "\n";
   Expect(out.take(), "v(0) v(2)\n", "array names");
 
@@ -33,13 +33,12 @@ int main() {
   QelExtractableI* xi = x.getImpl();
   xi->setIntProperty("priority", 3);
   xi->setNumProperty("weight", 0.5);
-  xi->setStringProperty("label", "capacity row");   // the text is copied
-  xi->setIntProperty("priority", 4);                // replaces the value
-  std::cout << xi->getIntProperty("priority") << " "
-            << xi->getNumProperty("weight") << " "
+  xi->setStringProperty("label", "capacity row");  // the text is copied
+  xi->setIntProperty("priority", 4);               // replaces the value
+  std::cout << xi->getIntProperty("priority") << " " << xi->getNumProperty("weight") << " "
             << xi->getStringProperty("label") << "\n";
   try {
-    xi->getNumProperty("priority");    // an integer property
+    xi->getNumProperty("priority");  // an integer property
   } catch (const QelNamedPropertySet::BadType& e) {
     std::cout << "BadType: " << e.getMessage() << "\n";
   }
@@ -58,8 +57,7 @@ int main() {
          "properties");
 
   // guide: walking properties
-  for (QelNamedPropertyI* p = xi->getProperties()->getFirst(); p != nullptr;
-       p = p->getNext())
+  for (QelNamedPropertyI* p = xi->getProperties()->getFirst(); p != nullptr; p = p->getNext())
     std::cout << p->getName() << " ";
   std::cout << "\n";
   Check(xi->getProperties()->getSize() == 2, "two properties left");
@@ -69,10 +67,9 @@ int main() {
   struct RowInfo {
     int row;
   } info{7};
-  xi->setLocation(__FILE__, __LINE__);    // where the object was made
-  xi->setObject(&info);                   // any pointer; stays the caller's
-  std::cout << static_cast<RowInfo*>(xi->getObject())->row << " "
-            << (xi->getLine() > 0) << "\n";
+  xi->setLocation(__FILE__, __LINE__);  // where the object was made
+  xi->setObject(&info);                 // any pointer; stays the caller's
+  std::cout << static_cast<RowInfo*>(xi->getObject())->row << " " << (xi->getLine() > 0) << "\n";
   Expect(out.take(), "7 1\n", "location and user object");
   Check(std::strstr(xi->getFile(), "guide_names.cpp") != nullptr, "the file is kept");
 
@@ -80,7 +77,7 @@ int main() {
   QelInt before = env.getImpl()->getBytesInUse();
   QelIntVar tmp(env, 0, 1, "a rather long name for a temporary variable");
   tmp.getImpl()->setIntProperty("scratch", 1);
-  tmp.end();                           // name and properties go with it
+  tmp.end();  // name and properties go with it
   Check(env.getImpl()->getBytesInUse() == before, "name and properties released");
 
   v.end();

@@ -18,7 +18,7 @@ int main() {
   QelIntVar y(env, 0, 10, "y");
 
   // guide: printing objects
-  QelIntVar unnamed(env, 0, 1);        // ids count from 0: x, y, unnamed, m
+  QelIntVar unnamed(env, 0, 1);  // ids count from 0: x, y, unnamed, m
   QelModel m(env);
   QelRange r(env, 0, 3 * x - 2 * y + 1, 5);
   m.add(r);
@@ -58,7 +58,7 @@ int main() {
   QelMultiCriterionExpr lex = QelStaticLex(env, x, y);
   std::cout << lex << "\n";
   QelObjective both = QelMinimize(env, lex, "both");
-  lex.end();                           // the objective keeps its own copy
+  lex.end();  // the objective keeps its own copy
   std::cout << both;
   Expect(out.take(),
          "cost = (x + 2 * y, QelObjective, Maximize);\n"

@@ -80,7 +80,8 @@ struct Problem {
       lambda.setNames(("lambda" + bin).c_str());
       QelNumVar cost(env, 0, 10, ("cost" + bin).c_str());
       cheapest.add(QelRange(env, 1, QelSum(lambda), 1, ("convex" + bin).c_str()));
-      cheapest.add(QelRange(env, 0, load[j] - QelScalProd(lambda, xs), 0, ("loadAt" + bin).c_str()));
+      cheapest.add(
+          QelRange(env, 0, load[j] - QelScalProd(lambda, xs), 0, ("loadAt" + bin).c_str()));
       cheapest.add(QelRange(env, 0, cost - QelScalProd(lambda, ys), 0, ("costAt" + bin).c_str()));
       QelSOS2 pieces(env, ("pieces" + bin).c_str());
       for (int k = 0; k < 4; ++k) {
@@ -117,8 +118,8 @@ bool Solve(QelEngine engine, const Problem& p, const QelModel& model) {
   QelEngineStatus status = engine.solve();
   std::cout << "   status " << status << "\n";
   if (!engine.getImpl()->hasSolution()) return false;
-  std::cout << "   objective " << engine.getObjValue() << ", bins used "
-            << engine.getValue(p.used) << "\n";
+  std::cout << "   objective " << engine.getObjValue() << ", bins used " << engine.getValue(p.used)
+            << "\n";
   for (int j = 0; j < Bins; ++j) {
     std::cout << "   bin " << j << " (load " << engine.getValue(p.load[j]) << "):";
     for (int i = 0; i < Items; ++i)
@@ -131,7 +132,8 @@ bool Solve(QelEngine engine, const Problem& p, const QelModel& model) {
     QelExtractableI* c = (*it).getImpl();
     if (QelDynamicCast<QelPackI>(c) != nullptr) continue;  // no eval of its own
     double satisfied = static_cast<QelConstraintI*>(c)->eval(engine);
-    std::cout << "   " << c->getName() << " satisfied: " << (satisfied == 1.0 ? "yes" : "NO") << "\n";
+    std::cout << "   " << c->getName() << " satisfied: " << (satisfied == 1.0 ? "yes" : "NO")
+              << "\n";
     ok = ok && satisfied == 1.0;
   }
   return ok;

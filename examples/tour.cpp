@@ -139,8 +139,8 @@ int main() {
   values.setValue(v[0], 1);
   values.setValue(v[1], 2);
   values.setValue(v[2], 2);
-  std::cout << "with v = (1, 2, 2): diff holds " << diff->eval(values)
-            << ", alldiff holds " << allDiff->eval(values) << "\n";
+  std::cout << "with v = (1, 2, 2): diff holds " << diff->eval(values) << ", alldiff holds "
+            << allDiff->eval(values) << "\n";
 
   Step("Removing a variable from the set: one notice per element scanned");
   listener->extract(sos.getImpl());

@@ -72,15 +72,28 @@ constexpr long kMaxObjects = 48;
 // ---- the account ---------------------------------------------------------
 
 enum class Kind {
-  IntVar, BoolVar, FloatVar, NumTerm, IntTerm, Product,
-  Range, Diff, AllDiff, AllMin, Pack, SOS1, SOS2, Objective, Lex, Model
+  IntVar,
+  BoolVar,
+  FloatVar,
+  NumTerm,
+  IntTerm,
+  Product,
+  Range,
+  Diff,
+  AllDiff,
+  AllMin,
+  Pack,
+  SOS1,
+  SOS2,
+  Objective,
+  Lex,
+  Model
 };
 
 const char* KindName(Kind k) {
-  static const char* const names[] = {"IntVar",  "BoolVar", "FloatVar", "NumTerm",  "IntTerm",
-                                      "Product", "Range",   "Diff",     "AllDiff",  "AllMin",
-                                      "Pack",    "SOS1",    "SOS2",     "Objective", "Lex",
-                                      "Model"};
+  static const char* const names[] = {
+      "IntVar",  "BoolVar", "FloatVar", "NumTerm", "IntTerm", "Product",   "Range", "Diff",
+      "AllDiff", "AllMin",  "Pack",     "SOS1",    "SOS2",    "Objective", "Lex",   "Model"};
   return names[static_cast<int>(k)];
 }
 
@@ -106,7 +119,7 @@ struct Obj {
   int kept = -1;                          // objectives: the expression kept
   bool named = false;
   std::string name;
-  bool propertySet = false;               // a property set was ever made
+  bool propertySet = false;  // a property set was ever made
   std::map<std::string, QelInt> props;
 };
 
@@ -168,22 +181,25 @@ class Listener : public QelAlgorithmI {
     } else if (cls == "QelDestroyExtractable") {
       heard.push_back({"Destroy", c.getChangedExtractable()});
     } else if (cls == "QelDestroyExtractableArray") {
-      for (const void* e : Elements(c.getChangedExtractableArray())) heard.push_back({"Destroy", e});
+      for (const void* e : Elements(c.getChangedExtractableArray()))
+        heard.push_back({"Destroy", e});
     } else if (cls == "QelSetNameArrayChange") {
       heard.push_back({cls, nullptr, nullptr, Elements(c.getChangedExtractableArray())});
     } else if (cls == "QelAddOneToModel") {
-      heard.push_back({cls, c.getChangedExtractable(),
-                       static_cast<const QelAddOneToModel&>(c).getMember()});
+      heard.push_back(
+          {cls, c.getChangedExtractable(), static_cast<const QelAddOneToModel&>(c).getMember()});
     } else if (cls == "QelAddToModel" || cls == "QelRemoveFromModel") {
       heard.push_back({cls, c.getChangedExtractable(), nullptr,
                        Elements(static_cast<const QelModelArrayNotice&>(c).getMembers())});
     } else if (cls == "QelSetObjCoef") {
-      heard.push_back({cls, c.getChangedExtractable(), static_cast<const QelSetObjCoef&>(c).getVar()});
+      heard.push_back(
+          {cls, c.getChangedExtractable(), static_cast<const QelSetObjCoef&>(c).getVar()});
     } else if (cls == "QelSetObjQuadCoef") {
       const auto& q = static_cast<const QelSetObjQuadCoef&>(c);
       heard.push_back({cls, c.getChangedExtractable(), nullptr, {q.getVar1(), q.getVar2()}});
     } else if (cls == "QelAllDiffRemoveVar") {
-      heard.push_back({cls, c.getChangedExtractable(), static_cast<const QelAllDiffRemoveVar&>(c).getExpr()});
+      heard.push_back(
+          {cls, c.getChangedExtractable(), static_cast<const QelAllDiffRemoveVar&>(c).getExpr()});
     } else if (c.isType(QelAddExtractable::GetTypeInfo())) {
       const auto& column = static_cast<const QelAddExtractable&>(c);
       heard.push_back({cls, column.what(), column.getObj()});
@@ -427,8 +443,8 @@ class Run {
           Obj& o = at(i);
           if (!o.alive || marked.count(i) != 0) continue;
           std::vector<int> subs = subsOf(o);
-          bool hit = std::any_of(subs.begin(), subs.end(),
-                                 [&](int s) { return marked.count(s) != 0; });
+          bool hit =
+              std::any_of(subs.begin(), subs.end(), [&](int s) { return marked.count(s) != 0; });
           if (!hit) continue;
           switch (o.kind) {
             case Kind::Model:
@@ -449,8 +465,8 @@ class Run {
                   // removeVar: one notice per element scanned, and the weight
                   // at the variable's place goes with it.
                   for (size_t n = 0; n < o.held.size(); ++n)
-                    expectHeard({o.kind == Kind::SOS1 ? "QelSOS1RemoveVar" : "QelSOS2RemoveVar",
-                                 o.impl});
+                    expectHeard(
+                        {o.kind == Kind::SOS1 ? "QelSOS1RemoveVar" : "QelSOS2RemoveVar", o.impl});
                   removeFromSet(o, v);
                 } else {
                   o.held.erase(std::remove(o.held.begin(), o.held.end(), v), o.held.end());
@@ -500,9 +516,9 @@ class Run {
   }
 
   static void dropMarked(Obj& o, const std::set<int>& marked) {
-    o.held.erase(std::remove_if(o.held.begin(), o.held.end(),
-                                [&](int s) { return marked.count(s) != 0; }),
-                 o.held.end());
+    o.held.erase(
+        std::remove_if(o.held.begin(), o.held.end(), [&](int s) { return marked.count(s) != 0; }),
+        o.held.end());
   }
 
   // removeVar of a set: every place of `v`, last first, with the weight at
@@ -613,7 +629,7 @@ class Run {
       k.impl = e;
     } else {
       QEL_FUZZ_REQUIRE(e == k.impl, id(objIndex) + ": keeps " + std::to_string(indexOf(e)) +
-                               " instead of " + id(obj.kept));
+                                        " instead of " + id(obj.kept));
     }
   }
 
@@ -630,49 +646,135 @@ class Run {
   void step() {
     unsigned op = _in.byte() % 43;
     switch (op) {
-      case 0: newVar(Kind::IntVar); break;
-      case 1: newVar(Kind::BoolVar); break;
-      case 2: newVar(Kind::FloatVar); break;
-      case 3: sum(); break;
-      case 4: scale(); break;
-      case 5: product(); break;
-      case 6: range(); break;
-      case 7: diff(); break;
-      case 8: allDiff(false); break;
-      case 9: allDiff(true); break;
-      case 10: pack(); break;
-      case 11: newSet(); break;
-      case 12: setAdd(); break;
-      case 13: setRemove(); break;
-      case 14: allDiffRemove(); break;
-      case 15: objective(); break;
-      case 16: lex(); break;
-      case 17: sense(); break;
-      case 18: constant(); break;
-      case 19: coef(); break;
-      case 20: quadCoef(); break;
-      case 21: coefs(); break;
-      case 22: setExpr(); break;
-      case 23: newModel(); break;
-      case 24: modelAdd(false); break;
-      case 25: modelAddArray(); break;
-      case 26: modelRemove(); break;
-      case 27: modelRemoveArray(); break;
-      case 28: modelAdd(true); break;
-      case 29: setName(); break;
-      case 30: setNames(); break;
-      case 31: property(); break;
-      case 32: end(); break;
-      case 33: endElements(); break;
-      case 34: removeFromAll(); break;
-      case 35: oneByOne(); break;
-      case 36: clone(); break;
-      case 37: cloneAndEnd(); break;
-      case 38: replaceByClone(); break;
-      case 39: column(); break;
-      case 40: evaluate(); break;
-      case 41: emptyHandles(); break;
-      default: newModel(); break;
+      case 0:
+        newVar(Kind::IntVar);
+        break;
+      case 1:
+        newVar(Kind::BoolVar);
+        break;
+      case 2:
+        newVar(Kind::FloatVar);
+        break;
+      case 3:
+        sum();
+        break;
+      case 4:
+        scale();
+        break;
+      case 5:
+        product();
+        break;
+      case 6:
+        range();
+        break;
+      case 7:
+        diff();
+        break;
+      case 8:
+        allDiff(false);
+        break;
+      case 9:
+        allDiff(true);
+        break;
+      case 10:
+        pack();
+        break;
+      case 11:
+        newSet();
+        break;
+      case 12:
+        setAdd();
+        break;
+      case 13:
+        setRemove();
+        break;
+      case 14:
+        allDiffRemove();
+        break;
+      case 15:
+        objective();
+        break;
+      case 16:
+        lex();
+        break;
+      case 17:
+        sense();
+        break;
+      case 18:
+        constant();
+        break;
+      case 19:
+        coef();
+        break;
+      case 20:
+        quadCoef();
+        break;
+      case 21:
+        coefs();
+        break;
+      case 22:
+        setExpr();
+        break;
+      case 23:
+        newModel();
+        break;
+      case 24:
+        modelAdd(false);
+        break;
+      case 25:
+        modelAddArray();
+        break;
+      case 26:
+        modelRemove();
+        break;
+      case 27:
+        modelRemoveArray();
+        break;
+      case 28:
+        modelAdd(true);
+        break;
+      case 29:
+        setName();
+        break;
+      case 30:
+        setNames();
+        break;
+      case 31:
+        property();
+        break;
+      case 32:
+        end();
+        break;
+      case 33:
+        endElements();
+        break;
+      case 34:
+        removeFromAll();
+        break;
+      case 35:
+        oneByOne();
+        break;
+      case 36:
+        clone();
+        break;
+      case 37:
+        cloneAndEnd();
+        break;
+      case 38:
+        replaceByClone();
+        break;
+      case 39:
+        column();
+        break;
+      case 40:
+        evaluate();
+        break;
+      case 41:
+        emptyHandles();
+        break;
+      default:
+        newModel();
+        break;
     }
   }
 
@@ -703,8 +805,9 @@ class Run {
     t.kind = integral ? Kind::IntTerm : Kind::NumTerm;
     appendParts(t, a);
     appendParts(t, b, minus ? -1 : 1);
-    QelNumExprI* r = integral ? (minus ? intExpr(a) - intExpr(b) : intExpr(a) + intExpr(b)).getImpl()
-                              : (minus ? numExpr(a) - numExpr(b) : numExpr(a) + numExpr(b)).getImpl();
+    QelNumExprI* r = integral
+                         ? (minus ? intExpr(a) - intExpr(b) : intExpr(a) + intExpr(b)).getImpl()
+                         : (minus ? numExpr(a) - numExpr(b) : numExpr(a) + numExpr(b)).getImpl();
     t.impl = r;
     int i = addTerm(std::move(t));
     note(id(i) + " = " + id(a) + (minus ? " - " : " + ") + id(b));
@@ -720,7 +823,8 @@ class Run {
     Obj t;
     t.kind = integral ? Kind::IntTerm : Kind::NumTerm;
     appendParts(t, a, static_cast<double>(k));
-    t.impl = integral ? (k * intExpr(a)).getImpl() : (static_cast<double>(k) * numExpr(a)).getImpl();
+    t.impl =
+        integral ? (k * intExpr(a)).getImpl() : (static_cast<double>(k) * numExpr(a)).getImpl();
     int i = addTerm(std::move(t));
     note(id(i) + " = " + std::to_string(k) + " * " + id(a));
   }
@@ -773,7 +877,8 @@ class Run {
     QelIntExprI* t = (intExpr(a) * intExpr(b)).getImpl();
     Subs s;
     t->visitSubExtractables(&s);
-    QEL_FUZZ_REQUIRE(s.subs.size() == 1, "an integer product beyond degree two holds one aggregate");
+    QEL_FUZZ_REQUIRE(s.subs.size() == 1,
+                     "an integer product beyond degree two holds one aggregate");
     p.impl = const_cast<QelExtractableI*>(s.subs[0]);
     int pi = add(std::move(p));
     Obj term;
@@ -1025,7 +1130,8 @@ class Run {
   template <class F>
   bool coefficientsAccepted(int o, F call) {
     if (at(o).kind == Kind::Lex) {
-      expectThrow<QelNotAllowedWithMultiCriterionException>("coefficient of several criteria", call);
+      expectThrow<QelNotAllowedWithMultiCriterionException>("coefficient of several criteria",
+                                                            call);
       return false;
     }
     if (!at(at(o).kept).agg.empty()) {
@@ -1135,9 +1241,8 @@ class Run {
 
   // A member for model `m` that makes no cycle of models.
   int member(int m) {
-    return pick([this, m](const Obj& o) {
-      return o.kind != Kind::Model || !reaches(indexOf(o.impl), m);
-    });
+    return pick(
+        [this, m](const Obj& o) { return o.kind != Kind::Model || !reaches(indexOf(o.impl), m); });
   }
 
   QelModel model(int i) const { return QelModel(static_cast<QelModelI*>(at(i).impl)); }
@@ -1263,7 +1368,8 @@ class Run {
           expectThrow<QelNamedPropertySet::NotPresent>("removing from no set",
                                                        [&] { o.impl->removeProperty(p); });
         } else {
-          QEL_FUZZ_REQUIRE(o.impl->removeProperty(p) == (o.props.erase(p) == 1), "removeProperty answer");
+          QEL_FUZZ_REQUIRE(o.impl->removeProperty(p) == (o.props.erase(p) == 1),
+                           "removeProperty answer");
         }
         break;
       default:
@@ -1322,11 +1428,11 @@ class Run {
   void checkCopy(int x, const QelExtractableI* c) const {
     QEL_FUZZ_REQUIRE(c != nullptr, "a clone of " + id(x));
     QEL_FUZZ_REQUIRE(std::strcmp(c->getRttiTypeName(), at(x).impl->getRttiTypeName()) == 0,
-            "the clone of " + id(x) + " is a " + c->getRttiTypeName());
+                     "the clone of " + id(x) + " is a " + c->getRttiTypeName());
     if (at(x).kind == Kind::Model)
       QEL_FUZZ_REQUIRE(static_cast<const QelModelI*>(c)->getMembers().getSize() ==
-                  static_cast<long>(at(x).held.size()),
-              "the clone of " + id(x) + " has another number of members");
+                           static_cast<long>(at(x).held.size()),
+                       "the clone of " + id(x) + " has another number of members");
   }
 
   void clone() {
@@ -1345,7 +1451,7 @@ class Run {
     printAll(fresh.getImpl());
     endAll(fresh);
     QEL_FUZZ_REQUIRE(fresh.getImpl()->getBytesInUse() == 0,
-            "the objects of an ended copy still hold memory");
+                     "the objects of an ended copy still hold memory");
     fresh.end();
   }
 
@@ -1428,8 +1534,8 @@ class Run {
           o.weights.push_back(weight);
         }
         o.held.push_back(wi);
-        expectHeard({o.kind == Kind::SOS1 ? "QelAddVarToSOS1" : "QelAddVarToSOS2", o.impl,
-                     impl(wi)});
+        expectHeard(
+            {o.kind == Kind::SOS1 ? "QelAddVarToSOS1" : "QelAddVarToSOS2", o.impl, impl(wi)});
       } else {
         o.held.push_back(wi);
         expectHeard({o.kind == Kind::AllDiff ? "QelAddVarToAllDiff" : "QelAddVarToAllMinDistance",
@@ -1442,7 +1548,8 @@ class Run {
     note("values and evaluations");
     for (const Obj& o : _objs)
       if (o.alive && IsVar(o.kind))
-        _values.setValue(QelNumVar(static_cast<QelNumVarI*>(o.impl)), static_cast<double>(_in.below(4)));
+        _values.setValue(QelNumVar(static_cast<QelNumVarI*>(o.impl)),
+                         static_cast<double>(_in.below(4)));
     for (const Obj& o : _objs) {
       if (!o.alive) continue;
       if (o.kind == Kind::Range || o.kind == Kind::Diff || o.kind == Kind::AllDiff) {
@@ -1525,13 +1632,13 @@ class Run {
       QEL_FUZZ_REQUIRE(o.impl != nullptr, id(k) + " has no address");
       QEL_FUZZ_REQUIRE(inTable.count(o.impl) != 0, id(k) + " should be alive and has ended");
       QEL_FUZZ_REQUIRE(o.impl->getId() >= 0 && e->getExtractable(o.impl->getId()) == o.impl,
-              id(k) + ": its id does not lead back to it");
+                       id(k) + ": its id does not lead back to it");
     }
     for (size_t i = 0; i < _objs.size(); ++i)
       if (_objs[i].alive) checkObject(static_cast<int>(i));
     QEL_FUZZ_REQUIRE(e->getNumberOfExtractables() == alive,
-            "the environment holds " + std::to_string(e->getNumberOfExtractables()) +
-                " objects, the account " + std::to_string(alive));
+                     "the environment holds " + std::to_string(e->getNumberOfExtractables()) +
+                         " objects, the account " + std::to_string(alive));
     checkTable(e);
     checkTable(_copy.getImpl());
     printAll(e);
@@ -1556,8 +1663,9 @@ class Run {
     }
     if (IsRefCounted(o.kind))
       QEL_FUZZ_REQUIRE(static_cast<QelNumExprI*>(o.impl)->getUseCount() == o.uses,
-              id(k) + " has " + std::to_string(static_cast<QelNumExprI*>(o.impl)->getUseCount()) +
-                  " uses, the account " + std::to_string(o.uses));
+                       id(k) + " has " +
+                           std::to_string(static_cast<QelNumExprI*>(o.impl)->getUseCount()) +
+                           " uses, the account " + std::to_string(o.uses));
     if (IsSet(o.kind)) {
       QelNumArray w = o.kind == Kind::SOS1 ? static_cast<QelSOS1I*>(o.impl)->getValArray()
                                            : static_cast<QelSOS2I*>(o.impl)->getValArray();
@@ -1566,9 +1674,11 @@ class Run {
       QEL_FUZZ_REQUIRE(ok, id(k) + ": weights differ");
     }
     const char* n = o.impl->getName();
-    QEL_FUZZ_REQUIRE(o.named ? (n != nullptr && o.name == n) : n == nullptr, id(k) + ": name differs");
+    QEL_FUZZ_REQUIRE(o.named ? (n != nullptr && o.name == n) : n == nullptr,
+                     id(k) + ": name differs");
     for (const auto& p : o.props)
-      QEL_FUZZ_REQUIRE(o.impl->getIntProperty(p.first.c_str()) == p.second, id(k) + ": property differs");
+      QEL_FUZZ_REQUIRE(o.impl->getIntProperty(p.first.c_str()) == p.second,
+                       id(k) + ": property differs");
   }
 
   void checkTable(const QelEnvI* e) const {
@@ -1576,14 +1686,17 @@ class Run {
     const std::uintptr_t* table = e->getExtractableTable();
     for (QelInt i = 0; i < e->getExtractableTableSize(); ++i) {
       std::uintptr_t v = table[i];
-      QEL_FUZZ_REQUIRE(v != QelEnvI::RemovalMark && v != QelEnvI::OrderingMark && v != QelEnvI::PendingMark,
-              "a removal mark was left in the table");
+      QEL_FUZZ_REQUIRE(
+          v != QelEnvI::RemovalMark && v != QelEnvI::OrderingMark && v != QelEnvI::PendingMark,
+          "a removal mark was left in the table");
       QelExtractableI* x = e->getExtractable(i);
       if (x == nullptr) continue;
       ++count;
-      QEL_FUZZ_REQUIRE(x->getId() == i && x->getEnv() == e, "an object whose id does not lead back to it");
+      QEL_FUZZ_REQUIRE(x->getId() == i && x->getEnv() == e,
+                       "an object whose id does not lead back to it");
     }
-    QEL_FUZZ_REQUIRE(count == e->getNumberOfExtractables(), "the table and the count of objects differ");
+    QEL_FUZZ_REQUIRE(count == e->getNumberOfExtractables(),
+                     "the table and the count of objects differ");
   }
 
   static void printAll(const QelEnvI* e) {
@@ -1608,7 +1721,7 @@ class Run {
     _listener = nullptr;
     endAll(_copy);
     QEL_FUZZ_REQUIRE(_copy.getImpl()->getBytesInUse() == 0,
-            "the objects of the ended copies still hold memory");
+                     "the objects of the ended copies still hold memory");
     endAll(_env);
     QEL_FUZZ_REQUIRE(_env.getImpl()->getBytesInUse() == 0, "the ended objects still hold memory");
   }

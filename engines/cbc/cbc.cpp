@@ -205,8 +205,12 @@ class QelCbcI : public QelEngineI {
     return nullptr;
   }
 
-  void* extractObject(const QelSOS1I* s) override { return sos(s, 1, s->getVarArray(), s->getValArray()); }
-  void* extractObject(const QelSOS2I* s) override { return sos(s, 2, s->getVarArray(), s->getValArray()); }
+  void* extractObject(const QelSOS1I* s) override {
+    return sos(s, 1, s->getVarArray(), s->getValArray());
+  }
+  void* extractObject(const QelSOS2I* s) override {
+    return sos(s, 2, s->getVarArray(), s->getValArray());
+  }
   void* extractObject(const QelIntSetVarI* s) override {
     throw refuse(s, "set variables are taken only as the used set of a pack");
   }
@@ -291,8 +295,7 @@ class QelCbcI : public QelEngineI {
   void objectiveChanged(const QelObjectiveI* obj, const QelChange& change) override {
     if (obj != getObjective()) return;
     try {
-      if (obj->getNumCriteria() != 1 ||
-          QelDynamicCast<const QelSetObjSense>(&change) != nullptr) {
+      if (obj->getNumCriteria() != 1 || QelDynamicCast<const QelSetObjSense>(&change) != nullptr) {
         // The criteria of a lexicographic objective are read at each solve.
         _lp->setObjSense(obj->getSense() == QelObjective::Minimize ? 1.0 : -1.0);
       } else if (QelDynamicCast<const QelSetObjConst>(&change) != nullptr) {
@@ -372,8 +375,9 @@ class QelCbcI : public QelEngineI {
   double upper(double v) const { return QelIsInfiniteBound(v) && v > 0 ? infinity() : v; }
 
   QelEngineError notIntegral(const QelExtractableI* x) const {
-    return refuse(x, "its integer reformulation needs integer variables and integer "
-                     "coefficients");
+    return refuse(x,
+                  "its integer reformulation needs integer variables and integer "
+                  "coefficients");
   }
   QelEngineError unbounded(const QelExtractableI* x) const {
     return refuse(x, "its integer reformulation needs finite bounds on every variable");

@@ -53,9 +53,8 @@ QelEngineI::QelEngineI(QelEnvI* env, const char* engineName)
 QelEngineI::~QelEngineI() = default;
 
 QelEngineError QelEngineI::refuse(const QelExtractableI* x, const std::string& why) const {
-  return QelEngineError(std::string(_engineName) + " engine cannot extract " + QelDescribe(x) +
-                            ": " + why,
-                        x);
+  return QelEngineError(
+      std::string(_engineName) + " engine cannot extract " + QelDescribe(x) + ": " + why, x);
 }
 
 void* QelEngineI::extractThroughHook(const QelExtractableI* x) {
@@ -378,32 +377,32 @@ void QelEngine::end() {
 // Default handlers of the extractable classes
 // ===========================================================================
 
-#define QEL_ENGINE_CLASS(C)                                                         \
-  void* QelEngineI::modifyObject(const C* x, void*) {                               \
-    markStale(x);                                                                   \
-    return nullptr;                                                                 \
-  }                                                                                 \
-  void* QelEngineI::unextractObject(const C* x, void*) {                            \
-    QelExtractableI* y = const_cast<C*>(x);                                         \
-    auto root = std::find(_roots.begin(), _roots.end(), y);                         \
-    if (root != _roots.end()) {                                                     \
-      _roots.erase(root);                                                           \
-      removeMember(y);                                                              \
-    } else if (_members.count(y) != 0 || _models.count(y) != 0) {                   \
-      throw QelWrongUsage(                                                          \
-          "QelEngine: only what was given to extract() can be unextracted; "        \
-          "remove this object from its model instead");                            \
-    }                                                                               \
-    return nullptr;                                                                 \
+#define QEL_ENGINE_CLASS(C)                                                  \
+  void* QelEngineI::modifyObject(const C* x, void*) {                        \
+    markStale(x);                                                            \
+    return nullptr;                                                          \
+  }                                                                          \
+  void* QelEngineI::unextractObject(const C* x, void*) {                     \
+    QelExtractableI* y = const_cast<C*>(x);                                  \
+    auto root = std::find(_roots.begin(), _roots.end(), y);                  \
+    if (root != _roots.end()) {                                              \
+      _roots.erase(root);                                                    \
+      removeMember(y);                                                       \
+    } else if (_members.count(y) != 0 || _models.count(y) != 0) {            \
+      throw QelWrongUsage(                                                   \
+          "QelEngine: only what was given to extract() can be unextracted; " \
+          "remove this object from its model instead");                      \
+    }                                                                        \
+    return nullptr;                                                          \
   }
 #include <engines/common/extractables.def>
 #undef QEL_ENGINE_CLASS
 
 // Extraction: refused unless the engine overrides it.
-#define QEL_REFUSE(C)                                                                     \
-  void* QelEngineI::extractObject(const C* x) {                                           \
-    throw refuse(x, std::string("objects of class ") + C::GetRttiTypeName() +             \
-                        " are not supported by this engine");                             \
+#define QEL_REFUSE(C)                                                         \
+  void* QelEngineI::extractObject(const C* x) {                               \
+    throw refuse(x, std::string("objects of class ") + C::GetRttiTypeName() + \
+                        " are not supported by this engine");                 \
   }
 QEL_REFUSE(QelNumVarI)
 QEL_REFUSE(QelNumLinTermI)
@@ -447,9 +446,7 @@ void* QelEngineI::extractObject(const QelObjectiveI* obj) {
 void* QelEngineI::objectiveActivated(const QelObjectiveI*, void*) { return nullptr; }
 void* QelEngineI::objectiveDeactivated(const QelObjectiveI*, void*) { return nullptr; }
 
-void QelEngineI::objectiveChanged(const QelObjectiveI* obj, const QelChange&) {
-  markStale(obj);
-}
+void QelEngineI::objectiveChanged(const QelObjectiveI* obj, const QelChange&) { markStale(obj); }
 
 // ===========================================================================
 // Default handlers of the notices
@@ -539,12 +536,12 @@ QelInt QelEngineI::applyNotice(const QelRemoveFromModel& n, void*) {
   return 0;
 }
 
-#define QEL_OBJECTIVE_NOTICE(N, RECORD)                     \
-  QelInt QelEngineI::applyNotice(const N& n, void*) {       \
-    if (!objectiveMember(n.getObjective())) return 0;       \
-    RECORD;                                                 \
-    objectiveChanged(n.getObjective(), n);                  \
-    return 0;                                               \
+#define QEL_OBJECTIVE_NOTICE(N, RECORD)               \
+  QelInt QelEngineI::applyNotice(const N& n, void*) { \
+    if (!objectiveMember(n.getObjective())) return 0; \
+    RECORD;                                           \
+    objectiveChanged(n.getObjective(), n);            \
+    return 0;                                         \
   }
 QEL_OBJECTIVE_NOTICE(QelSetObjSense, (void)0)
 QEL_OBJECTIVE_NOTICE(QelSetObjConst, (void)0)

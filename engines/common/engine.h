@@ -109,8 +109,7 @@ std::ostream& operator<<(std::ostream& os, QelEngineStatus status);
 class QelEngineError : public QelException {
  public:
   /// With `message`, about `x` (may be null).
-  explicit QelEngineError(const std::string& message,
-                          const QelExtractableI* x = nullptr)
+  explicit QelEngineError(const std::string& message, const QelExtractableI* x = nullptr)
       : QelException(message.c_str(), 0), _x(x) {}
   /// The object concerned, or null.
   const QelExtractableI* getExtractable() const { return _x; }
@@ -210,9 +209,9 @@ class QelEngineI : public QelAlgorithmI {
   // models (their members are added one by one) and objectives (the
   // objective becomes the active one); modification marks the object for
   // re-extraction; removal (unextract) forgets a root.
-#define QEL_ENGINE_CLASS(C)                                   \
-  virtual void* extractObject(const C* x);                    \
-  virtual void* modifyObject(const C* x, void* data);         \
+#define QEL_ENGINE_CLASS(C)                           \
+  virtual void* extractObject(const C* x);            \
+  virtual void* modifyObject(const C* x, void* data); \
   virtual void* unextractObject(const C* x, void* data);
 #include <engines/common/extractables.def>
 #undef QEL_ENGINE_CLASS

@@ -7,9 +7,7 @@
 
 namespace {
 
-QelEngineI* EngineOf(const QelAlgorithm& a) {
-  return QelDynamicCast<QelEngineI>(a.getImpl());
-}
+QelEngineI* EngineOf(const QelAlgorithm& a) { return QelDynamicCast<QelEngineI>(a.getImpl()); }
 
 // The three extraction slots of an extractable class C.
 template <class C>

@@ -105,10 +105,12 @@ std::pair<double, double> QelBoundsOf(const QelLinearForm& form) {
     if (QelIsInfiniteBound(ub) && ub > 0) ub = inf;
     double a = t.second * lb;
     double b = t.second * ub;
-    if (std::isnan(a)) a = t.second > 0 ? -std::numeric_limits<double>::infinity()
-                                        : std::numeric_limits<double>::infinity();
-    if (std::isnan(b)) b = t.second > 0 ? std::numeric_limits<double>::infinity()
-                                        : -std::numeric_limits<double>::infinity();
+    if (std::isnan(a))
+      a = t.second > 0 ? -std::numeric_limits<double>::infinity()
+                       : std::numeric_limits<double>::infinity();
+    if (std::isnan(b))
+      b = t.second > 0 ? std::numeric_limits<double>::infinity()
+                       : -std::numeric_limits<double>::infinity();
     lo += std::min(a, b);
     hi += std::max(a, b);
   }
@@ -168,8 +170,7 @@ class Hasher {
   }
   void exprs(const QelExtractableArray& a) {
     word(static_cast<std::uint64_t>(a.getSize()));
-    for (long i = 0; i < a.getSize(); ++i)
-      expr(static_cast<const QelNumExprI*>(a.getElement(i)));
+    for (long i = 0; i < a.getSize(); ++i) expr(static_cast<const QelNumExprI*>(a.getElement(i)));
   }
   template <class T>
   void numbers(const QelArray<T>& a) {

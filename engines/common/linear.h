@@ -29,9 +29,9 @@ struct QelQuadTerm {
 
 /// constant + sum coef * var + sum coef * var1 * var2.
 struct QelLinearForm {
-  double constant = 0;                                  ///< the constant
-  std::vector<std::pair<QelNumVarI*, double>> terms;    ///< merged, no zero coefficient
-  std::vector<QelQuadTerm> quad;                        ///< quadratic terms
+  double constant = 0;                                ///< the constant
+  std::vector<std::pair<QelNumVarI*, double>> terms;  ///< merged, no zero coefficient
+  std::vector<QelQuadTerm> quad;                      ///< quadratic terms
   /// Empty when every part was understood; else what was not (a class
   /// name, "a product of two expressions", ...).
   std::string unsupported;

@@ -135,8 +135,7 @@ class QelGecodeI : public QelEngineI {
       throw refuse(p, "the Boolean arrays of a pack have no meaning for this engine");
     QelIntArray weight = p->getWeight();
     QelIntExprArray where = p->getWhere();
-    if (weight.getSize() != where.getSize())
-      throw refuse(p, "where and weight differ in size");
+    if (weight.getSize() != where.getSize()) throw refuse(p, "where and weight differ in size");
     Gecode::IntArgs sizes(static_cast<int>(weight.getSize()));
     for (long i = 0; i < weight.getSize(); ++i) {
       if (weight[i] < 0 || !FitsInt(static_cast<double>(weight[i])))
@@ -182,12 +181,14 @@ class QelGecodeI : public QelEngineI {
   }
 
   void* extractObject(const QelSOS1I* s) override {
-    throw refuse(s, "special ordered sets are not supported (they are a mixed-integer "
-                    "programming construct; use a MIP engine)");
+    throw refuse(s,
+                 "special ordered sets are not supported (they are a mixed-integer "
+                 "programming construct; use a MIP engine)");
   }
   void* extractObject(const QelSOS2I* s) override {
-    throw refuse(s, "special ordered sets are not supported (they are a mixed-integer "
-                    "programming construct; use a MIP engine)");
+    throw refuse(s,
+                 "special ordered sets are not supported (they are a mixed-integer "
+                 "programming construct; use a MIP engine)");
   }
   void* extractObject(const QelIntSetVarI* s) override {
     throw refuse(s, "set variables are taken only as the used set of a pack");
@@ -243,7 +244,8 @@ class QelGecodeI : public QelEngineI {
       known = _varIndex.erase(v) != 0;
       _bounds.erase(v);
     }
-    if (const auto* s = QelDynamicCast<const QelIntSetVarI>(x)) known = _setIndex.erase(s) != 0 || known;
+    if (const auto* s = QelDynamicCast<const QelIntSetVarI>(x))
+      known = _setIndex.erase(s) != 0 || known;
     if (known && !isDirty()) markDirty(QelDescribe(x) + " was removed from the model's objects");
   }
 
@@ -337,12 +339,12 @@ class QelGecodeI : public QelEngineI {
     auto it = _varIndex.find(v);
     if (it != _varIndex.end()) return it->second;
     if (v->getType() == QelVarType::Float)
-      throw refuse(v, "float variables are not supported; the engine takes integer and "
-                      "Boolean variables");
+      throw refuse(v,
+                   "float variables are not supported; the engine takes integer and "
+                   "Boolean variables");
     int lo = 0;
     int hi = 0;
-    if (!intBounds(v, lo, hi))
-      throw refuse(v, "its bounds lie beyond Gecode's integer range");
+    if (!intBounds(v, lo, hi)) throw refuse(v, "its bounds lie beyond Gecode's integer range");
     (void)owner;
     int index = static_cast<int>(_root->vars.size());
     if (lo > hi) {
@@ -376,8 +378,7 @@ class QelGecodeI : public QelEngineI {
     return static_cast<int>(c);
   }
 
-  GExpr toExpr(ModelSpace& home, const QelNumExprI* e, const QelExtractableI* owner,
-               bool create) {
+  GExpr toExpr(ModelSpace& home, const QelNumExprI* e, const QelExtractableI* owner, bool create) {
     GExpr g;
     if (e == nullptr) throw refuse(owner, "it holds an empty expression");
     if (const auto* v = QelDynamicCast<const QelNumVarI>(e)) {
@@ -422,8 +423,8 @@ class QelGecodeI : public QelEngineI {
       g.expr = (l.expr + static_cast<int>(l.offset)) * (r.expr + static_cast<int>(r.offset));
       return g;
     }
-    throw refuse(owner, std::string("expressions of class ") + e->getRttiTypeName() +
-                            " are not supported");
+    throw refuse(
+        owner, std::string("expressions of class ") + e->getRttiTypeName() + " are not supported");
   }
 
   // The expressions of `exprs` as Gecode variables of the root. With
@@ -486,8 +487,7 @@ class QelGecodeI : public QelEngineI {
     for (size_t i = 0; i < work->vars.size(); ++i) (isModel[i] ? model : aux) << work->vars[i];
     if (model.size() > 0)
       Gecode::branch(*work, model, Gecode::INT_VAR_SIZE_MIN(), Gecode::INT_VAL_MIN());
-    if (aux.size() > 0)
-      Gecode::branch(*work, aux, Gecode::INT_VAR_NONE(), Gecode::INT_VAL_MIN());
+    if (aux.size() > 0) Gecode::branch(*work, aux, Gecode::INT_VAR_NONE(), Gecode::INT_VAL_MIN());
     if (!work->sets.empty()) {
       Gecode::SetVarArgs sets;
       for (const auto& s : work->sets) sets << s;

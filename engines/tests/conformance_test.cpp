@@ -90,7 +90,8 @@ class Conformance : public ::testing::TestWithParam<EngineKind> {
     ASSERT_EQ(engine->solve(), QelEngineStatus::Optimal);
     ASSERT_EQ(engine->getNumCriteria(), static_cast<long>(expected.size()));
     for (size_t i = 0; i < expected.size(); ++i)
-      EXPECT_NEAR(engine->getObjValue(static_cast<long>(i)), expected[i], 1e-6) << "criterion " << i;
+      EXPECT_NEAR(engine->getObjValue(static_cast<long>(i)), expected[i], 1e-6)
+          << "criterion " << i;
     CheckObjective(engine.get());
     EXPECT_EQ(CheckSolution(engine.get(), model.getImpl()), constraints);
     ExpectSameAsFresh(GetParam().make, env, model, AnswerOf(engine.get()));
@@ -233,15 +234,14 @@ TEST_P(Conformance, TwoCriteriaLexicographic) {
   solveAndCheck(model, {8, 17}, 2);
 }
 
-std::string KindName(const ::testing::TestParamInfo<EngineKind>& info) {
-  return info.param.name;
-}
+std::string KindName(const ::testing::TestParamInfo<EngineKind>& info) { return info.param.name; }
 
 INSTANTIATE_TEST_SUITE_P(Engines, Conformance, ::testing::ValuesIn(Kinds()), KindName);
 GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(Conformance);
 
 TEST(ConformanceSetup, EnginesBuilt) {
-  if (Kinds().empty()) GTEST_SKIP() << "no engine was built (neither libgecode-dev nor coinor-libcbc-dev found)";
+  if (Kinds().empty())
+    GTEST_SKIP() << "no engine was built (neither libgecode-dev nor coinor-libcbc-dev found)";
   for (const EngineKind& k : Kinds()) {
     QelEnv env;
     EnginePtr e(k.make(env));

@@ -35,8 +35,9 @@ std::vector<QelEngineI* (*)(QelEnv)> Makers() {
 // A model every engine takes: a small assignment with a difference.
 struct Assignment {
   explicit Assignment(QelEnv env)
-      : model(env, "assignment"), x(env, 3, 0, 4), cost(env, 3 * x[0] + 2 * x[1] + x[2],
-                                                        QelObjective::Maximize, "cost") {
+      : model(env, "assignment"),
+        x(env, 3, 0, 4),
+        cost(env, 3 * x[0] + 2 * x[1] + x[2], QelObjective::Maximize, "cost") {
     model.add(QelAllDiff(env, x, "distinct"));
     model.add(QelRange(env, 0, x[0] + x[1], 6, "pair"));
     model.add(cost);

@@ -21,14 +21,12 @@ QelChangeVisitor::~QelChangeVisitor() = default;
 void QelChangeVisitor::addSubExtractable(QelExtractableI*, QelExtractableI*) {}
 void QelChangeVisitor::removeSubExtractable(QelExtractableI*, QelExtractableI*) {}
 
-void QelChangeVisitor::addSubExtractable(QelExtractableI* owner,
-                                         QelExtractableArray subs) {
+void QelChangeVisitor::addSubExtractable(QelExtractableI* owner, QelExtractableArray subs) {
   long n = subs.getSize();
   for (long i = 0; i < n; ++i) addSubExtractable(owner, subs.getElement(i));
 }
 
-void QelChangeVisitor::removeSubExtractable(QelExtractableI* owner,
-                                            QelExtractableArray subs) {
+void QelChangeVisitor::removeSubExtractable(QelExtractableI* owner, QelExtractableArray subs) {
   long n = subs.getSize();
   for (long i = 0; i < n; ++i) removeSubExtractable(owner, subs.getElement(i));
 }
@@ -49,35 +47,26 @@ void QelRemoveFromAllChange::visitChange(QelEnvI* env, QelExtractableI* extracta
   }
 }
 QelBool QelRemoveFromAllChange::isApplyingOnArray() const { return true; }
-QelExtractableArray QelRemoveFromAllChange::getChangedExtractableArray() const {
-  return _array;
-}
+QelExtractableArray QelRemoveFromAllChange::getChangedExtractableArray() const { return _array; }
 
-void QelDestroyExtractable::visitChange(QelEnvI*, QelExtractableI*,
-                                        QelChangeVisitor*) const {}
+void QelDestroyExtractable::visitChange(QelEnvI*, QelExtractableI*, QelChangeVisitor*) const {}
 QelExtractableI* QelDestroyExtractable::getChangedExtractable() const { return _x; }
 
-void QelSetNameChange::visitChange(QelEnvI*, QelExtractableI*,
-                                   QelChangeVisitor*) const {}
+void QelSetNameChange::visitChange(QelEnvI*, QelExtractableI*, QelChangeVisitor*) const {}
 QelExtractableI* QelSetNameChange::getChangedExtractable() const { return _x; }
 
-void QelSetNameArrayChange::visitChange(QelEnvI*, QelExtractableI*,
-                                        QelChangeVisitor*) const {}
+void QelSetNameArrayChange::visitChange(QelEnvI*, QelExtractableI*, QelChangeVisitor*) const {}
 QelBool QelSetNameArrayChange::isApplyingOnArray() const { return true; }
-QelExtractableArray QelSetNameArrayChange::getChangedExtractableArray() const {
-  return _array;
-}
+QelExtractableArray QelSetNameArrayChange::getChangedExtractableArray() const { return _array; }
 
-void QelDestroyExtractableArray::visitChange(QelEnvI*, QelExtractableI*,
-                                             QelChangeVisitor*) const {}
+void QelDestroyExtractableArray::visitChange(QelEnvI*, QelExtractableI*, QelChangeVisitor*) const {}
 QelExtractableArray QelDestroyExtractableArray::getChangedExtractableArray() const {
   return _array;
 }
 
 // ---- column-wise additions -------------------------------------------------------
 
-void QelAddExtractable::visitChange(QelEnvI*, QelExtractableI*,
-                                    QelChangeVisitor*) const {}
+void QelAddExtractable::visitChange(QelEnvI*, QelExtractableI*, QelChangeVisitor*) const {}
 
 QelExtractableI* QelAddExtractable::getChangedExtractable() const {
   return const_cast<QelExtractableI*>(_obj);

@@ -65,8 +65,7 @@ class QEL_API QelChangeVisitor {
   /// `sub` was added to `owner`; does nothing by default.
   virtual void addSubExtractable(QelExtractableI* owner, QelExtractableI* sub);
   /// `sub` was removed from `owner`; does nothing by default.
-  virtual void removeSubExtractable(QelExtractableI* owner,
-                                    QelExtractableI* sub);
+  virtual void removeSubExtractable(QelExtractableI* owner, QelExtractableI* sub);
   /// Calls addSubExtractable(owner, subs[i]) for each i in index order.
   void addSubExtractable(QelExtractableI* owner, QelExtractableArray subs);
   /// Calls removeSubExtractable(owner, subs[i]) for each i in index order.

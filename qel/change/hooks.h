@@ -43,34 +43,34 @@
 
 /// Declares the three extraction slots of an extractable class C and the
 /// forwarding operations that use them.
-#define QEL_EXTRACT_HOOKS_DECL(C)                                              \
- public:                                                                       \
-  /** Engine hook extracting a C; null until an engine fills it. */            \
-  static void* (*_extractCP)(QelAlgorithm, const C*);                          \
-  /** Engine hook modifying the extracted form of a C. */                      \
-  static void* (*_modifyCP)(QelAlgorithm, const C*, void*);                    \
-  /** Engine hook removing the extracted form of a C. */                       \
-  static void* (*_unextractCP)(QelAlgorithm, const C*, void*);                 \
-  /** Forwards to _extractCP; empty: QelAlgorithm::ExtractFailure. */          \
-  void* extractToCP(QelAlgorithm a) const override {                           \
-    if (C::_extractCP != nullptr) return C::_extractCP(a, this);               \
-    QelThrowExtractFailure();                                                  \
-  }                                                                            \
-  /** Forwards to _modifyCP; empty: QelAlgorithm::RemoveFailure. */            \
-  void* modifyCP(QelAlgorithm a, void* data) const override {                  \
-    if (C::_modifyCP != nullptr) return C::_modifyCP(a, this, data);           \
-    QelThrowRemoveFailure();                                                   \
-  }                                                                            \
-  /** Forwards to _unextractCP; empty: QelAlgorithm::RemoveFailure. */         \
-  void* unextractFromCP(QelAlgorithm a, void* data) const override {           \
-    if (C::_unextractCP != nullptr) return C::_unextractCP(a, this, data);     \
-    QelThrowRemoveFailure();                                                   \
+#define QEL_EXTRACT_HOOKS_DECL(C)                                          \
+ public:                                                                   \
+  /** Engine hook extracting a C; null until an engine fills it. */        \
+  static void* (*_extractCP)(QelAlgorithm, const C*);                      \
+  /** Engine hook modifying the extracted form of a C. */                  \
+  static void* (*_modifyCP)(QelAlgorithm, const C*, void*);                \
+  /** Engine hook removing the extracted form of a C. */                   \
+  static void* (*_unextractCP)(QelAlgorithm, const C*, void*);             \
+  /** Forwards to _extractCP; empty: QelAlgorithm::ExtractFailure. */      \
+  void* extractToCP(QelAlgorithm a) const override {                       \
+    if (C::_extractCP != nullptr) return C::_extractCP(a, this);           \
+    QelThrowExtractFailure();                                              \
+  }                                                                        \
+  /** Forwards to _modifyCP; empty: QelAlgorithm::RemoveFailure. */        \
+  void* modifyCP(QelAlgorithm a, void* data) const override {              \
+    if (C::_modifyCP != nullptr) return C::_modifyCP(a, this, data);       \
+    QelThrowRemoveFailure();                                               \
+  }                                                                        \
+  /** Forwards to _unextractCP; empty: QelAlgorithm::RemoveFailure. */     \
+  void* unextractFromCP(QelAlgorithm a, void* data) const override {       \
+    if (C::_unextractCP != nullptr) return C::_unextractCP(a, this, data); \
+    QelThrowRemoveFailure();                                               \
   }
 
 /// Defines the three extraction slots of C (empty).
-#define QEL_EXTRACT_HOOKS_DEF(C)                                               \
-  void* (*C::_extractCP)(QelAlgorithm, const C*) = nullptr;                    \
-  void* (*C::_modifyCP)(QelAlgorithm, const C*, void*) = nullptr;              \
+#define QEL_EXTRACT_HOOKS_DEF(C)                                  \
+  void* (*C::_extractCP)(QelAlgorithm, const C*) = nullptr;       \
+  void* (*C::_modifyCP)(QelAlgorithm, const C*, void*) = nullptr; \
   void* (*C::_unextractCP)(QelAlgorithm, const C*, void*) = nullptr;
 
 /// Type identity and hook slots of an extractable class C with base B.
@@ -89,19 +89,18 @@
   QEL_EXTRACT_HOOKS_DEF(C)
 
 /// Declares the notice slot of a change-notice class N and applyToCP.
-#define QEL_APPLY_HOOK_DECL(N)                                                 \
- public:                                                                       \
-  /** Engine hook receiving an N; null until an engine fills it. */            \
-  static QelInt (*_applyCP)(QelAlgorithm, const N*, void*);                    \
-  /** Forwards to _applyCP; empty: QelAlgorithm::CannotChangeException. */     \
-  QelInt applyToCP(QelAlgorithm a, void* data) const override {                \
-    if (N::_applyCP != nullptr) return N::_applyCP(a, this, data);             \
-    QelThrowCannotChange(a);                                                   \
+#define QEL_APPLY_HOOK_DECL(N)                                             \
+ public:                                                                   \
+  /** Engine hook receiving an N; null until an engine fills it. */        \
+  static QelInt (*_applyCP)(QelAlgorithm, const N*, void*);                \
+  /** Forwards to _applyCP; empty: QelAlgorithm::CannotChangeException. */ \
+  QelInt applyToCP(QelAlgorithm a, void* data) const override {            \
+    if (N::_applyCP != nullptr) return N::_applyCP(a, this, data);         \
+    QelThrowCannotChange(a);                                               \
   }
 
 /// Defines the notice slot of N (empty).
-#define QEL_APPLY_HOOK_DEF(N) \
-  QelInt (*N::_applyCP)(QelAlgorithm, const N*, void*) = nullptr;
+#define QEL_APPLY_HOOK_DEF(N) QelInt (*N::_applyCP)(QelAlgorithm, const N*, void*) = nullptr;
 
 /// Type identity and notice slot of a notice class N with base B.
 #define QEL_CHANGE_DECL(N, B) \

@@ -14,8 +14,7 @@ QelExtractableArray::QelExtractableArray(QelMemoryManager m, long n)
     : QelArray<QelExtractable>(QelArrayI::Make(m.getAllocator(), n)) {}
 
 QelExtractableArray::QelExtractableArray(QelEnv env, long n)
-    : QelArray<QelExtractable>(
-          QelArrayI::Make(env.getImpl()->getGeneralAllocator(), n)) {}
+    : QelArray<QelExtractable>(QelArrayI::Make(env.getImpl()->getGeneralAllocator(), n)) {}
 
 void QelExtractableArray::CheckCount(const char* prefix, long n, long k) {
   if (n == k) return;
@@ -73,8 +72,7 @@ void QelExtractableArray::endElements() const {
   // Everything is ended together, use-counted expressions included: ending
   // one of them alone could end other elements (their dependants) and leave
   // dangling pointers in the array; the joint removal ends each object once.
-  if (_impl->getSize() > 0)
-    _impl->getEnv()->removeFromAllAndDestroy(*this, 0, 1);
+  if (_impl->getSize() > 0) _impl->getEnv()->removeFromAllAndDestroy(*this, 0, 1);
   _impl->clear();
 }
 
@@ -94,8 +92,7 @@ void QelExtractableArray::setNames(const char* name) const {
       if (e == nullptr) continue;
       QelGenAlloc* alloc = e->getEnv()->getGeneralAllocator();
       e->extension();
-      QelSPrintf(buffer, static_cast<unsigned long>(size), "%s(%d)", name,
-                 static_cast<int>(i));
+      QelSPrintf(buffer, static_cast<unsigned long>(size), "%s(%d)", name, static_cast<int>(i));
       QelArraySet(copies, i, QelCopyString(alloc, buffer));
     }
   } catch (...) {

@@ -30,8 +30,7 @@ class QEL_API QelExtractableArray : public QelArray<QelExtractable> {
   /// A handle on `impl`.
   QelExtractableArray(QelArrayI* impl) : QelArray<QelExtractable>(impl) {}
   /// A handle on the same array as `a`.
-  QelExtractableArray(const QelArray<QelExtractable>& a)
-      : QelArray<QelExtractable>(a.getImpl()) {}
+  QelExtractableArray(const QelArray<QelExtractable>& a) : QelArray<QelExtractable>(a.getImpl()) {}
   /// An array of `n` null elements, allocated from `m`.
   QelExtractableArray(QelMemoryManager m, long n);
   /// An array of `n` null elements, allocated in `env`.
@@ -42,11 +41,9 @@ class QEL_API QelExtractableArray : public QelArray<QelExtractable> {
   /// Empty handles become null elements. When an element cannot be added
   /// (refused memory), the array is released before the failure goes on.
   template <class... Xs,
-            class = std::enable_if_t<
-                (sizeof...(Xs) >= 1 && sizeof...(Xs) <= 10) &&
-                (std::is_convertible<Xs, QelExtractable>::value && ...)>>
-  QelExtractableArray(QelEnv env, long n, const Xs&... xs)
-      : QelExtractableArray(env, 0) {
+            class = std::enable_if_t<(sizeof...(Xs) >= 1 && sizeof...(Xs) <= 10) &&
+                                     (std::is_convertible<Xs, QelExtractable>::value && ...)>>
+  QelExtractableArray(QelEnv env, long n, const Xs&... xs) : QelExtractableArray(env, 0) {
     CheckCount("QelExtractableArray::QelExtractableArray: n != ", n,
                static_cast<long>(sizeof...(Xs)));
     try {
@@ -58,18 +55,14 @@ class QEL_API QelExtractableArray : public QelArray<QelExtractable> {
   }
 
   /// Element i (null for a null element).
-  QelExtractableI* getElement(long i) const {
-    return QelArrayGet<QelExtractableI*>(_impl, i);
-  }
+  QelExtractableI* getElement(long i) const { return QelArrayGet<QelExtractableI*>(_impl, i); }
   /// Appends `x` (an empty handle appends a null element).
   void add(QelExtractable x) const { QelArray<QelExtractable>::add(x); }
   /// Appends `n` copies of `x`; 0 does nothing, a negative n lowers the size
   /// by |n|.
   void add(long n, QelExtractable x) const;
   /// Appends every element of `other`, in order.
-  void add(const QelExtractableArray& other) const {
-    _impl->addArray(other.getImpl());
-  }
+  void add(const QelExtractableArray& other) const { _impl->addArray(other.getImpl()); }
   /// Index of the last element equal to `x`, or -1.
   long find(QelExtractable x) const;
   /// Removes every element that is ended or carries the removal mark,
@@ -94,7 +87,6 @@ class QEL_API QelExtractableArray : public QelArray<QelExtractable> {
 
 /// Prints an extractable array in the shared array form: nothing for an
 /// empty handle, else "[a, b, c]" with each element's display.
-QEL_API std::ostream& operator<<(std::ostream& os,
-                                 const QelArray<QelExtractable>& a);
+QEL_API std::ostream& operator<<(std::ostream& os, const QelArray<QelExtractable>& a);
 
 #endif

@@ -13,9 +13,7 @@ inline bool Marked(const QelExtractableI* x) {
 
 }  // namespace
 
-void QelExtractableList::release(Node* n, QelEnvI* env) {
-  env->free(n, sizeof(Node));
-}
+void QelExtractableList::release(Node* n, QelEnvI* env) { env->free(n, sizeof(Node)); }
 
 long QelExtractableList::getSize() const {
   long n = 0;
@@ -71,8 +69,7 @@ void QelExtractableList::add(const QelExtractableArray& xs) {
   }
 }
 
-void QelExtractableList::remove(const QelExtractableArray& xs,
-                                QelExtractableArray removed) {
+void QelExtractableList::remove(const QelExtractableArray& xs, QelExtractableArray removed) {
   QelArrayI* a = xs.getImpl();
   if (a == nullptr) throw QelEmptyHandleException();
   if (_head == nullptr) return;

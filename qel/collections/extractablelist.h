@@ -22,8 +22,8 @@ class QEL_API QelExtractableList {
  public:
   /// One node of the list.
   struct Node {
-    Node* next;                   ///< the next node, or null
-    QelExtractableI* extractable; ///< the member
+    Node* next;                    ///< the next node, or null
+    QelExtractableI* extractable;  ///< the member
   };
 
   /// An empty list (no environment yet).

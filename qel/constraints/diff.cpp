@@ -11,8 +11,7 @@ QelDiffI::QelDiffI(QelEnvI* env, QelNumExprI* x, double c, const char* name)
   _x->lockExpr();
 }
 
-QelDiffI::QelDiffI(QelEnvI* env, QelNumExprI* x, QelNumExprI* y,
-                   const char* name)
+QelDiffI::QelDiffI(QelEnvI* env, QelNumExprI* x, QelNumExprI* y, const char* name)
     : QelConstraintI(env, name), _x(x), _y(y), _constant(0.0) {
   _x->lockExpr();
   _y->lockExpr();

@@ -34,8 +34,7 @@ class QEL_API QelDiffI : public QelConstraintI {
   /// x != c; takes one use of `x`.
   QelDiffI(QelEnvI* env, QelNumExprI* x, double c, const char* name = nullptr);
   /// x != y; takes one use of `x` and one of `y`.
-  QelDiffI(QelEnvI* env, QelNumExprI* x, QelNumExprI* y,
-           const char* name = nullptr);
+  QelDiffI(QelEnvI* env, QelNumExprI* x, QelNumExprI* y, const char* name = nullptr);
   /// Gives the uses back (x always, y when present), then ends the
   /// constraint.
   ~QelDiffI() override;
@@ -75,8 +74,7 @@ class QEL_API QelDiff : public QelHandle<QelDiffI, QelConstraint> {
   /// x != y, built in (and placed in the memory of) x's environment, which
   /// is expected to be `env`. An empty `x` or `y` throws
   /// QelEmptyHandleException.
-  QelDiff(QelEnv env, QelNumExprArg x, QelNumExprArg y,
-          const char* name = nullptr);
+  QelDiff(QelEnv env, QelNumExprArg x, QelNumExprArg y, const char* name = nullptr);
 };
 
 #endif

@@ -12,8 +12,7 @@ QEL_EXTRACTABLE_DEF(QelSOS2I)
 // ---- the shared set body -----------------------------------------------------
 
 template <class Traits>
-QelSOSSetI<Traits>::QelSOSSetI(QelEnvI* env, const char* name)
-    : QelConstraintI(env, name) {
+QelSOSSetI<Traits>::QelSOSSetI(QelEnvI* env, const char* name) : QelConstraintI(env, name) {
   QelEnv e(env);
   _varArray = QelNumVarArray(QelExtractableArray(e, 0));
   try {
@@ -25,8 +24,7 @@ QelSOSSetI<Traits>::QelSOSSetI(QelEnvI* env, const char* name)
 }
 
 template <class Traits>
-QelSOSSetI<Traits>::QelSOSSetI(QelEnvI* env, QelNumVarArray vars,
-                               const char* name)
+QelSOSSetI<Traits>::QelSOSSetI(QelEnvI* env, QelNumVarArray vars, const char* name)
     : QelConstraintI(env, name), _varArray(vars) {
   try {
     _valArray = QelNumArray(QelEnv(env), 0);
@@ -38,8 +36,8 @@ QelSOSSetI<Traits>::QelSOSSetI(QelEnvI* env, QelNumVarArray vars,
 }
 
 template <class Traits>
-QelSOSSetI<Traits>::QelSOSSetI(QelEnvI* env, QelNumVarArray vars,
-                               QelNumArray vals, const char* name)
+QelSOSSetI<Traits>::QelSOSSetI(QelEnvI* env, QelNumVarArray vars, QelNumArray vals,
+                               const char* name)
     : QelConstraintI(env, name), _varArray(vars), _valArray(vals) {}
 
 template <class Traits>
@@ -123,8 +121,12 @@ void QelSOSSetI<Traits>::display(std::ostream& out) const {
   out << Traits::DisplayName << " (";
   printNameOrId(out, "");
   out << ")" << std::endl;
-  out << "  " << "_varArray" << " " << _varArray << std::endl;
-  out << "  " << "_valArray" << " " << _valArray << std::endl;
+  out << "  "
+      << "_varArray"
+      << " " << _varArray << std::endl;
+  out << "  "
+      << "_valArray"
+      << " " << _valArray << std::endl;
 }
 
 template class QelSOSSetI<QelSOS1Traits>;
@@ -134,10 +136,8 @@ template class QelSOSSetI<QelSOS2Traits>;
 
 template <class Traits>
 QelSOSHandle<Traits>::QelSOSHandle(QelEnv env, const char* name) {
-  if (env.getImpl() == nullptr)
-    throw QelEmptyHandleException("QelEnv: using empty handle");
-  this->_impl = QelNewObject<typename Traits::SetI>(env.getImpl(),
-                                                    env.getImpl(), name);
+  if (env.getImpl() == nullptr) throw QelEmptyHandleException("QelEnv: using empty handle");
+  this->_impl = QelNewObject<typename Traits::SetI>(env.getImpl(), env.getImpl(), name);
 }
 
 template class QelSOSHandle<QelSOS1Traits>;
@@ -174,8 +174,7 @@ QelEnvI* QelAddVarToSOSNotice<Traits>::getEnv() const {
 
 template <class Traits>
 QelAddExtractable* QelAddVarToSOSNotice<Traits>::getCopy(QelEnvI* env) const {
-  return QelColumnNotice<AddNotice>::Copy(static_cast<const AddNotice&>(*this),
-                                          env);
+  return QelColumnNotice<AddNotice>::Copy(static_cast<const AddNotice&>(*this), env);
 }
 
 template <class Traits>
@@ -206,8 +205,7 @@ void QelAddVarToSOSNotice<Traits>::apply() const {
     _set->addVal(_weight);
   }
   try {
-    _set->addVar(
-        QelNumVar(static_cast<QelNumVarI*>(const_cast<QelExtractableI*>(getObj()))));
+    _set->addVar(QelNumVar(static_cast<QelNumVarI*>(const_cast<QelExtractableI*>(getObj()))));
   } catch (...) {
     // The variable could not join (refused memory): its weight goes too.
     if (vals.getSize() > weights) vals.remove(weights, vals.getSize() - weights);

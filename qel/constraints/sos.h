@@ -102,8 +102,7 @@ class QEL_API QelSOSSetI : public QelConstraintI {
   /// Adopts the array of `vars` (no copy); the weights start empty.
   QelSOSSetI(QelEnvI* env, QelNumVarArray vars, const char* name = nullptr);
   /// Adopts both arrays as they are; their sizes are not compared.
-  QelSOSSetI(QelEnvI* env, QelNumVarArray vars, QelNumArray vals,
-             const char* name = nullptr);
+  QelSOSSetI(QelEnvI* env, QelNumVarArray vars, QelNumArray vals, const char* name = nullptr);
   /// Ends both arrays, then the constraint.
   ~QelSOSSetI() override;
 
@@ -169,8 +168,7 @@ class QEL_API QelSOS2I : public QelSOSSetI<QelSOS2Traits> {
 
 /// The handle body shared by both types.
 template <class Traits>
-class QEL_API QelSOSHandle
-    : public QelHandle<typename Traits::SetI, QelConstraint> {
+class QEL_API QelSOSHandle : public QelHandle<typename Traits::SetI, QelConstraint> {
  public:
   /// An empty handle.
   QelSOSHandle() = default;
@@ -238,8 +236,7 @@ class QEL_API QelSOS1RemoveVar : public QelSOSRemoveVarNotice<QelSOS1Traits> {
 
  public:
   /// `var` was removed from `set`.
-  QelSOS1RemoveVar(QelNumVar var, QelSOS1I* set)
-      : QelSOSRemoveVarNotice(var, set) {}
+  QelSOS1RemoveVar(QelNumVar var, QelSOS1I* set) : QelSOSRemoveVarNotice(var, set) {}
 };
 
 /// A variable was removed from a set of type 2.
@@ -248,8 +245,7 @@ class QEL_API QelSOS2RemoveVar : public QelSOSRemoveVarNotice<QelSOS2Traits> {
 
  public:
   /// `var` was removed from `set`.
-  QelSOS2RemoveVar(QelNumVar var, QelSOS2I* set)
-      : QelSOSRemoveVarNotice(var, set) {}
+  QelSOS2RemoveVar(QelNumVar var, QelSOS2I* set) : QelSOSRemoveVarNotice(var, set) {}
 };
 
 /// The body shared by the column-wise addition notices of both types: the
@@ -309,8 +305,7 @@ class QEL_API QelAddVarToSOS1 : public QelAddVarToSOSNotice<QelSOS1Traits> {
 
  public:
   /// A variable is to join `set` with `weight`.
-  QelAddVarToSOS1(QelSOS1I* set, double weight)
-      : QelAddVarToSOSNotice(set, weight) {}
+  QelAddVarToSOS1(QelSOS1I* set, double weight) : QelAddVarToSOSNotice(set, weight) {}
   /// The set (this slot bears its own name and overrides nothing).
   virtual QelExtractableI* getChangedExtractabl() const;
 };
@@ -322,8 +317,7 @@ class QEL_API QelAddVarToSOS2 : public QelAddVarToSOSNotice<QelSOS2Traits> {
 
  public:
   /// A variable is to join `set` with `weight`.
-  QelAddVarToSOS2(QelSOS2I* set, double weight)
-      : QelAddVarToSOSNotice(set, weight) {}
+  QelAddVarToSOS2(QelSOS2I* set, double weight) : QelAddVarToSOSNotice(set, weight) {}
   /// The set.
   QelExtractableI* getChangedExtractable() const override;
 };

@@ -4,11 +4,9 @@
 #include <qel/constraints/sosarray.h>
 
 void QelSOS1ArrayTraits::CheckCount(QelInt n, long k) {
-  QelExtractableArray::CheckCount("QelSOS1Array::QelSOS1Array: n !=",
-                                  static_cast<long>(n), k);
+  QelExtractableArray::CheckCount("QelSOS1Array::QelSOS1Array: n !=", static_cast<long>(n), k);
 }
 
 void QelSOS2ArrayTraits::CheckCount(QelInt n, long k) {
-  QelExtractableArray::CheckCount("QelSOS2Array::QelSOS2Array: n !=",
-                                  static_cast<long>(n), k);
+  QelExtractableArray::CheckCount("QelSOS2Array::QelSOS2Array: n !=", static_cast<long>(n), k);
 }

@@ -47,11 +47,9 @@ class QelSOSArray : public QelExtractableArray {
   /// `env`; throws QelWrongUsage when n differs from k (the empty array
   /// already made stays in the handle, and no set is added).
   template <class... Sets,
-            class = std::enable_if_t<
-                (sizeof...(Sets) >= 1 && sizeof...(Sets) <= 10) &&
-                (std::is_convertible<Sets, Handle>::value && ...)>>
-  QelSOSArray(QelEnv env, QelInt n, const Sets&... sets)
-      : QelExtractableArray(env, 0) {
+            class = std::enable_if_t<(sizeof...(Sets) >= 1 && sizeof...(Sets) <= 10) &&
+                                     (std::is_convertible<Sets, Handle>::value && ...)>>
+  QelSOSArray(QelEnv env, QelInt n, const Sets&... sets) : QelExtractableArray(env, 0) {
     Traits::CheckCount(n, static_cast<long>(sizeof...(Sets)));
     // A set that cannot be added (refused memory) takes the array with it.
     try {

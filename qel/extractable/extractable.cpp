@@ -25,8 +25,7 @@ QelExtractableI::QelExtractableI(QelEnvI* env, const char* name)
 
 QelExtractableI::~QelExtractableI() {
   if (_id >= 0) _env->removeFromAllAndDestroy(this, 1);
-  if (QelDecisionExprMap* map = _env->getDecisionExprMapOrNull())
-    map->remove(this);
+  if (QelDecisionExprMap* map = _env->getDecisionExprMapOrNull()) map->remove(this);
   releaseExtension();
 }
 
@@ -48,9 +47,7 @@ void QelExtractableI::setNameNoNotif(const char* name) {
 }
 
 void QelExtractableI::setName(const char* name) {
-  if (name == nullptr &&
-      (_extension == nullptr || _extension->getName() == nullptr))
-    return;
+  if (name == nullptr && (_extension == nullptr || _extension->getName() == nullptr)) return;
   setNameNoNotif(name);
   QelSetNameChange change(this);
   notify(change);
@@ -64,9 +61,7 @@ const char* QelExtractableI::getFile() const {
   return _extension != nullptr ? _extension->getFile() : nullptr;
 }
 
-int QelExtractableI::getLine() const {
-  return _extension != nullptr ? _extension->getLine() : 0;
-}
+int QelExtractableI::getLine() const { return _extension != nullptr ? _extension->getLine() : 0; }
 
 void QelExtractableI::setObject(void* object) {
   if (_extension != nullptr)
@@ -116,9 +111,7 @@ void QelExtractableI::display(std::ostream& os) const {
 }
 
 void* QelExtractableI::whenAddedToCP(QelAlgorithm, void*) const { return nullptr; }
-void* QelExtractableI::whenRemovedFromCP(QelAlgorithm, void*) const {
-  return nullptr;
-}
+void* QelExtractableI::whenRemovedFromCP(QelAlgorithm, void*) const { return nullptr; }
 void QelExtractableI::changeParameter(const QelParameterExtractableLinkI*) {}
 void QelExtractableI::endParameter(const QelParameterExtractableLinkI*) {}
 QelBool QelExtractableI::hasNongroundType() const { return false; }
@@ -210,8 +203,7 @@ std::ostream& operator<<(std::ostream& os, const QelExtractable& x) {
   return os;
 }
 
-QelExtractable::NoCloneMechanismException::NoCloneMechanismException(
-    const QelExtractableI* x)
+QelExtractable::NoCloneMechanismException::NoCloneMechanismException(const QelExtractableI* x)
     : QelException("Extractable do not have clone mechanism", 0),
       _x(x),
       _id(x != nullptr ? x->getId() : -1) {}

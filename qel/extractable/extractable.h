@@ -117,9 +117,7 @@ class QEL_API QelExtractableI : public QelRttiEnvObjectI {
   /// The object's id in its environment; -1 once ended.
   QelInt getId() const { return _id; }
   /// The name, or null.
-  const char* getName() const {
-    return _extension != nullptr ? _extension->getName() : nullptr;
-  }
+  const char* getName() const { return _extension != nullptr ? _extension->getName() : nullptr; }
   /// The extension record, or null when nothing was stored yet.
   QelExtension* getExtension() const { return _extension; }
   /// Stores a copy of `name` (null clears it); no notice.

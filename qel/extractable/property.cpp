@@ -28,45 +28,39 @@ struct ValueStore {
 };
 template <>
 struct ValueStore<const char*> {
-  static const char* Copy(QelGenAlloc* a, const char* v) {
-    return QelCopyString(a, v);
-  }
-  static void Release(QelGenAlloc* a, const char* v) {
-    QelFreeString(a, const_cast<char*>(v));
-  }
+  static const char* Copy(QelGenAlloc* a, const char* v) { return QelCopyString(a, v); }
+  static void Release(QelGenAlloc* a, const char* v) { QelFreeString(a, const_cast<char*>(v)); }
 };
 
 }  // namespace
 
-#define QEL_NAMED_PROPERTY_DEF(C, T)                                           \
-  QEL_RTTI_DEF(C)                                                              \
-  C* C::Make(QelGenAlloc* alloc, const char* name, T value) {                  \
-    void* block = alloc->alloc(sizeof(C));                                     \
-    C* p = nullptr;                                                            \
-    try {                                                                      \
-      p = new (block) C(alloc, name);                                          \
-      p->_value = ValueStore<T>::Copy(alloc, value);                           \
-    } catch (...) {                                                            \
-      if (p != nullptr) p->releaseName();                                      \
-      alloc->free(block, sizeof(C));                                           \
-      throw;                                                                   \
-    }                                                                          \
-    return p;                                                                  \
-  }                                                                            \
-  void C::setValue(T value) {                                                  \
-    T copy = ValueStore<T>::Copy(_alloc, value);                               \
-    ValueStore<T>::Release(_alloc, _value);                                    \
-    _value = copy;                                                             \
-  }                                                                            \
-  QelNamedPropertyI* C::makeClone(QelGenAlloc* alloc) const {                  \
-    return Make(alloc, _name, _value);                                         \
-  }                                                                            \
-  void C::end() {                                                              \
-    QelGenAlloc* alloc = _alloc;                                               \
-    ValueStore<T>::Release(alloc, _value);                                     \
-    releaseName();                                                             \
-    this->~C();                                                                \
-    alloc->free(this, sizeof(C));                                              \
+#define QEL_NAMED_PROPERTY_DEF(C, T)                                                               \
+  QEL_RTTI_DEF(C)                                                                                  \
+  C* C::Make(QelGenAlloc* alloc, const char* name, T value) {                                      \
+    void* block = alloc->alloc(sizeof(C));                                                         \
+    C* p = nullptr;                                                                                \
+    try {                                                                                          \
+      p = new (block) C(alloc, name);                                                              \
+      p->_value = ValueStore<T>::Copy(alloc, value);                                               \
+    } catch (...) {                                                                                \
+      if (p != nullptr) p->releaseName();                                                          \
+      alloc->free(block, sizeof(C));                                                               \
+      throw;                                                                                       \
+    }                                                                                              \
+    return p;                                                                                      \
+  }                                                                                                \
+  void C::setValue(T value) {                                                                      \
+    T copy = ValueStore<T>::Copy(_alloc, value);                                                   \
+    ValueStore<T>::Release(_alloc, _value);                                                        \
+    _value = copy;                                                                                 \
+  }                                                                                                \
+  QelNamedPropertyI* C::makeClone(QelGenAlloc* alloc) const { return Make(alloc, _name, _value); } \
+  void C::end() {                                                                                  \
+    QelGenAlloc* alloc = _alloc;                                                                   \
+    ValueStore<T>::Release(alloc, _value);                                                         \
+    releaseName();                                                                                 \
+    this->~C();                                                                                    \
+    alloc->free(this, sizeof(C));                                                                  \
   }
 
 QEL_NAMED_PROPERTY_DEF(QelNamedStringPropertyI, const char*)
@@ -81,8 +75,7 @@ QelNamedPropertySetI* QelNamedPropertySetI::Make(QelMemoryManager m) {
   return new (alloc->alloc(sizeof(QelNamedPropertySetI))) QelNamedPropertySetI(m);
 }
 
-QelNamedPropertySetI::QelNamedPropertySetI(QelMemoryManager m)
-    : _alloc(m.getAllocator()) {}
+QelNamedPropertySetI::QelNamedPropertySetI(QelMemoryManager m) : _alloc(m.getAllocator()) {}
 
 void QelNamedPropertySetI::end() {
   QelNamedPropertyI* p = _head;
@@ -132,8 +125,7 @@ QelBool QelNamedPropertySetI::removeProperty(const char* name) {
 }
 
 QelBool QelNamedPropertySetI::removeProperty(QelNamedPropertyI* p) {
-  for (QelNamedPropertyI** link = &_head; *link != nullptr;
-       link = &(*link)->_next) {
+  for (QelNamedPropertyI** link = &_head; *link != nullptr; link = &(*link)->_next) {
     if (*link != p) continue;
     // A release the environment refuses (foreign thread, allocation off)
     // must find the property still in the set.

@@ -54,27 +54,27 @@ class QEL_API QelNamedPropertyI {
 
 /// Declares a typed property implementation class C holding a value of
 /// type T; the four families share this one definition.
-#define QEL_NAMED_PROPERTY_IMPL(C, T)                                          \
-  class QEL_API C : public QelNamedPropertyI {                                 \
-    QEL_RTTI_DECL(C, QelNamedPropertyI)                                        \
-                                                                               \
-   public:                                                                     \
-    /** The value type of the family. */                                      \
-    using EmbeddedType = T;                                                    \
-    /** A new property in `alloc` (placed there by Make). */                  \
-    static C* Make(QelGenAlloc* alloc, const char* name, T value);             \
-    /** The value. */                                                          \
-    T getValue() const { return _value; }                                      \
-    /** Replaces the value. */                                                 \
-    void setValue(T value);                                                    \
-    /** A copy in `alloc`. */                                                  \
-    QelNamedPropertyI* makeClone(QelGenAlloc* alloc) const override;           \
-    /** Destroys the property and gives its memory back. */                   \
-    void end() override;                                                       \
-                                                                               \
-   private:                                                                    \
+#define QEL_NAMED_PROPERTY_IMPL(C, T)                                           \
+  class QEL_API C : public QelNamedPropertyI {                                  \
+    QEL_RTTI_DECL(C, QelNamedPropertyI)                                         \
+                                                                                \
+   public:                                                                      \
+    /** The value type of the family. */                                        \
+    using EmbeddedType = T;                                                     \
+    /** A new property in `alloc` (placed there by Make). */                    \
+    static C* Make(QelGenAlloc* alloc, const char* name, T value);              \
+    /** The value. */                                                           \
+    T getValue() const { return _value; }                                       \
+    /** Replaces the value. */                                                  \
+    void setValue(T value);                                                     \
+    /** A copy in `alloc`. */                                                   \
+    QelNamedPropertyI* makeClone(QelGenAlloc* alloc) const override;            \
+    /** Destroys the property and gives its memory back. */                     \
+    void end() override;                                                        \
+                                                                                \
+   private:                                                                     \
     C(QelGenAlloc* alloc, const char* name) : QelNamedPropertyI(alloc, name) {} \
-    T _value{};                                                                \
+    T _value{};                                                                 \
   };
 
 QEL_NAMED_PROPERTY_IMPL(QelNamedStringPropertyI, const char*)
@@ -95,8 +95,7 @@ class QelNamedPropertyHandle {
   /// A handle on `impl`.
   QelNamedPropertyHandle(I* impl) : _impl(impl) {}
   /// A new property called `name` with `value`, in the memory of `m`.
-  QelNamedPropertyHandle(QelMemoryManager m, const char* name,
-                         EmbeddedType value)
+  QelNamedPropertyHandle(QelMemoryManager m, const char* name, EmbeddedType value)
       : _impl(I::Make(m.getAllocator(), name, value)) {}
   /// The implementation, or null.
   I* getImpl() const { return _impl; }
@@ -189,15 +188,13 @@ template <class P, class Owner>
 void QelGetPropertyI(const char* name, const Owner* owner, P& result) {
   QelNamedPropertyI* p = owner->getProperty(name);
   if (p == nullptr) throw QelNamedPropertySet::NotPresent(name);
-  if (!p->isType(P::ImplClass::GetTypeInfo()))
-    throw QelNamedPropertySet::BadType(name);
+  if (!p->isType(P::ImplClass::GetTypeInfo())) throw QelNamedPropertySet::BadType(name);
   result = P(static_cast<typename P::ImplClass*>(p));
 }
 
 /// Reads the value of the property `name` of `owner`.
 template <class P, class Owner>
-void QelGetPropertyValueI(const char* name, const Owner* owner,
-                          typename P::EmbeddedType& value) {
+void QelGetPropertyValueI(const char* name, const Owner* owner, typename P::EmbeddedType& value) {
   P p;
   QelGetPropertyI<P, Owner>(name, owner, p);
   value = p.getImpl()->getValue();
@@ -205,8 +202,7 @@ void QelGetPropertyValueI(const char* name, const Owner* owner,
 
 /// Sets the property `name` of `owner`, adding it when absent.
 template <class P, class Owner>
-void QelSetPropertyValueI(const char* name, Owner* owner,
-                          typename P::EmbeddedType value) {
+void QelSetPropertyValueI(const char* name, Owner* owner, typename P::EmbeddedType value) {
   if (owner->hasProperty(name)) {
     P p;
     QelGetPropertyI<P, Owner>(name, owner, p);

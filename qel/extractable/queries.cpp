@@ -21,20 +21,12 @@ QelConstraint QelExtractable::asConstraint() const {
   return As<QelConstraint, QelConstraintI>(*this);
 }
 QelBool QelExtractable::isObjective() const { return Is<QelObjectiveI>(*this); }
-QelObjective QelExtractable::asObjective() const {
-  return As<QelObjective, QelObjectiveI>(*this);
-}
+QelObjective QelExtractable::asObjective() const { return As<QelObjective, QelObjectiveI>(*this); }
 QelBool QelExtractable::isModel() const { return Is<QelModelI>(*this); }
 QelModel QelExtractable::asModel() const { return As<QelModel, QelModelI>(*this); }
 QelBool QelExtractable::isNumExpr() const { return Is<QelNumExprI>(*this); }
-QelNumExpr QelExtractable::asNumExpr() const {
-  return As<QelNumExpr, QelNumExprI>(*this);
-}
+QelNumExpr QelExtractable::asNumExpr() const { return As<QelNumExpr, QelNumExprI>(*this); }
 QelBool QelExtractable::isIntExpr() const { return Is<QelIntExprI>(*this); }
-QelIntExpr QelExtractable::asIntExpr() const {
-  return As<QelIntExpr, QelIntExprI>(*this);
-}
+QelIntExpr QelExtractable::asIntExpr() const { return As<QelIntExpr, QelIntExprI>(*this); }
 QelBool QelExtractable::isVariable() const { return Is<QelNumVarI>(*this); }
-QelNumVar QelExtractable::asVariable() const {
-  return As<QelNumVar, QelNumVarI>(*this);
-}
+QelNumVar QelExtractable::asVariable() const { return As<QelNumVar, QelNumVarI>(*this); }

@@ -8,8 +8,7 @@ void QelExtractableVisitor::visitChildren(QelExtractableI*, QelExtractableI*) {}
 void QelExtractableVisitor::endVisit(QelExtractableI*) {}
 QelBool QelExtractableVisitor::stop() const { return false; }
 
-void QelExtractableVisitor::visitChildren(QelExtractableI* parent,
-                                          QelExtractableArray children) {
+void QelExtractableVisitor::visitChildren(QelExtractableI* parent, QelExtractableArray children) {
   QelArrayI* a = children.getImpl();
   if (a == nullptr) return;
   long n = a->getSize();
@@ -21,14 +20,12 @@ void QelExtractableVisitor::visitChildren(QelExtractableI* parent,
 
 // ---- QelFindMarkedVisitor ---------------------------------------------------
 
-void QelFindMarkedVisitor::visitChildren(QelExtractableI*,
-                                         QelExtractableI* child) {
+void QelFindMarkedVisitor::visitChildren(QelExtractableI*, QelExtractableI* child) {
   if (found != 0) return;
   if (QelEnvI::IsMarked(child)) found = 1;
 }
 
-void QelFindMarkedVisitor::visitChildren(QelExtractableI* parent,
-                                         QelExtractableArray children) {
+void QelFindMarkedVisitor::visitChildren(QelExtractableI* parent, QelExtractableArray children) {
   if (found == 0) QelExtractableVisitor::visitChildren(parent, children);
 }
 
@@ -38,13 +35,11 @@ void QelFindNongroundTerm::beginVisit(QelExtractableI* x) {
   if (x->hasNongroundType()) found = 1;
 }
 
-void QelFindNongroundTerm::visitChildren(QelExtractableI*,
-                                         QelExtractableI* child) {
+void QelFindNongroundTerm::visitChildren(QelExtractableI*, QelExtractableI* child) {
   if (found == 0 && child != nullptr) child->visitSubExtractables(this);
 }
 
-void QelFindNongroundTerm::visitChildren(QelExtractableI*,
-                                         QelExtractableArray children) {
+void QelFindNongroundTerm::visitChildren(QelExtractableI*, QelExtractableArray children) {
   if (found != 0) return;
   QelArrayI* a = children.getImpl();
   if (a == nullptr) return;
@@ -78,8 +73,7 @@ void QelFindDecisionVar::visitChildren(QelExtractableI*, QelExtractableI* child)
   child->visitSubExtractables(this);
 }
 
-void QelFindDecisionVar::visitChildren(QelExtractableI*,
-                                       QelExtractableArray children) {
+void QelFindDecisionVar::visitChildren(QelExtractableI*, QelExtractableArray children) {
   if (found != 0) return;
   QelArrayI* a = children.getImpl();
   if (a == nullptr) return;

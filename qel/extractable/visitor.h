@@ -34,8 +34,7 @@ class QEL_API QelExtractableVisitor {
   virtual void endVisit(QelExtractableI* x);
   /// The elements of `children` are direct sub-extractables of `parent`:
   /// asks stop() before each element and calls the one-child form.
-  virtual void visitChildren(QelExtractableI* parent,
-                             QelExtractableArray children);
+  virtual void visitChildren(QelExtractableI* parent, QelExtractableArray children);
   /// Whether the walk should stop; false.
   virtual QelBool stop() const;
 };
@@ -47,8 +46,7 @@ class QEL_API QelFindMarkedVisitor : public QelExtractableVisitor {
   /// Sets found when `child` is marked.
   void visitChildren(QelExtractableI* parent, QelExtractableI* child) override;
   /// The base array walk, unless already found.
-  void visitChildren(QelExtractableI* parent,
-                     QelExtractableArray children) override;
+  void visitChildren(QelExtractableI* parent, QelExtractableArray children) override;
   /// found.
   QelBool stop() const override { return found != 0; }
   /// Non-zero once a marked sub-extractable was seen.
@@ -63,8 +61,7 @@ class QEL_API QelFindNongroundTerm : public QelExtractableVisitor {
   /// Descends into `child`.
   void visitChildren(QelExtractableI* parent, QelExtractableI* child) override;
   /// Descends into each element until found.
-  void visitChildren(QelExtractableI* parent,
-                     QelExtractableArray children) override;
+  void visitChildren(QelExtractableI* parent, QelExtractableArray children) override;
   /// found.
   QelBool stop() const override { return found != 0; }
   /// Non-zero once a non-ground term was seen.
@@ -80,8 +77,7 @@ class QEL_API QelFindDecisionVar : public QelExtractableVisitor {
   /// Consults the cache, then descends into `child`.
   void visitChildren(QelExtractableI* parent, QelExtractableI* child) override;
   /// Consults the cache, then descends into each element until found.
-  void visitChildren(QelExtractableI* parent,
-                     QelExtractableArray children) override;
+  void visitChildren(QelExtractableI* parent, QelExtractableArray children) override;
   /// found.
   QelBool stop() const override { return found != 0; }
   /// Non-zero once a decision variable was seen.

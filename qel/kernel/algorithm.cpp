@@ -97,8 +97,7 @@ void QelAlgorithmI::extract(QelExtractableI* x) {
 
 void QelAlgorithmI::unextract(QelExtractableI* x) {
   if (x == nullptr) throw QelEmptyHandleException();
-  if (_mode == QelListenMode::Hooks)
-    x->unextractFromCP(QelAlgorithm(this), _hookData);
+  if (_mode == QelListenMode::Hooks) x->unextractFromCP(QelAlgorithm(this), _hookData);
   _env->getRegistry().unrecord(x->getId(), _slot);
 }
 
@@ -162,8 +161,7 @@ QelBool QelAlgorithmI::hasValue(const QelNumVarI* v) const {
 }
 
 double QelAlgorithmI::getValue(const QelNumVarI* v) const {
-  if (!hasValue(v))
-    throw QelWrongUsage("QelAlgorithm: no value for this variable");
+  if (!hasValue(v)) throw QelWrongUsage("QelAlgorithm: no value for this variable");
   return _values[v->getId()];
 }
 
@@ -205,11 +203,8 @@ double QelAlgorithm::getValue(const QelNumExpr& e) const {
   return _impl->getValue(e.getImpl());
 }
 
-QelEnv QelAlgorithm::getEnv() const {
-  return QelEnv(_impl != nullptr ? _impl->getEnv() : nullptr);
-}
+QelEnv QelAlgorithm::getEnv() const { return QelEnv(_impl != nullptr ? _impl->getEnv() : nullptr); }
 
-QelAlgorithm::CannotChangeException::CannotChangeException(
-    const QelAlgorithmI* algorithm)
+QelAlgorithm::CannotChangeException::CannotChangeException(const QelAlgorithmI* algorithm)
     : QelException("QelAlgorithm: no engine hook to follow this change", 0),
       _algorithm(algorithm) {}

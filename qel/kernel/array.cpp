@@ -19,8 +19,7 @@ QelArrayI::QelArrayI(QelGenAlloc* alloc, long size, long elementSize)
   init(size < 0 ? 0 : size);
 }
 
-QelArrayI::QelArrayI(QelGenAlloc* alloc, QelArrayI* source)
-    : _alloc(alloc), _blocks(_inlineTable) {
+QelArrayI::QelArrayI(QelGenAlloc* alloc, QelArrayI* source) : _alloc(alloc), _blocks(_inlineTable) {
   long n = source->getSize();
   init(n);
   for (long i = 0; i < n; ++i) rawAt(i) = source->rawAt(i);
@@ -87,8 +86,7 @@ void QelArrayI::reblock(long newShift, long minCapacity) {
   long blocks = (minCapacity + blockElems - 1) / blockElems;
   size_t blockBytes = sizeof(std::uint64_t) << newShift;
   size_t tableBytes = sizeof(void*) * static_cast<size_t>(blocks);
-  void** table = blocks == 1 ? nullptr
-                             : static_cast<void**>(_alloc->alloc(tableBytes));
+  void** table = blocks == 1 ? nullptr : static_cast<void**>(_alloc->alloc(tableBytes));
   void* first = nullptr;
   long made = 0;
   try {
@@ -101,8 +99,7 @@ void QelArrayI::reblock(long newShift, long minCapacity) {
         first = b;
     }
   } catch (...) {
-    for (long i = 0; i < made; ++i)
-      _alloc->free(table != nullptr ? table[i] : first, blockBytes);
+    for (long i = 0; i < made; ++i) _alloc->free(table != nullptr ? table[i] : first, blockBytes);
     if (table != nullptr) _alloc->free(table, tableBytes);
     throw;
   }
@@ -148,8 +145,7 @@ void QelArrayI::grow(long newSize) {
   if (needed > _blockTableCapacity) {
     long cap = _blockTableCapacity * 2;
     while (cap < needed) cap *= 2;
-    void** table =
-        static_cast<void**>(_alloc->alloc(sizeof(void*) * static_cast<size_t>(cap)));
+    void** table = static_cast<void**>(_alloc->alloc(sizeof(void*) * static_cast<size_t>(cap)));
     for (long b = 0; b < _blockCount; ++b) table[b] = _blocks[b];
     if (_blocks != _inlineTable)
       _alloc->free(_blocks, sizeof(void*) * static_cast<size_t>(_blockTableCapacity));
@@ -183,14 +179,12 @@ void QelArrayI::addArray(QelArrayI* other) {
 
 std::ostream& operator<<(std::ostream& os, const QelNumArray& a) {
   if (a.getImpl() == nullptr) return os;
-  QelPrintArrayForm(os, a.getSize(),
-                    [&a](std::ostream& o, long i) { o << a[i]; });
+  QelPrintArrayForm(os, a.getSize(), [&a](std::ostream& o, long i) { o << a[i]; });
   return os;
 }
 
 std::ostream& operator<<(std::ostream& os, const QelIntArray& a) {
   if (a.getImpl() == nullptr) return os;
-  QelPrintArrayForm(os, a.getSize(),
-                    [&a](std::ostream& o, long i) { o << a[i]; });
+  QelPrintArrayForm(os, a.getSize(), [&a](std::ostream& o, long i) { o << a[i]; });
   return os;
 }

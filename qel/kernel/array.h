@@ -196,8 +196,7 @@ class QelArray : public QelArrayBase {
   QelArray(QelEnv env, long n)
       : QelArrayBase(QelArrayI::Make(env.getImpl()->getGeneralAllocator(), n)) {}
   /// An array of `n` zero elements from memory manager `m`.
-  QelArray(QelMemoryManager m, long n)
-      : QelArrayBase(QelArrayI::Make(m.getAllocator(), n)) {}
+  QelArray(QelMemoryManager m, long n) : QelArrayBase(QelArrayI::Make(m.getAllocator(), n)) {}
   /// Element i.
   T operator[](long i) const { return QelArrayGet<T>(_impl, i); }
   /// Element i.

@@ -35,8 +35,7 @@ double QelConstraintI::eval(QelAlgorithm) const {
 // QelRangeI
 // ===========================================================================
 
-QelRangeI::QelRangeI(QelEnvI* env, double lb, QelNumExprI* expr, double ub,
-                     const char* name)
+QelRangeI::QelRangeI(QelEnvI* env, double lb, QelNumExprI* expr, double ub, const char* name)
     : QelConstraintI(env, name), _lb(lb), _expr(expr), _ub(ub) {
   if (_expr != nullptr) _expr->lockExpr();
 }
@@ -46,8 +45,7 @@ QelRangeI::~QelRangeI() {
 }
 
 QelExtractableI* QelRangeI::makeClone(QelEnvI* env) const {
-  QelNumExprI* expr =
-      _expr != nullptr ? static_cast<QelNumExprI*>(env->getClone(_expr)) : nullptr;
+  QelNumExprI* expr = _expr != nullptr ? static_cast<QelNumExprI*>(env->getClone(_expr)) : nullptr;
   return QelNewObject<QelRangeI>(env, env, _lb, expr, _ub);
 }
 
@@ -71,10 +69,9 @@ double QelRangeI::eval(QelAlgorithm alg) const {
   return (_lb <= v && v <= _ub) ? 1.0 : 0.0;
 }
 
-QelRange::QelRange(QelEnv env, double lb, const QelNumExpr& expr, double ub,
-                   const char* name)
-    : QelHandle<QelRangeI, QelConstraint>(QelNewObject<QelRangeI>(
-          EnvOf(env), EnvOf(env), lb, expr.getImpl(), ub, name)) {}
+QelRange::QelRange(QelEnv env, double lb, const QelNumExpr& expr, double ub, const char* name)
+    : QelHandle<QelRangeI, QelConstraint>(
+          QelNewObject<QelRangeI>(EnvOf(env), EnvOf(env), lb, expr.getImpl(), ub, name)) {}
 
 namespace {
 
@@ -117,7 +114,7 @@ std::size_t HashOf(double v) {
 QelNumSet::QelNumSet(QelEnv env) : _env(EnvOf(env)) {}
 
 void QelNumSet::add(double v) {
-  if (v == 0) v = 0.0;  // -0.0 and 0.0 are one value
+  if (v == 0) v = 0.0;      // -0.0 and 0.0 are one value
   if (contains(v)) return;  // never true for NaN: each NaN is a new value
   if ((_count + 1) * 2 > _capacity) rehash(_capacity == 0 ? 16 : _capacity * 2);
   std::size_t mask = static_cast<std::size_t>(_capacity - 1);
@@ -138,8 +135,8 @@ QelBool QelNumSet::contains(double v) const {
 }
 
 void QelNumSet::rehash(long capacity) {
-  auto* values = static_cast<double*>(
-      _env->alloc(sizeof(double) * static_cast<std::size_t>(capacity)));
+  auto* values =
+      static_cast<double*>(_env->alloc(sizeof(double) * static_cast<std::size_t>(capacity)));
   unsigned char* used = nullptr;
   try {
     used = static_cast<unsigned char*>(_env->alloc(static_cast<std::size_t>(capacity)));
@@ -183,16 +180,14 @@ void QelNumSet::end() {
 // QelIntSetVarI
 // ===========================================================================
 
-QelIntSetVarI::QelIntSetVarI(QelEnvI* env, const QelIntArray& possible,
-                             const char* name)
+QelIntSetVarI::QelIntSetVarI(QelEnvI* env, const QelIntArray& possible, const char* name)
     : QelExtractableI(env, name), _card(nullptr) {
   QelGenAlloc* alloc = env->getGeneralAllocator();
   _possible = possible.getImpl() != nullptr
                   ? QelIntArray(QelArrayI::MakeCopy(alloc, possible.getImpl()))
                   : QelIntArray(QelArrayI::Make(alloc, 0));
   try {
-    _card = QelNewObject<QelNumVarI>(env, env, 0.0,
-                                     static_cast<double>(_possible.getSize()),
+    _card = QelNewObject<QelNumVarI>(env, env, 0.0, static_cast<double>(_possible.getSize()),
                                      QelVarType::Int);
   } catch (...) {
     QelIntArray copy = _possible;
@@ -255,7 +250,6 @@ void QelIntervalVarI::display(std::ostream& os) const {
   os << "[size=" << _size << ", start=" << _start << ", end=" << _end << "]";
 }
 
-QelIntervalVar::QelIntervalVar(QelEnv env, QelInt size, QelInt start, QelInt end,
-                               const char* name)
+QelIntervalVar::QelIntervalVar(QelEnv env, QelInt size, QelInt start, QelInt end, const char* name)
     : QelHandle<QelIntervalVarI, QelExtractable>(
           QelNewObject<QelIntervalVarI>(EnvOf(env), EnvOf(env), size, start, end, name)) {}

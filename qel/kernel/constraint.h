@@ -22,8 +22,7 @@ class QEL_API QelConstraintI : public QelExtractableI {
 
  public:
   /// A constraint registered in `env`.
-  explicit QelConstraintI(QelEnvI* env, const char* name = nullptr)
-      : QelExtractableI(env, name) {}
+  explicit QelConstraintI(QelEnvI* env, const char* name = nullptr) : QelExtractableI(env, name) {}
   /// Destroys the constraint.
   ~QelConstraintI() override;
   /// true.
@@ -49,8 +48,7 @@ class QEL_API QelRangeI : public QelConstraintI {
  public:
   /// lb <= expr <= ub; takes one use of `expr` (null: a range without
   /// expression).
-  QelRangeI(QelEnvI* env, double lb, QelNumExprI* expr, double ub,
-            const char* name = nullptr);
+  QelRangeI(QelEnvI* env, double lb, QelNumExprI* expr, double ub, const char* name = nullptr);
   /// Gives the use of the expression back.
   ~QelRangeI() override;
   /// A copy in `env` with the expression's clone.
@@ -81,8 +79,7 @@ class QEL_API QelRange : public QelHandle<QelRangeI, QelConstraint> {
   /// An empty handle.
   QelRange() = default;
   /// A new range lb <= expr <= ub in `env`.
-  QelRange(QelEnv env, double lb, const QelNumExpr& expr, double ub,
-           const char* name = nullptr);
+  QelRange(QelEnv env, double lb, const QelNumExpr& expr, double ub, const char* name = nullptr);
   /// The linear terms of the range's expression: an empty handle throws
   /// QelWrongUsage "empty handle", a range without expression
   /// "can not get an iterator".
@@ -127,8 +124,7 @@ class QEL_API QelIntSetVarI : public QelExtractableI {
  public:
   /// A set variable over the values `possible` (copied), with its
   /// cardinality variable in [0, size of possible].
-  QelIntSetVarI(QelEnvI* env, const QelIntArray& possible,
-                const char* name = nullptr);
+  QelIntSetVarI(QelEnvI* env, const QelIntArray& possible, const char* name = nullptr);
   /// Releases the arrays (the cardinality variable is ended with it when
   /// nothing else uses it).
   ~QelIntSetVarI() override;
@@ -165,8 +161,7 @@ class QEL_API QelIntervalVarI : public QelExtractableI {
 
  public:
   /// An interval of `size` within [start, end].
-  QelIntervalVarI(QelEnvI* env, QelInt size, QelInt start, QelInt end,
-                  const char* name = nullptr);
+  QelIntervalVarI(QelEnvI* env, QelInt size, QelInt start, QelInt end, const char* name = nullptr);
   /// A copy in `env`.
   QelExtractableI* makeClone(QelEnvI* env) const override;
   /// No sub-extractables.
@@ -193,8 +188,7 @@ class QEL_API QelIntervalVar : public QelHandle<QelIntervalVarI, QelExtractable>
   /// An empty handle.
   QelIntervalVar() = default;
   /// A new interval variable in `env`.
-  QelIntervalVar(QelEnv env, QelInt size, QelInt start, QelInt end,
-                 const char* name = nullptr);
+  QelIntervalVar(QelEnv env, QelInt size, QelInt start, QelInt end, const char* name = nullptr);
 };
 
 #endif

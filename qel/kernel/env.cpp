@@ -5,9 +5,9 @@
 #include <cstring>
 
 #include <qel/change/change.h>
+#include <qel/extractable/extractable.h>
 #include <qel/kernel/algorithm.h>
 #include <qel/kernel/env.h>
-#include <qel/extractable/extractable.h>
 
 QelMutexI* QelEnvI::Mutex = nullptr;
 
@@ -49,8 +49,8 @@ struct QelEnvI::CloneMap {
     ++count;
   }
   void rehash(long newCapacity) {
-    Entry* fresh = static_cast<Entry*>(env->getInternalAllocator()->alloc(
-        sizeof(Entry) * static_cast<std::size_t>(newCapacity)));
+    Entry* fresh = static_cast<Entry*>(
+        env->getInternalAllocator()->alloc(sizeof(Entry) * static_cast<std::size_t>(newCapacity)));
     std::memset(fresh, 0, sizeof(Entry) * static_cast<std::size_t>(newCapacity));
     std::size_t mask = static_cast<std::size_t>(newCapacity - 1);
     for (long k = 0; k < capacity; ++k) {
@@ -84,8 +84,7 @@ bool QelEnvConfig::DefaultFreeLists() {
 }
 
 QelEnvI::QelEnvI(const QelEnvConfig& config)
-    : _memory(new QelMemory(config.smallBlockLimit, config.numClasses,
-                            config.freeLists)),
+    : _memory(new QelMemory(config.smallBlockLimit, config.numClasses, config.freeLists)),
       _largeBlocks(new QelAllocationList()),
       _allocatorThread(CurrentThreadKey()),
       _genAlloc(&_genAllocObject),
@@ -159,21 +158,17 @@ void QelEnvI::freeSlow(void* p, size_t size) const {
   _largeBlocks->free(p);
 }
 
-void QelEnvI::recordLocationSlow(void* address) const {
-  _customAllocator->recordLocation(address);
-}
+void QelEnvI::recordLocationSlow(void* address) const { _customAllocator->recordLocation(address); }
 
 QelInt QelEnvI::getBytesInUse() const {
   QelInt total = _largeBlocks->getBytesInUse();
-  for (long i = 0; i < _memory->getNumClasses(); ++i)
-    total += _memory->getClass(i).bytesInUse;
+  for (long i = 0; i < _memory->getNumClasses(); ++i) total += _memory->getClass(i).bytesInUse;
   return total;
 }
 
 QelInt QelEnvI::getBytesObtained() const {
   QelInt total = _largeBlocks->getBytesInUse();
-  for (long i = 0; i < _memory->getNumClasses(); ++i)
-    total += _memory->getClass(i).bytesObtained;
+  for (long i = 0; i < _memory->getNumClasses(); ++i) total += _memory->getClass(i).bytesObtained;
   return total;
 }
 
@@ -194,8 +189,8 @@ void QelEnvGenAlloc::free(void* p, size_t size) { _env->free(p, size); }
 
 void QelEnvI::growTable() {
   QelInt newCapacity = _tableCapacity == 0 ? 64 : _tableCapacity * 2;
-  std::uintptr_t* fresh = static_cast<std::uintptr_t*>(_internalAllocObject.alloc(
-      sizeof(std::uintptr_t) * static_cast<size_t>(newCapacity)));
+  std::uintptr_t* fresh = static_cast<std::uintptr_t*>(
+      _internalAllocObject.alloc(sizeof(std::uintptr_t) * static_cast<size_t>(newCapacity)));
   // Free-slot links are addresses inside the table: move them with it.
   std::uintptr_t oldBase = reinterpret_cast<std::uintptr_t>(_table);
   std::uintptr_t newBase = reinterpret_cast<std::uintptr_t>(fresh);
@@ -204,11 +199,9 @@ void QelEnvI::growTable() {
     if (isTableLink(v)) v = v - oldBase + newBase;
     fresh[i] = v;
   }
-  if (_freeSlot != nullptr)
-    _freeSlot = fresh + (_freeSlot - _table);
+  if (_freeSlot != nullptr) _freeSlot = fresh + (_freeSlot - _table);
   if (_table != nullptr)
-    _internalAllocObject.free(_table,
-                              sizeof(std::uintptr_t) * static_cast<size_t>(_tableCapacity));
+    _internalAllocObject.free(_table, sizeof(std::uintptr_t) * static_cast<size_t>(_tableCapacity));
   _table = fresh;
   _tableCapacity = newCapacity;
 }
@@ -218,8 +211,7 @@ void QelEnvI::init(QelExtractableI* x) {
   if (_freeSlot != nullptr) {
     std::uintptr_t* slot = _freeSlot;
     std::uintptr_t next = *slot;
-    _freeSlot = isTableLink(next) ? reinterpret_cast<std::uintptr_t*>(next)
-                                  : nullptr;
+    _freeSlot = isTableLink(next) ? reinterpret_cast<std::uintptr_t*>(next) : nullptr;
     id = slot - _table;
   } else {
     if (_tableSize == _tableCapacity) growTable();
@@ -279,23 +271,19 @@ QelDecisionExprMap::~QelDecisionExprMap() {
   _alloc->free(_buckets, sizeof(Node*) * static_cast<size_t>(_bucketCount));
 }
 
-long QelDecisionExprMap::DefaultHash(const QelExtractableI* key,
-                                     long bucketCount) {
+long QelDecisionExprMap::DefaultHash(const QelExtractableI* key, long bucketCount) {
   std::uintptr_t v = reinterpret_cast<std::uintptr_t>(key) >> 4;
   v *= 0x9E3779B97F4A7C15ULL;
   return static_cast<long>((v >> 32) % static_cast<std::uintptr_t>(bucketCount));
 }
 
-QelBool QelDecisionExprMap::DefaultEqual(const QelExtractableI* a,
-                                         const QelExtractableI* b) {
+QelBool QelDecisionExprMap::DefaultEqual(const QelExtractableI* a, const QelExtractableI* b) {
   return a == b;
 }
 
-long QelDecisionExprMap::bucketOf(const QelExtractableI* key,
-                                  long bucketCount) const {
+long QelDecisionExprMap::bucketOf(const QelExtractableI* key, long bucketCount) const {
   long b = _hash(key, bucketCount);
-  if (b < 0 || b >= bucketCount)
-    throw QelWrongUsage("Hash function returned bad index");
+  if (b < 0 || b >= bucketCount) throw QelWrongUsage("Hash function returned bad index");
   return b;
 }
 
@@ -306,11 +294,9 @@ void QelDecisionExprMap::ensureBuckets() {
   std::memset(_buckets, 0, bytes);
 }
 
-QelDecisionExprMap::Node* QelDecisionExprMap::find(
-    const QelExtractableI* key) const {
+QelDecisionExprMap::Node* QelDecisionExprMap::find(const QelExtractableI* key) const {
   if (_buckets == nullptr) return nullptr;
-  for (Node* n = _buckets[bucketOf(key, _bucketCount)]; n != nullptr;
-       n = n->next)
+  for (Node* n = _buckets[bucketOf(key, _bucketCount)]; n != nullptr; n = n->next)
     if (_equal(n->key, key)) return n;
   return nullptr;
 }
@@ -329,8 +315,7 @@ void QelDecisionExprMap::insert(const QelExtractableI* key, QelInt value) {
     // Check every new index before moving any node: a bad index then leaves
     // the map whole (with the new entry, in the old buckets).
     for (long i = 0; i < _bucketCount; ++i)
-      for (Node* m = _buckets[i]; m != nullptr; m = m->next)
-        bucketOf(m->key, newCount);
+      for (Node* m = _buckets[i]; m != nullptr; m = m->next) bucketOf(m->key, newCount);
     size_t bytes = sizeof(Node*) * static_cast<size_t>(newCount);
     Node** fresh = static_cast<Node**>(_alloc->alloc(bytes));
     std::memset(fresh, 0, bytes);
@@ -435,8 +420,7 @@ void QelEnvI::setListening(int slot, QelBool on) {
 }
 
 void QelEnvI::changeSlow(const QelExtractableI* x, const QelChange& c) {
-  std::uint64_t mask =
-      x != nullptr ? (_registry.getMask(x->getId()) & _listening) : _listening;
+  std::uint64_t mask = x != nullptr ? (_registry.getMask(x->getId()) & _listening) : _listening;
   while (mask != 0) {
     int s = __builtin_ctzll(mask);
     mask &= mask - 1;

@@ -34,8 +34,7 @@ class QEL_API QelDecisionExprMap {
   /// Bucket index of `key` for `bucketCount` buckets.
   using HashFunction = long (*)(const QelExtractableI* key, long bucketCount);
   /// Equality of two keys.
-  using EqualFunction = QelBool (*)(const QelExtractableI* a,
-                                    const QelExtractableI* b);
+  using EqualFunction = QelBool (*)(const QelExtractableI* a, const QelExtractableI* b);
   /// One entry: three words.
   struct Node {
     Node* next;                  ///< next node of the bucket
@@ -72,8 +71,7 @@ class QEL_API QelDecisionExprMap {
   /// The default hash: the key's address, scrambled, modulo the count.
   static long DefaultHash(const QelExtractableI* key, long bucketCount);
   /// The default equality: the same address.
-  static QelBool DefaultEqual(const QelExtractableI* a,
-                              const QelExtractableI* b);
+  static QelBool DefaultEqual(const QelExtractableI* a, const QelExtractableI* b);
 
  private:
   long bucketOf(const QelExtractableI* key, long bucketCount) const;
@@ -111,13 +109,9 @@ class QEL_API QelExtractionRegistry {
   /// Forgets everything algorithm `slot` had extracted.
   void dropAlgorithm(int slot);
   /// Mask of the algorithms that extracted object `id`.
-  std::uint64_t getMask(QelInt id) const {
-    return (id >= 0 && id < _size) ? _masks[id] : 0;
-  }
+  std::uint64_t getMask(QelInt id) const { return (id >= 0 && id < _size) ? _masks[id] : 0; }
   /// Whether algorithm `slot` extracted object `id`.
-  QelBool isExtracted(QelInt id, int slot) const {
-    return (getMask(id) >> slot) & 1U;
-  }
+  QelBool isExtracted(QelInt id, int slot) const { return (getMask(id) >> slot) & 1U; }
   /// The yes/no query on a pair: some algorithm that extracted `owner` has
   /// also extracted `sub`.
   QelBool knows(const QelExtractableI* owner, const QelExtractableI* sub) const;
@@ -238,9 +232,7 @@ class QEL_API QelEnvI {
     if (_allocationDisabled) throw QelEnvAllocationDisabled();
   }
   /// Whether the calling thread may allocate in this environment.
-  QelBool matchesAllocatorThread() const {
-    return CurrentThreadKey() == _allocatorThread;
-  }
+  QelBool matchesAllocatorThread() const { return CurrentThreadKey() == _allocatorThread; }
   /// Makes the calling thread the environment's allocator thread.
   void setAllocatorThread() {
     _allocatorThread = CurrentThreadKey();
@@ -335,8 +327,7 @@ class QEL_API QelEnvI {
   /// whatever the number of elements (with the one-by-one flag set, one
   /// pass per element). `flag` as above; with `notifyArray` non-zero the
   /// algorithms get one QelDestroyExtractableArray for the whole array.
-  void removeFromAllAndDestroy(QelExtractableArray xs, long flag,
-                               long notifyArray);
+  void removeFromAllAndDestroy(QelExtractableArray xs, long flag, long notifyArray);
 
   // ---- change broadcast ----------------------------------------------
   /// Delivers `c` about `x` to every algorithm that has extracted `x`.
@@ -431,16 +422,14 @@ class QEL_API QelEnvI {
   void growTable();
   struct Removal;
   enum RemovalKind { Destroy = 0, MemoryReleased = 1, KeepAlive = 2 };
-  void runRemoval(QelExtractableI* const* xs, long n, RemovalKind kind,
-                  QelBool notifyArray);
+  void runRemoval(QelExtractableI* const* xs, long n, RemovalKind kind, QelBool notifyArray);
   void join(Removal& r, QelExtractableI* x, RemovalKind kind);
   void process(Removal& r);
   void pass(QelExtractableI* removed);
   void notifyRemoval(Removal& r, long from, long to);
   void finishRemoval(Removal& r, long from, long to);
   void orderForDestruction(QelExtractableI* y, QelArrayI* order);
-  void deliverTo(std::uint64_t mask, const QelExtractableI* x,
-                 const QelChange& c);
+  void deliverTo(std::uint64_t mask, const QelExtractableI* x, const QelChange& c);
 
   QelMemory* _memory;
   QelAllocationList* _largeBlocks;
@@ -490,13 +479,9 @@ class QEL_API QelEnv {
   /// The memory manager of the environment.
   QelMemoryManager getMemoryManager() const;
   /// Two handles on the same environment.
-  friend bool operator==(const QelEnv& a, const QelEnv& b) {
-    return a._impl == b._impl;
-  }
+  friend bool operator==(const QelEnv& a, const QelEnv& b) { return a._impl == b._impl; }
   /// Handles on different environments.
-  friend bool operator!=(const QelEnv& a, const QelEnv& b) {
-    return a._impl != b._impl;
-  }
+  friend bool operator!=(const QelEnv& a, const QelEnv& b) { return a._impl != b._impl; }
 
  private:
   QelEnvI* _impl;
@@ -519,7 +504,6 @@ T* QelNewObject(QelEnvI* env, Args&&... args) {
 
 /// Formats like vsprintf into `buffer` and returns its result. `size` is
 /// accepted and ignored: callers size their buffer themselves.
-QEL_API int QelSPrintf(char* buffer, unsigned long size, const char* format,
-                       ...);
+QEL_API int QelSPrintf(char* buffer, unsigned long size, const char* format, ...);
 
 #endif

@@ -8,9 +8,7 @@ QelRttiEnvObjectI::~QelRttiEnvObjectI() noexcept(false) {}
 
 QelBool QelRttiEnvObjectI::isZolRefCounted() const { return false; }
 
-QelRttiEnvObjectI* QelRttiEnvObjectI::makeZolClone(QelEnvI*) const {
-  return nullptr;
-}
+QelRttiEnvObjectI* QelRttiEnvObjectI::makeZolClone(QelEnvI*) const { return nullptr; }
 
 void QelRttiEnvObjectI::garbage() {}
 

@@ -4,9 +4,7 @@
 #include <qel/kernel/exception.h>
 
 QelException::QelException(const char* message, long code)
-    : _message(message != nullptr ? message : ""),
-      _hasMessage(message != nullptr),
-      _code(code) {}
+    : _message(message != nullptr ? message : ""), _hasMessage(message != nullptr), _code(code) {}
 
 QelException::~QelException() = default;
 
@@ -21,15 +19,12 @@ std::ostream& operator<<(std::ostream& os, const QelException& e) {
   return os;
 }
 
-QelEmptyHandleException::QelEmptyHandleException()
-    : QelException("Using empty Handle", 0) {}
+QelEmptyHandleException::QelEmptyHandleException() : QelException("Using empty Handle", 0) {}
 
 QelMemoryException::QelMemoryException() : QelException("Out of memory", 0) {}
 
 QelEnvAllocatorThreadMismatch::QelEnvAllocatorThreadMismatch()
-    : QelException(
-          "Environment used from a thread that is not its allocator thread",
-          0) {}
+    : QelException("Environment used from a thread that is not its allocator thread", 0) {}
 
 QelEnvAllocationDisabled::QelEnvAllocationDisabled()
     : QelException("Environment allocation is disabled", 0) {}

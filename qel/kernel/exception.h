@@ -21,9 +21,7 @@ class QEL_API QelException : public std::exception {
   /// Destroys the exception.
   ~QelException() override;
   /// The message, or null when the exception has none.
-  const char* getMessage() const {
-    return _hasMessage ? _message.c_str() : nullptr;
-  }
+  const char* getMessage() const { return _hasMessage ? _message.c_str() : nullptr; }
   /// The code given at construction.
   long getCode() const { return _code; }
   /// Writes the message (nothing when null).
@@ -32,9 +30,7 @@ class QEL_API QelException : public std::exception {
   /// of the library (copies release themselves).
   virtual void end();
   /// The message, or "" when null.
-  const char* what() const noexcept override {
-    return _hasMessage ? _message.c_str() : "";
-  }
+  const char* what() const noexcept override { return _hasMessage ? _message.c_str() : ""; }
 
  private:
   std::string _message;
@@ -49,8 +45,7 @@ QEL_API std::ostream& operator<<(std::ostream& os, const QelException& e);
 class QEL_API QelWrongUsage : public QelException {
  public:
   /// Built with the rule's message.
-  QelWrongUsage(const char* message, long code = 0)
-      : QelException(message, code) {}
+  QelWrongUsage(const char* message, long code = 0) : QelException(message, code) {}
 };
 
 /// An operation was called on an empty handle.
@@ -59,8 +54,7 @@ class QEL_API QelEmptyHandleException : public QelException {
   /// The generic text "Using empty Handle".
   QelEmptyHandleException();
   /// A class-specific text.
-  explicit QelEmptyHandleException(const char* message)
-      : QelException(message, 0) {}
+  explicit QelEmptyHandleException(const char* message) : QelException(message, 0) {}
 };
 
 /// The operation is not available for this class.

@@ -7,17 +7,17 @@
 #define QEL_KERNEL_EXPORT_H
 
 #if defined(QEL_SHARED)
-#  if defined(_WIN32)
-#    if defined(QEL_BUILDING)
-#      define QEL_API __declspec(dllexport)
-#    else
-#      define QEL_API __declspec(dllimport)
-#    endif
-#  else
-#    define QEL_API __attribute__((visibility("default")))
-#  endif
+#if defined(_WIN32)
+#if defined(QEL_BUILDING)
+#define QEL_API __declspec(dllexport)
 #else
-#  define QEL_API
+#define QEL_API __declspec(dllimport)
+#endif
+#else
+#define QEL_API __attribute__((visibility("default")))
+#endif
+#else
+#define QEL_API
 #endif
 
 #endif

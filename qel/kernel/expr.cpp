@@ -37,9 +37,7 @@ QelLinTermNode* QelEnvI::newTerm(QelNumVarI* v, double coef) {
 void QelEnvI::release(QelNumExprI* e) {
   if (e == nullptr) return;
   e->unlockExpr();
-  if (e->getUseCount() <= 0 && e->isRefCountedExpr() && e->getId() >= 0 &&
-      !IsMarked(e))
-    e->end();
+  if (e->getUseCount() <= 0 && e->isRefCountedExpr() && e->getId() >= 0 && !IsMarked(e)) e->end();
 }
 
 // ===========================================================================
@@ -69,9 +67,7 @@ void Drop(QelNumExprI* e) { e->getEnv()->release(e); }
 
 void FreeNode(QelEnvI* env, QelLinTermNode* n) { env->free(n, sizeof(QelLinTermNode)); }
 void FreeNode(QelEnvI* env, QelQuadTermNode* n) { env->free(n, sizeof(QelQuadTermNode)); }
-void FreeNode(QelEnvI* env, QelAggregateTermNode* n) {
-  env->free(n, sizeof(QelAggregateTermNode));
-}
+void FreeNode(QelEnvI* env, QelAggregateTermNode* n) { env->free(n, sizeof(QelAggregateTermNode)); }
 
 // The decision word after terms were removed: the first variable left.
 void RecomputeDecision(QelLinearParts& p) {
@@ -191,8 +187,7 @@ class PartsAppender {
   }
 
   void aggregate(double coef, QelNumExprI* e) {
-    auto* node =
-        static_cast<QelAggregateTermNode*>(_env->alloc(sizeof(QelAggregateTermNode)));
+    auto* node = static_cast<QelAggregateTermNode*>(_env->alloc(sizeof(QelAggregateTermNode)));
     node->next = nullptr;
     node->coef = coef;
     node->expr = e;
@@ -212,14 +207,12 @@ class PartsAppender {
     long nAgg = CountNodes(from.aggHead);
     double c = from.constant;
     const QelLinTermNode* lin = from.head;
-    for (long k = 0; k < nLin; ++k, lin = lin->next)
-      linear(factor * lin->coef, map(lin->var));
+    for (long k = 0; k < nLin; ++k, lin = lin->next) linear(factor * lin->coef, map(lin->var));
     const QelQuadTermNode* quad = from.quadHead;
     for (long k = 0; k < nQuad; ++k, quad = quad->next)
       quadratic(factor * quad->coef, map(quad->var1), map(quad->var2));
     const QelAggregateTermNode* agg = from.aggHead;
-    for (long k = 0; k < nAgg; ++k, agg = agg->next)
-      aggregate(factor * agg->coef, map(agg->expr));
+    for (long k = 0; k < nAgg; ++k, agg = agg->next) aggregate(factor * agg->coef, map(agg->expr));
     constant(factor * c);
   }
 
@@ -266,8 +259,7 @@ class PartsAppender {
       f(1.0, x);
       return;
     }
-    for (const QelLinTermNode* n = PartsOf(e)->head; n != nullptr; n = n->next)
-      f(n->coef, n->var);
+    for (const QelLinTermNode* n = PartsOf(e)->head; n != nullptr; n = n->next) f(n->coef, n->var);
   }
 
   QelEnvI* _env;
@@ -343,11 +335,9 @@ void DisplayParts(const QelLinearParts& p, std::ostream& os) {
   }
 }
 
-void VisitParts(QelExtractableI* self, const QelLinearParts& p,
-                QelExtractableVisitor* v) {
+void VisitParts(QelExtractableI* self, const QelLinearParts& p, QelExtractableVisitor* v) {
   v->beginVisit(self);
-  for (const QelLinTermNode* n = p.head; n != nullptr; n = n->next)
-    v->visitChildren(self, n->var);
+  for (const QelLinTermNode* n = p.head; n != nullptr; n = n->next) v->visitChildren(self, n->var);
   for (const QelQuadTermNode* n = p.quadHead; n != nullptr; n = n->next) {
     v->visitChildren(self, n->var1);
     v->visitChildren(self, n->var2);
@@ -445,8 +435,7 @@ double SetCoef(QelEnvI* env, QelLinearParts& p, QelNumVarI* x, double coef,
   return before;
 }
 
-double SetQuadCoef(QelEnvI* env, QelLinearParts& p, QelNumVarI* x, QelNumVarI* y,
-                   double coef) {
+double SetQuadCoef(QelEnvI* env, QelLinearParts& p, QelNumVarI* x, QelNumVarI* y, double coef) {
   QelQuadTermNode* first = p.quadHead;
   while (first != nullptr && !SamePair(first, x, y)) first = first->next;
   QelQuadTermNode* fresh = nullptr;
@@ -529,9 +518,8 @@ void Normalize(QelEnvI* env, QelLinearParts& p) {
     QelQuadTermNode** link = &p.quadHead;
     while (*link != nullptr) {
       QelQuadTermNode* n = *link;
-      Key key = std::less<const QelNumVarI*>()(n->var1, n->var2)
-                    ? Key(n->var1, n->var2)
-                    : Key(n->var2, n->var1);
+      Key key = std::less<const QelNumVarI*>()(n->var1, n->var2) ? Key(n->var1, n->var2)
+                                                                 : Key(n->var2, n->var1);
       auto found = firstOf.find(key);
       if (found == firstOf.end()) {
         firstOf.emplace(key, n);
@@ -632,9 +620,7 @@ Term* MakeTerm(QelEnvI* env, Fill fill) {
 template <class Term>
 Term* CloneTerm(QelEnvI* env, const QelLinearParts& from) {
   return MakeTerm<Term>(env, [env, &from](PartsAppender& out) {
-    out.parts(from, 1.0, [env](auto* x) {
-      return static_cast<decltype(x)>(env->getClone(x));
-    });
+    out.parts(from, 1.0, [env](auto* x) { return static_cast<decltype(x)>(env->getClone(x)); });
   });
 }
 
@@ -649,8 +635,7 @@ bool IsIntegralExpr(const QelNumExprI* e) {
   for (const QelLinTermNode* n = p->head; n != nullptr; n = n->next)
     if (!whole(n->coef) || !n->var->isIntegral()) return false;
   for (const QelQuadTermNode* n = p->quadHead; n != nullptr; n = n->next)
-    if (!whole(n->coef) || !n->var1->isIntegral() || !n->var2->isIntegral())
-      return false;
+    if (!whole(n->coef) || !n->var1->isIntegral() || !n->var2->isIntegral()) return false;
   for (const QelAggregateTermNode* n = p->aggHead; n != nullptr; n = n->next)
     if (!whole(n->coef) || !IsIntegralExpr(n->expr)) return false;
   return true;
@@ -682,8 +667,7 @@ QelBool QelIntExprI::isIntegral() const { return true; }
 // QelNumVarI
 // ===========================================================================
 
-QelNumVarI::QelNumVarI(QelEnvI* env, double lb, double ub, QelVarType type,
-                       const char* name)
+QelNumVarI::QelNumVarI(QelEnvI* env, double lb, double ub, QelVarType type, const char* name)
     : QelIntExprI(env, name), _lb(lb), _ub(ub), _type(type) {}
 
 double QelNumVarI::eval(QelAlgorithm alg) const {
@@ -728,8 +712,7 @@ void QelNumVarI::display(std::ostream& os) const {
 // ===========================================================================
 
 template <class Derived, class Base>
-QelLinearTermOf<Derived, Base>::QelLinearTermOf(QelEnvI* env, double constant,
-                                                const char* name)
+QelLinearTermOf<Derived, Base>::QelLinearTermOf(QelEnvI* env, double constant, const char* name)
     : Base(env, name) {
   _parts.constant = constant;
 }
@@ -781,8 +764,7 @@ double QelLinearTermOf<Derived, Base>::eval(QelAlgorithm alg) const {
 
 template <class Derived, class Base>
 QelNumExprI* QelLinearTermOf<Derived, Base>::makeCopy() const {
-  return MakeTerm<Derived>(this->_env,
-                           [this](PartsAppender& out) { out.scaled(this, 1.0); });
+  return MakeTerm<Derived>(this->_env, [this](PartsAppender& out) { out.scaled(this, 1.0); });
 }
 
 template <class Derived, class Base>
@@ -829,8 +811,7 @@ void QelNumLinTermI::setCoef(const QelNumVarArray& xs, const QelNumArray& coefs,
 }
 
 double QelNumLinTermI::setQuadCoef(const QelNumVar& x, const QelNumVar& y, double coef) {
-  if (x.getImpl() == nullptr || y.getImpl() == nullptr)
-    throw QelEmptyHandleException();
+  if (x.getImpl() == nullptr || y.getImpl() == nullptr) throw QelEmptyHandleException();
   return SetQuadCoef(_env, _parts, x.getImpl(), y.getImpl(), coef);
 }
 
@@ -942,9 +923,7 @@ void QelNumProductI::display(std::ostream& os) const {
   os << ")";
 }
 
-double QelNumProductI::eval(QelAlgorithm alg) const {
-  return _left->eval(alg) * _right->eval(alg);
-}
+double QelNumProductI::eval(QelAlgorithm alg) const { return _left->eval(alg) * _right->eval(alg); }
 
 QelBool QelNumProductI::isIntegral() const {
   return IsIntegralExpr(_left) && IsIntegralExpr(_right);
@@ -977,8 +956,7 @@ QelNumExprI* ImplOf(const QelNumExpr& e) {
   return e.getImpl();
 }
 
-QelNumVarI* NewVar(const QelEnv& env, double lb, double ub, QelVarType type,
-                   const char* name) {
+QelNumVarI* NewVar(const QelEnv& env, double lb, double ub, QelVarType type, const char* name) {
   QelEnvI* e = EnvOf(env);
   return QelNewObject<QelNumVarI>(e, e, lb, ub, type, name);
 }
@@ -1005,13 +983,12 @@ QelIntExpr::QelIntExpr(QelEnv env, QelInt value)
 QelNumVar::QelNumVar(QelEnv env, double lb, double ub, const char* name)
     : QelNumVar(NewVar(env, lb, ub, QelVarType::Float, name)) {}
 
-QelNumVar::QelNumVar(QelEnv env, double lb, double ub, QelVarType type,
-                     const char* name)
+QelNumVar::QelNumVar(QelEnv env, double lb, double ub, QelVarType type, const char* name)
     : QelNumVar(NewVar(env, lb, ub, type, name)) {}
 
 QelIntVar::QelIntVar(QelEnv env, QelInt lb, QelInt ub, const char* name)
-    : QelIntVar(NewVar(env, static_cast<double>(lb), static_cast<double>(ub),
-                       QelVarType::Int, name)) {}
+    : QelIntVar(
+          NewVar(env, static_cast<double>(lb), static_cast<double>(ub), QelVarType::Int, name)) {}
 
 QelBoolVar::QelBoolVar(QelEnv env, const char* name)
     : QelIntVar(NewVar(env, 0, 1, QelVarType::Bool, name)) {}
@@ -1022,17 +999,11 @@ QelBoolVar::QelBoolVar(QelEnv env, const char* name)
 
 namespace {
 
-// A new numeric term: constant c plus fa * a (plus fb * b when b is given).
-QelNumExpr NumSum(QelNumExprI* a, double fa, QelNumExprI* b, double fb, double c) {
-  return MakeTerm<QelNumLinTermI>(a->getEnv(), [&](PartsAppender& out) {
-    out.scaled(a, fa);
-    if (b != nullptr) out.scaled(b, fb);
-    out.constant(c);
-  });
-}
-
-QelIntExpr IntSum(QelNumExprI* a, QelInt fa, QelNumExprI* b, QelInt fb, QelInt c) {
-  return MakeTerm<QelIntLinTermI>(a->getEnv(), [&](PartsAppender& out) {
+// A new linear term of class Term (numeric or integer): constant c plus
+// fa * a, plus fb * b when b is given. Both families of operators share it.
+template <class Term, class Scalar>
+Term* LinearSum(QelNumExprI* a, Scalar fa, QelNumExprI* b, Scalar fb, Scalar c) {
+  return MakeTerm<Term>(a->getEnv(), [&](PartsAppender& out) {
     out.scaled(a, static_cast<double>(fa));
     if (b != nullptr) out.scaled(b, static_cast<double>(fb));
     out.constant(static_cast<double>(c));
@@ -1041,19 +1012,38 @@ QelIntExpr IntSum(QelNumExprI* a, QelInt fa, QelNumExprI* b, QelInt fb, QelInt c
 
 }  // namespace
 
-QelNumExpr operator+(const QelNumExpr& a, const QelNumExpr& b) {
-  return NumSum(ImplOf(a), 1, ImplOf(b), 1, 0);
-}
-QelNumExpr operator+(const QelNumExpr& a, double c) { return NumSum(ImplOf(a), 1, nullptr, 0, c); }
-QelNumExpr operator+(double c, const QelNumExpr& a) { return NumSum(ImplOf(a), 1, nullptr, 0, c); }
-QelNumExpr operator-(const QelNumExpr& a, const QelNumExpr& b) {
-  return NumSum(ImplOf(a), 1, ImplOf(b), -1, 0);
-}
-QelNumExpr operator-(const QelNumExpr& a, double c) { return NumSum(ImplOf(a), 1, nullptr, 0, -c); }
-QelNumExpr operator-(double c, const QelNumExpr& a) { return NumSum(ImplOf(a), -1, nullptr, 0, c); }
-QelNumExpr operator-(const QelNumExpr& a) { return NumSum(ImplOf(a), -1, nullptr, 0, 0); }
-QelNumExpr operator*(const QelNumExpr& a, double c) { return NumSum(ImplOf(a), c, nullptr, 0, 0); }
-QelNumExpr operator*(double c, const QelNumExpr& a) { return NumSum(ImplOf(a), c, nullptr, 0, 0); }
+// The linear operators of one family: Expr is the handle, Scalar the type of
+// its constants, Term the linear term class the results are made of.
+#define QEL_LINEAR_OPERATORS(Expr, Scalar, Term)                                                  \
+  Expr operator+(const Expr& a, const Expr& b) {                                                  \
+    return LinearSum<Term, Scalar>(ImplOf(a), 1, ImplOf(b), 1, 0);                                \
+  }                                                                                               \
+  Expr operator+(const Expr& a, Scalar c) {                                                       \
+    return LinearSum<Term, Scalar>(ImplOf(a), 1, nullptr, 0, c);                                  \
+  }                                                                                               \
+  Expr operator+(Scalar c, const Expr& a) {                                                       \
+    return LinearSum<Term, Scalar>(ImplOf(a), 1, nullptr, 0, c);                                  \
+  }                                                                                               \
+  Expr operator-(const Expr& a, const Expr& b) {                                                  \
+    return LinearSum<Term, Scalar>(ImplOf(a), 1, ImplOf(b), -1, 0);                               \
+  }                                                                                               \
+  Expr operator-(const Expr& a, Scalar c) {                                                       \
+    return LinearSum<Term, Scalar>(ImplOf(a), 1, nullptr, 0, -c);                                 \
+  }                                                                                               \
+  Expr operator-(Scalar c, const Expr& a) {                                                       \
+    return LinearSum<Term, Scalar>(ImplOf(a), -1, nullptr, 0, c);                                 \
+  }                                                                                               \
+  Expr operator-(const Expr& a) { return LinearSum<Term, Scalar>(ImplOf(a), -1, nullptr, 0, 0); } \
+  Expr operator*(const Expr& a, Scalar c) {                                                       \
+    return LinearSum<Term, Scalar>(ImplOf(a), c, nullptr, 0, 0);                                  \
+  }                                                                                               \
+  Expr operator*(Scalar c, const Expr& a) {                                                       \
+    return LinearSum<Term, Scalar>(ImplOf(a), c, nullptr, 0, 0);                                  \
+  }
+
+QEL_LINEAR_OPERATORS(QelNumExpr, double, QelNumLinTermI)
+QEL_LINEAR_OPERATORS(QelIntExpr, QelInt, QelIntLinTermI)
+#undef QEL_LINEAR_OPERATORS
 
 QelNumExpr operator*(const QelNumExpr& a, const QelNumExpr& b) {
   QelNumExprI* ai = ImplOf(a);
@@ -1063,20 +1053,6 @@ QelNumExpr operator*(const QelNumExpr& a, const QelNumExpr& b) {
     return MakeTerm<QelNumLinTermI>(env, [ai, bi](PartsAppender& out) { out.product(ai, bi); });
   return QelNewObject<QelNumProductI>(env, env, ai, bi);
 }
-
-QelIntExpr operator+(const QelIntExpr& a, const QelIntExpr& b) {
-  return IntSum(ImplOf(a), 1, ImplOf(b), 1, 0);
-}
-QelIntExpr operator+(const QelIntExpr& a, QelInt c) { return IntSum(ImplOf(a), 1, nullptr, 0, c); }
-QelIntExpr operator+(QelInt c, const QelIntExpr& a) { return IntSum(ImplOf(a), 1, nullptr, 0, c); }
-QelIntExpr operator-(const QelIntExpr& a, const QelIntExpr& b) {
-  return IntSum(ImplOf(a), 1, ImplOf(b), -1, 0);
-}
-QelIntExpr operator-(const QelIntExpr& a, QelInt c) { return IntSum(ImplOf(a), 1, nullptr, 0, -c); }
-QelIntExpr operator-(QelInt c, const QelIntExpr& a) { return IntSum(ImplOf(a), -1, nullptr, 0, c); }
-QelIntExpr operator-(const QelIntExpr& a) { return IntSum(ImplOf(a), -1, nullptr, 0, 0); }
-QelIntExpr operator*(const QelIntExpr& a, QelInt c) { return IntSum(ImplOf(a), c, nullptr, 0, 0); }
-QelIntExpr operator*(QelInt c, const QelIntExpr& a) { return IntSum(ImplOf(a), c, nullptr, 0, 0); }
 
 QelIntExpr operator*(const QelIntExpr& a, const QelIntExpr& b) {
   QelNumExprI* ai = ImplOf(a);
@@ -1139,8 +1115,7 @@ QelArrayI* NewVarArray(const QelEnv& env, long n, double lb, double ub, QelVarTy
       }
     }
   } catch (...) {
-    for (long i = 0; i < a->getSize(); ++i)
-      QelArrayGet<QelExtractableI*>(a, i)->end();
+    for (long i = 0; i < a->getSize(); ++i) QelArrayGet<QelExtractableI*>(a, i)->end();
     delete a;
     throw;
   }
@@ -1153,13 +1128,12 @@ QelNumVarArray::QelNumVarArray(QelEnv env, long n, double lb, double ub)
     : QelNumExprArray(QelExtractableArray(NewVarArray(env, n, lb, ub, QelVarType::Float))) {}
 
 QelIntVarArray::QelIntVarArray(QelEnv env, long n, QelInt lb, QelInt ub)
-    : QelIntExprArray(QelExtractableArray(NewVarArray(
-          env, n, static_cast<double>(lb), static_cast<double>(ub), QelVarType::Int))) {}
+    : QelIntExprArray(QelExtractableArray(NewVarArray(env, n, static_cast<double>(lb),
+                                                      static_cast<double>(ub), QelVarType::Int))) {}
 
 QelIntExprArray QelIntVarArray::toIntExprArray() const {
   if (_impl == nullptr) return QelIntExprArray();
-  return QelIntExprArray(
-      QelExtractableArray(QelArrayI::MakeCopy(_impl->getAllocator(), _impl)));
+  return QelIntExprArray(QelExtractableArray(QelArrayI::MakeCopy(_impl->getAllocator(), _impl)));
 }
 
 namespace {

@@ -45,8 +45,7 @@ class QEL_API QelNumExprI : public QelExtractableI {
 
  public:
   /// An expression registered in `env`.
-  explicit QelNumExprI(QelEnvI* env, const char* name = nullptr)
-      : QelExtractableI(env, name) {}
+  explicit QelNumExprI(QelEnvI* env, const char* name = nullptr) : QelExtractableI(env, name) {}
   /// Destroys the expression.
   ~QelNumExprI() override;
   /// true.
@@ -82,8 +81,7 @@ class QEL_API QelIntExprI : public QelNumExprI {
 
  public:
   /// An integer expression registered in `env`.
-  explicit QelIntExprI(QelEnvI* env, const char* name = nullptr)
-      : QelNumExprI(env, name) {}
+  explicit QelIntExprI(QelEnvI* env, const char* name = nullptr) : QelNumExprI(env, name) {}
   /// true.
   QelBool isIntegral() const override;
 };
@@ -98,8 +96,7 @@ class QEL_API QelNumVarI : public QelIntExprI {
 
  public:
   /// A variable of `type` with bounds [lb, ub].
-  QelNumVarI(QelEnvI* env, double lb, double ub, QelVarType type,
-             const char* name = nullptr);
+  QelNumVarI(QelEnvI* env, double lb, double ub, QelVarType type, const char* name = nullptr);
   /// A float variable is no integer expression.
   QelBool isType(QelTypeInfo info) const override {
     if (info == QelIntExprI::GetTypeInfo()) return _type != QelVarType::Float;
@@ -239,8 +236,7 @@ class QEL_API QelNumLinTermI : public QelLinearTermOf<QelNumLinTermI, QelNumExpr
   double setCoef(const QelNumVar& x, double coef);
   /// setCoef for every pair; `previous` receives each former coefficient.
   /// All or nothing: a refused allocation leaves the term as it was.
-  void setCoef(const QelNumVarArray& xs, const QelNumArray& coefs,
-               const QelNumArray& previous);
+  void setCoef(const QelNumVarArray& xs, const QelNumArray& coefs, const QelNumArray& previous);
   /// Sets the coefficient of x * y (0 removes it); returns the former one.
   double setQuadCoef(const QelNumVar& x, const QelNumVar& y, double coef);
   /// Merges the terms of the same variables and drops zero coefficients.
@@ -428,8 +424,7 @@ class QEL_API QelNumVar : public QelNumExpr {
   /// A new float variable of `env` with bounds [lb, ub].
   QelNumVar(QelEnv env, double lb, double ub, const char* name = nullptr);
   /// A new variable of `env` of `type`.
-  QelNumVar(QelEnv env, double lb, double ub, QelVarType type,
-            const char* name = nullptr);
+  QelNumVar(QelEnv env, double lb, double ub, QelVarType type, const char* name = nullptr);
   /// The implementation, or null.
   QelNumVarI* getImpl() const { return static_cast<QelNumVarI*>(_impl); }
   /// The lower bound.
@@ -542,12 +537,24 @@ inline QelIntExpr operator*(int c, const QelIntExpr& a) { return QelInt(c) * a; 
 
 /// Floating-point numbers with an integer expression give numeric
 /// expressions (without these, x * y + 0.5 would be ambiguous).
-inline QelNumExpr operator+(const QelIntExpr& a, double c) { return static_cast<const QelNumExpr&>(a) + c; }
-inline QelNumExpr operator+(double c, const QelIntExpr& a) { return c + static_cast<const QelNumExpr&>(a); }
-inline QelNumExpr operator-(const QelIntExpr& a, double c) { return static_cast<const QelNumExpr&>(a) - c; }
-inline QelNumExpr operator-(double c, const QelIntExpr& a) { return c - static_cast<const QelNumExpr&>(a); }
-inline QelNumExpr operator*(const QelIntExpr& a, double c) { return static_cast<const QelNumExpr&>(a) * c; }
-inline QelNumExpr operator*(double c, const QelIntExpr& a) { return c * static_cast<const QelNumExpr&>(a); }
+inline QelNumExpr operator+(const QelIntExpr& a, double c) {
+  return static_cast<const QelNumExpr&>(a) + c;
+}
+inline QelNumExpr operator+(double c, const QelIntExpr& a) {
+  return c + static_cast<const QelNumExpr&>(a);
+}
+inline QelNumExpr operator-(const QelIntExpr& a, double c) {
+  return static_cast<const QelNumExpr&>(a) - c;
+}
+inline QelNumExpr operator-(double c, const QelIntExpr& a) {
+  return c - static_cast<const QelNumExpr&>(a);
+}
+inline QelNumExpr operator*(const QelIntExpr& a, double c) {
+  return static_cast<const QelNumExpr&>(a) * c;
+}
+inline QelNumExpr operator*(double c, const QelIntExpr& a) {
+  return c * static_cast<const QelNumExpr&>(a);
+}
 
 // ===========================================================================
 // Expression and variable arrays
@@ -596,9 +603,7 @@ class QEL_API QelNumVarArray : public QelNumExprArray {
   /// `n` new float variables of `env` with bounds [lb, ub].
   QelNumVarArray(QelEnv env, long n, double lb, double ub);
   /// Element i.
-  QelNumVar operator[](long i) const {
-    return QelNumVar(static_cast<QelNumVarI*>(getElement(i)));
-  }
+  QelNumVar operator[](long i) const { return QelNumVar(static_cast<QelNumVarI*>(getElement(i))); }
 };
 
 /// Array of integer variables.
@@ -612,9 +617,7 @@ class QEL_API QelIntVarArray : public QelIntExprArray {
   /// `n` new integer variables of `env` with bounds [lb, ub].
   QelIntVarArray(QelEnv env, long n, QelInt lb, QelInt ub);
   /// Element i.
-  QelIntVar operator[](long i) const {
-    return QelIntVar(static_cast<QelNumVarI*>(getElement(i)));
-  }
+  QelIntVar operator[](long i) const { return QelIntVar(static_cast<QelNumVarI*>(getElement(i))); }
   /// The same variables as a numeric variable array (same array).
   operator QelNumVarArray() const { return QelNumVarArray(getImpl()); }
   /// A new integer expression array holding the same variables.

@@ -6,8 +6,7 @@
 #include <qel/kernel/exception.h>
 #include <qel/kernel/memory.h>
 
-const unsigned char countBitsUnder16[16] = {0, 1, 2, 2, 3, 3, 3, 3,
-                                            4, 4, 4, 4, 4, 4, 4, 4};
+const unsigned char countBitsUnder16[16] = {0, 1, 2, 2, 3, 3, 3, 3, 4, 4, 4, 4, 4, 4, 4, 4};
 
 // ---- QelAllocationList ------------------------------------------------
 
@@ -154,6 +153,4 @@ void QelCustomAllocatorI::recordLocation(void*) {}
 
 QelMemoryManagerObjectI::~QelMemoryManagerObjectI() = default;
 
-QelEnvI* QelMemoryManager::getEnv() const {
-  return _impl != nullptr ? _impl->getEnv() : nullptr;
-}
+QelEnvI* QelMemoryManager::getEnv() const { return _impl != nullptr ? _impl->getEnv() : nullptr; }

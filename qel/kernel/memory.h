@@ -103,9 +103,7 @@ class QEL_API QelMemory {
   /// The allocator of class `index`.
   QelFixedSizeAllocatorI& getClass(long index) { return _classes[index]; }
   /// The allocator of class `index`.
-  const QelFixedSizeAllocatorI& getClass(long index) const {
-    return _classes[index];
-  }
+  const QelFixedSizeAllocatorI& getClass(long index) const { return _classes[index]; }
   /// Takes a new chunk of `size` bytes from the system and records it so
   /// that it is released with the memory.
   void* obtainChunk(long size);

@@ -35,9 +35,7 @@ struct QelEnvI::Removal {
 
 namespace {
 
-QelExtractableI* ElementOf(QelArrayI* a, long i) {
-  return QelArrayGet<QelExtractableI*>(a, i);
-}
+QelExtractableI* ElementOf(QelArrayI* a, long i) { return QelArrayGet<QelExtractableI*>(a, i); }
 
 // Calls a function on every direct sub-extractable an object presents.
 template <class F>
@@ -65,8 +63,7 @@ void QelEnvI::removeFromAllAndDestroy(QelExtractableI* x, long flag) {
   runRemoval(&x, 1, flag != 0 ? MemoryReleased : Destroy, false);
 }
 
-void QelEnvI::removeFromAllAndDestroy(QelExtractableArray xs, long flag,
-                                      long notifyArray) {
+void QelEnvI::removeFromAllAndDestroy(QelExtractableArray xs, long flag, long notifyArray) {
   QelArrayI* a = xs.getImpl();
   if (a == nullptr || a->getSize() == 0) return;
   long n = a->getSize();
@@ -102,8 +99,7 @@ void QelEnvI::removeFromAllAndDestroy(QelExtractableArray xs, long flag,
 }
 
 void QelEnvI::join(Removal& r, QelExtractableI* x, RemovalKind kind) {
-  if (x == nullptr || x->getId() < 0 || _table[x->getId()] == RemovalMark)
-    return;
+  if (x == nullptr || x->getId() < 0 || _table[x->getId()] == RemovalMark) return;
   // Record first: if recording fails, nothing is marked.
   r.list->addRaw(reinterpret_cast<std::uintptr_t>(x));
   try {
@@ -203,8 +199,7 @@ void QelEnvI::pass(QelExtractableI* removed) {
   }
 }
 
-void QelEnvI::deliverTo(std::uint64_t mask, const QelExtractableI* x,
-                        const QelChange& c) {
+void QelEnvI::deliverTo(std::uint64_t mask, const QelExtractableI* x, const QelChange& c) {
   mask &= _listening;
   while (mask != 0) {
     int s = __builtin_ctzll(mask);
@@ -273,8 +268,7 @@ void QelEnvI::notifyRemoval(Removal& r, long from, long to) {
   delete temp;
   delete masks;
   for (long i = from; i < to; ++i) {
-    if (QelArrayGet<QelInt>(r.kinds, i) != KeepAlive)
-      _registry.drop(ElementOf(r.list, i)->getId());
+    if (QelArrayGet<QelInt>(r.kinds, i) != KeepAlive) _registry.drop(ElementOf(r.list, i)->getId());
   }
 }
 
@@ -282,8 +276,7 @@ void QelEnvI::orderForDestruction(QelExtractableI* y, QelArrayI* order) {
   _table[y->getId()] = OrderingMark;
   DirectSubs visit([this, order](QelExtractableI* c) {
     QelInt id = c->getId();
-    if (id >= 0 && c->getEnv() == this && _table[id] == PendingMark)
-      orderForDestruction(c, order);
+    if (id >= 0 && c->getEnv() == this && _table[id] == PendingMark) orderForDestruction(c, order);
   });
   y->visitSubExtractables(&visit);
   order->addRaw(reinterpret_cast<std::uintptr_t>(y));
@@ -320,15 +313,13 @@ void QelEnvI::finishRemoval(Removal& r, long from, long to) {
   // nest) is left to that removal.
   for (long i = from; i < to; ++i) {
     QelExtractableI* x = ElementOf(r.list, i);
-    if (QelArrayGet<QelInt>(r.kinds, i) == Destroy &&
-        _table[x->getId()] == RemovalMark)
+    if (QelArrayGet<QelInt>(r.kinds, i) == Destroy && _table[x->getId()] == RemovalMark)
       _table[x->getId()] = PendingMark;
   }
   try {
     for (long i = from; i < to; ++i) {
       QelExtractableI* x = ElementOf(r.list, i);
-      if (QelArrayGet<QelInt>(r.kinds, i) == Destroy &&
-          _table[x->getId()] == PendingMark)
+      if (QelArrayGet<QelInt>(r.kinds, i) == Destroy && _table[x->getId()] == PendingMark)
         orderForDestruction(x, order);
     }
   } catch (...) {

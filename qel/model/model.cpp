@@ -128,8 +128,7 @@ QelModel::QelModel(QelEnv env, const char* name) {
 }
 
 QelExtractable QelModel::add(QelExtractable x) const {
-  if (_impl == nullptr)
-    throw QelEmptyHandleException("trying to add to an empty handle QelModel");
+  if (_impl == nullptr) throw QelEmptyHandleException("trying to add to an empty handle QelModel");
   if (x.getImpl() == nullptr)
     throw QelEmptyHandleException("trying to add an empty handle extractable");
   getImpl()->add(x.getImpl());
@@ -145,24 +144,21 @@ const QelExtractableArray& QelModel::add(const QelExtractableArray& xs) const {
 }
 
 void QelModel::remove(QelExtractable x) const {
-  if (_impl == nullptr)
-    throw QelEmptyHandleException("trying to remove 0 extractor handle");
+  if (_impl == nullptr) throw QelEmptyHandleException("trying to remove 0 extractor handle");
   if (x.getImpl() == nullptr)
     throw QelEmptyHandleException("trying to remove 0 extractable handle");
   getImpl()->remove(x.getImpl());
 }
 
 void QelModel::remove(QelExtractableArray xs) const {
-  if (_impl == nullptr)
-    throw QelEmptyHandleException("trying to remove 0 extractor handle");
+  if (_impl == nullptr) throw QelEmptyHandleException("trying to remove 0 extractor handle");
   if (xs.getImpl() == nullptr)
     throw QelEmptyHandleException("Using empty QelExtractableArray handle.");
   getImpl()->remove(xs);
 }
 
 QelExtractable QelModel::expand(QelExtractable x, const char* a, const char* b) const {
-  if (_impl == nullptr)
-    throw QelEmptyHandleException("Expanding to an empty QelModel handle.");
+  if (_impl == nullptr) throw QelEmptyHandleException("Expanding to an empty QelModel handle.");
   if (x.getImpl() == nullptr)
     throw QelEmptyHandleException("trying to expand an empty extractable handle");
   x.getImpl()->expandTo(getImpl(), a, b);

@@ -72,8 +72,7 @@ class QEL_API QelModelI : public QelExtractableI {
   class QEL_API Iterator {
    public:
     /// At the first member of `model`.
-    explicit Iterator(const QelModelI* model)
-        : _node(model->getMembers().getHead()) {}
+    explicit Iterator(const QelModelI* model) : _node(model->getMembers().getHead()) {}
     /// Whether a member is under the iterator.
     QelBool ok() const { return _node != nullptr; }
     /// Moves to the next member.
@@ -110,8 +109,7 @@ class QEL_API QelModel : public QelHandle<QelModelI, QelExtractable> {
   /// Removes every member found in `xs`, in one sweep.
   void remove(QelExtractableArray xs) const;
   /// Expands `x` into the model (QelExtractableI::expandTo); returns `x`.
-  QelExtractable expand(QelExtractable x, const char* a = nullptr,
-                        const char* b = nullptr) const;
+  QelExtractable expand(QelExtractable x, const char* a = nullptr, const char* b = nullptr) const;
 
   /// Walks the members of a model in order.
   class QEL_API Iterator {
@@ -139,8 +137,7 @@ class QEL_API QelAddOneToModel : public QelChange {
 
  public:
   /// `member` was added to `model`.
-  QelAddOneToModel(QelModelI* model, QelExtractableI* member)
-      : _model(model), _member(member) {}
+  QelAddOneToModel(QelModelI* model, QelExtractableI* member) : _model(model), _member(member) {}
   /// addSubExtractable(extractable, member).
   void visitChange(QelEnvI* env, QelExtractableI* extractable,
                    QelChangeVisitor* visitor) const override;
@@ -170,9 +167,9 @@ class QEL_API QelModelArrayNotice : public QelChange {
   /// For `model` and `members`; with `owns` the notice deletes the array.
   QelModelArrayNotice(QelModelI* model, QelExtractableArray members, QelBool owns)
       : _model(model), _members(members), _owns(owns) {}
-  QelModelI* _model;              ///< the model
-  QelExtractableArray _members;   ///< the members concerned
-  QelBool _owns;                  ///< whether the array is the notice's
+  QelModelI* _model;             ///< the model
+  QelExtractableArray _members;  ///< the members concerned
+  QelBool _owns;                 ///< whether the array is the notice's
 };
 
 /// An array of members was added to a model.

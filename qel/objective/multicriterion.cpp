@@ -13,8 +13,7 @@ namespace {
 // exact undo of lockExprs, for a construction that cannot complete.
 void UnlockExprs(const QelNumExprArray& xs) {
   for (long i = 0; i < xs.getSize(); ++i) {
-    if (QelNumExprI* e = static_cast<QelNumExprI*>(xs.getElement(i)))
-      e->unlockExpr();
+    if (QelNumExprI* e = static_cast<QelNumExprI*>(xs.getElement(i))) e->unlockExpr();
   }
 }
 
@@ -36,8 +35,8 @@ void CheckEnv(QelEnv env) {
 
 // ---- QelMultiCriterionExprI ------------------------------------------------------
 
-QelMultiCriterionExprI::QelMultiCriterionExprI(QelEnvI* env, QelNumExprArray exprs,
-                                               Type type, const char* name)
+QelMultiCriterionExprI::QelMultiCriterionExprI(QelEnvI* env, QelNumExprArray exprs, Type type,
+                                               const char* name)
     : QelRttiEnvObjectI(env), _type(type), _name(nullptr), _exprs() {
   if (exprs.getImpl() == nullptr) {
     if (name != nullptr) setName(name);
@@ -84,9 +83,7 @@ QelNumExprArray QelMultiCriterionExprI::getOrMakeExprs() const {
   return _exprs;
 }
 
-long QelMultiCriterionExprI::getNumCriteria() const {
-  return getOrMakeExprs().getSize();
-}
+long QelMultiCriterionExprI::getNumCriteria() const { return getOrMakeExprs().getSize(); }
 
 QelNumExprI* QelMultiCriterionExprI::getCriterion(long i) const {
   return static_cast<QelNumExprI*>(getOrMakeExprs().getElement(i));
@@ -113,8 +110,7 @@ QelMultiCriterionExprI* QelMultiCriterionExprI::duplicate(QelEnvI* env) const {
 
 QelMultiCriterionExprI* QelMultiCriterionExprI::makeClone(QelEnvI* env) const {
   if (_exprs.getImpl() == nullptr)
-    return QelNewObject<QelMultiCriterionExprI>(env, env, QelNumExprArray(), _type,
-                                                nullptr);
+    return QelNewObject<QelMultiCriterionExprI>(env, env, QelNumExprArray(), _type, nullptr);
   long n = _exprs.getSize();
   ScopedArray clones(QelEnv(env), n);
   // One copy operation, until the copy holds its clones: criteria sharing
@@ -136,16 +132,13 @@ QelMultiCriterionExprI* QelMultiCriterionExprI::makeClone(QelEnvI* env) const {
 // ---- the handle and the builders --------------------------------------------------
 
 QelMultiCriterionExpr::QelMultiCriterionExpr(QelEnv env, QelNumExprArray exprs,
-                                             QelMultiCriterionExprI::Type type,
-                                             const char* name) {
+                                             QelMultiCriterionExprI::Type type, const char* name) {
   CheckEnv(env);
   QelNumExprArray copy;
   if (exprs.getImpl() != nullptr)
-    copy = QelNumExprArray(
-        QelArrayI::MakeCopy(exprs.getImpl()->getAllocator(), exprs.getImpl()));
+    copy = QelNumExprArray(QelArrayI::MakeCopy(exprs.getImpl()->getAllocator(), exprs.getImpl()));
   try {
-    _impl = QelNewObject<QelMultiCriterionExprI>(env.getImpl(), env.getImpl(), copy,
-                                                 type, name);
+    _impl = QelNewObject<QelMultiCriterionExprI>(env.getImpl(), env.getImpl(), copy, type, name);
   } catch (...) {
     copy.end();
     throw;
@@ -160,8 +153,7 @@ void QelMultiCriterionExpr::end() {
 }
 
 std::ostream& operator<<(std::ostream& os, const QelMultiCriterionExpr& mc) {
-  if (mc.getImpl() == nullptr)
-    throw QelWrongUsage("QelMultiCriterionExpr: using empty handle");
+  if (mc.getImpl() == nullptr) throw QelWrongUsage("QelMultiCriterionExpr: using empty handle");
   mc.getImpl()->display(os);
   return os;
 }
@@ -188,9 +180,7 @@ QelMultiCriterionExpr StaticLexOf(QelEnv env, const Es&... es) {
 
 }  // namespace
 
-QelMultiCriterionExpr QelStaticLex(QelEnv env, QelNumExprArg e1) {
-  return StaticLexOf(env, e1);
-}
+QelMultiCriterionExpr QelStaticLex(QelEnv env, QelNumExprArg e1) { return StaticLexOf(env, e1); }
 
 QelMultiCriterionExpr QelStaticLex(QelEnv env, QelNumExprArg e1, QelNumExprArg e2) {
   return StaticLexOf(env, e1, e2);
@@ -201,8 +191,8 @@ QelMultiCriterionExpr QelStaticLex(QelEnv env, QelNumExprArg e1, QelNumExprArg e
   return StaticLexOf(env, e1, e2, e3);
 }
 
-QelMultiCriterionExpr QelStaticLex(QelEnv env, QelNumExprArg e1, QelNumExprArg e2,
-                                   QelNumExprArg e3, QelNumExprArg e4) {
+QelMultiCriterionExpr QelStaticLex(QelEnv env, QelNumExprArg e1, QelNumExprArg e2, QelNumExprArg e3,
+                                   QelNumExprArg e4) {
   return StaticLexOf(env, e1, e2, e3, e4);
 }
 

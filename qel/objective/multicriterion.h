@@ -42,8 +42,7 @@ class QEL_API QelMultiCriterionExprI : public QelRttiEnvObjectI {
   /// Adopts `exprs` (null for an empty handle) and takes one use of each of
   /// its expressions; names the object when `name` is not null. When naming
   /// fails, the uses are given back and the array stays the caller's.
-  QelMultiCriterionExprI(QelEnvI* env, QelNumExprArray exprs, Type type,
-                         const char* name);
+  QelMultiCriterionExprI(QelEnvI* env, QelNumExprArray exprs, Type type, const char* name);
   /// Gives back the name, the uses of the criteria and the array.
   ~QelMultiCriterionExprI() override;
 
@@ -95,8 +94,7 @@ class QEL_API QelMultiCriterionExpr {
   /// A new multi-criterion expression in `env` over a copy of `exprs` (an
   /// empty handle gives an expression without criteria array). Throws
   /// QelWrongUsage "QelEnv: using empty handle" for an empty environment.
-  QelMultiCriterionExpr(QelEnv env, QelNumExprArray exprs,
-                        QelMultiCriterionExprI::Type type,
+  QelMultiCriterionExpr(QelEnv env, QelNumExprArray exprs, QelMultiCriterionExprI::Type type,
                         const char* name = nullptr);
   /// The implementation, or null.
   QelMultiCriterionExprI* getImpl() const { return _impl; }
@@ -124,15 +122,13 @@ QEL_API QelMultiCriterionExpr QelDynamicLex(QelEnv env, QelNumExprArray exprs,
 /// One criterion, in fixed order, unnamed.
 QEL_API QelMultiCriterionExpr QelStaticLex(QelEnv env, QelNumExprArg e1);
 /// Two criteria, in fixed order (e1 first), unnamed.
-QEL_API QelMultiCriterionExpr QelStaticLex(QelEnv env, QelNumExprArg e1,
-                                           QelNumExprArg e2);
+QEL_API QelMultiCriterionExpr QelStaticLex(QelEnv env, QelNumExprArg e1, QelNumExprArg e2);
 /// Three criteria, in fixed order (e1 first), unnamed.
-QEL_API QelMultiCriterionExpr QelStaticLex(QelEnv env, QelNumExprArg e1,
-                                           QelNumExprArg e2, QelNumExprArg e3);
+QEL_API QelMultiCriterionExpr QelStaticLex(QelEnv env, QelNumExprArg e1, QelNumExprArg e2,
+                                           QelNumExprArg e3);
 /// Four criteria, in fixed order (e1 first), unnamed.
-QEL_API QelMultiCriterionExpr QelStaticLex(QelEnv env, QelNumExprArg e1,
-                                           QelNumExprArg e2, QelNumExprArg e3,
-                                           QelNumExprArg e4);
+QEL_API QelMultiCriterionExpr QelStaticLex(QelEnv env, QelNumExprArg e1, QelNumExprArg e2,
+                                           QelNumExprArg e3, QelNumExprArg e4);
 
 /// An objective operation that a multi-criterion objective does not
 /// support. The message is the operation's name.

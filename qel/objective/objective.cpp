@@ -80,8 +80,7 @@ QelNumExprI* QelObjectiveI::getCriterion(long i) const {
 }
 
 void QelObjectiveI::refuseMultiCriterion(const char* operation) const {
-  if (_multiCriterion != nullptr)
-    throw QelNotAllowedWithMultiCriterionException(operation);
+  if (_multiCriterion != nullptr) throw QelNotAllowedWithMultiCriterionException(operation);
 }
 
 QelNumExprI* QelObjectiveI::getExpr() const {
@@ -328,8 +327,7 @@ QelEnvI* EnvOf(const QelEnv& env) {
 }
 
 void CheckExpr(const QelNumExprArg& expr) {
-  if (expr.getImpl() == nullptr)
-    throw QelEmptyHandleException("Using empty QelNumExpr handle.");
+  if (expr.getImpl() == nullptr) throw QelEmptyHandleException("Using empty QelNumExpr handle.");
 }
 
 // The expression the iterators walk: refused on a multi-criterion
@@ -353,8 +351,7 @@ QelObjective::QelObjective(QelEnv env, QelNumExprArg expr, Sense sense, const ch
   _impl = QelNewObject<QelObjectiveI>(e, e, expr.getImpl(), sense, name);
 }
 
-QelObjective::QelObjective(QelEnv env, QelMultiCriterionExpr mc, Sense sense,
-                           const char* name) {
+QelObjective::QelObjective(QelEnv env, QelMultiCriterionExpr mc, Sense sense, const char* name) {
   QelEnvI* e = EnvOf(env);
   _impl = QelNewObject<QelObjectiveI>(
       e, e, static_cast<const QelMultiCriterionExprI*>(mc.getImpl()), sense, name);

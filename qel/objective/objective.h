@@ -51,13 +51,11 @@ class QEL_API QelObjective : public QelHandle<QelObjectiveI, QelExtractable> {
   /// An empty handle.
   QelObjective() = default;
   /// A new objective in `env` whose expression is the constant `constant`.
-  QelObjective(QelEnv env, double constant, Sense sense = Minimize,
-               const char* name = nullptr);
+  QelObjective(QelEnv env, double constant, Sense sense = Minimize, const char* name = nullptr);
   /// A new objective in `env` over the expression `expr` (kept as the
   /// expression kernel's take-for-keeping gives it, with one use). Throws
   /// QelEmptyHandleException "Using empty QelNumExpr handle." when empty.
-  QelObjective(QelEnv env, QelNumExprArg expr, Sense sense = Minimize,
-               const char* name = nullptr);
+  QelObjective(QelEnv env, QelNumExprArg expr, Sense sense = Minimize, const char* name = nullptr);
   /// A new objective in `env` over a duplicate of `mc`. The handle is not
   /// tested (QelMaximize and QelMinimize are): it must not be empty, and a
   /// multi-criterion expression without criteria is accepted.
@@ -108,8 +106,8 @@ class QEL_API QelObjectiveI : public QelExtractableI {
   QelObjectiveI(QelEnvI* env, QelNumExprI* expr, QelObjective::Sense sense,
                 const char* name = nullptr);
   /// Over a duplicate of `mc` in `env`.
-  QelObjectiveI(QelEnvI* env, const QelMultiCriterionExprI* mc,
-                QelObjective::Sense sense, const char* name = nullptr);
+  QelObjectiveI(QelEnvI* env, const QelMultiCriterionExprI* mc, QelObjective::Sense sense,
+                const char* name = nullptr);
   /// Gives the use of the expression back and deletes the duplicate.
   ~QelObjectiveI() override;
 
@@ -179,11 +177,9 @@ class QEL_API QelObjectiveI : public QelExtractableI {
 /// An objective maximizing the criteria of `mc` (duplicated). Throws
 /// QelWrongUsage "Using empty handle" for an empty environment or `mc`, and
 /// "Array of criteria has size 0" when `mc` has no criterion.
-QEL_API QelObjective QelMaximize(QelEnv env, QelMultiCriterionExpr mc,
-                                 const char* name = nullptr);
+QEL_API QelObjective QelMaximize(QelEnv env, QelMultiCriterionExpr mc, const char* name = nullptr);
 /// An objective minimizing the criteria of `mc` (duplicated); same checks
 /// as QelMaximize.
-QEL_API QelObjective QelMinimize(QelEnv env, QelMultiCriterionExpr mc,
-                                 const char* name = nullptr);
+QEL_API QelObjective QelMinimize(QelEnv env, QelMultiCriterionExpr mc, const char* name = nullptr);
 
 #endif

@@ -7,9 +7,8 @@ void QelObjectiveChange::visitChange(QelEnvI*, QelExtractableI*, QelChangeVisito
 
 QelExtractableI* QelObjectiveChange::getChangedExtractable() const { return _objective; }
 
-void QelObjectiveChange::reportCoef(QelEnvI* env, QelExtractableI* extractable,
-                                    QelNumVarI* var, double coef,
-                                    QelChangeVisitor* visitor) const {
+void QelObjectiveChange::reportCoef(QelEnvI* env, QelExtractableI* extractable, QelNumVarI* var,
+                                    double coef, QelChangeVisitor* visitor) const {
   if (!env->getRegistry().knows(_objective, var)) return;
   // The coefficient asked for decides, not the linear term's answer.
   if (coef == 0.0)
@@ -39,8 +38,7 @@ void QelSetObjExpr::visitChange(QelEnvI*, QelExtractableI* extractable,
 
 // ---- the column entry -------------------------------------------------------------------
 
-void QelAddValueToObj::visitChange(QelEnvI*, QelExtractableI*,
-                                   QelChangeVisitor* visitor) const {
+void QelAddValueToObj::visitChange(QelEnvI*, QelExtractableI*, QelChangeVisitor* visitor) const {
   // The new variable stands as both owner and sub-object.
   QelExtractableI* added = getChangedExtractable();
   visitor->addSubExtractable(added, added);

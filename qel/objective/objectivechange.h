@@ -49,8 +49,8 @@ class QEL_API QelObjectiveChange : public QelChange {
   /// Tells `visitor` that `var` left `extractable` (coef 0.0) or entered it
   /// (any other coef), when the registry of `env` knows the pair (objective,
   /// var); nothing otherwise.
-  void reportCoef(QelEnvI* env, QelExtractableI* extractable, QelNumVarI* var,
-                  double coef, QelChangeVisitor* visitor) const;
+  void reportCoef(QelEnvI* env, QelExtractableI* extractable, QelNumVarI* var, double coef,
+                  QelChangeVisitor* visitor) const;
 
  private:
   QelObjectiveI* _objective;
@@ -92,8 +92,7 @@ class QEL_API QelSetObjCoef : public QelObjectiveChange {
 
  public:
   /// `var` got `coef` in `objective`; the linear term answered `kernelCoef`.
-  QelSetObjCoef(QelObjectiveI* objective, QelNumVarI* var, double coef,
-                double kernelCoef)
+  QelSetObjCoef(QelObjectiveI* objective, QelNumVarI* var, double coef, double kernelCoef)
       : QelObjectiveChange(objective), _var(var), _coef(coef), _kernelCoef(kernelCoef) {}
   /// Removal of the variable (coef 0.0) or its addition, when known.
   void visitChange(QelEnvI* env, QelExtractableI* extractable,
@@ -118,8 +117,8 @@ class QEL_API QelSetObjQuadCoef : public QelObjectiveChange {
  public:
   /// `var1` * `var2` got `coef` in `objective`; the linear term answered
   /// `kernelCoef`.
-  QelSetObjQuadCoef(QelObjectiveI* objective, QelNumVarI* var1, QelNumVarI* var2,
-                    double coef, double kernelCoef)
+  QelSetObjQuadCoef(QelObjectiveI* objective, QelNumVarI* var1, QelNumVarI* var2, double coef,
+                    double kernelCoef)
       : QelObjectiveChange(objective),
         _var1(var1),
         _var2(var2),
@@ -154,10 +153,7 @@ class QEL_API QelSetObjCoefs : public QelObjectiveChange {
   /// `kernelCoefs`.
   QelSetObjCoefs(QelObjectiveI* objective, QelNumVarArray vars, QelNumArray coefs,
                  QelNumArray kernelCoefs)
-      : QelObjectiveChange(objective),
-        _vars(vars),
-        _coefs(coefs),
-        _kernelCoefs(kernelCoefs) {}
+      : QelObjectiveChange(objective), _vars(vars), _coefs(coefs), _kernelCoefs(kernelCoefs) {}
   /// The variables.
   QelNumVarArray getVars() const { return _vars; }
   /// The coefficients asked for.

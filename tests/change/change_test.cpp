@@ -13,12 +13,14 @@ namespace {
 // A column notice of the tests' own: adds nothing but records each step.
 class TestAdd : public QelAddNumVar {
  public:
-  TestAdd(QelExtractableI* target, std::vector<std::string>* log, int tag,
-          bool failInApply = false)
+  TestAdd(QelExtractableI* target, std::vector<std::string>* log, int tag, bool failInApply = false)
       : _target(target), _log(log), _tag(tag), _fail(failInApply) {}
   TestAdd(const TestAdd& other)
-      : QelAddNumVar(other), _target(other._target), _log(other._log),
-        _tag(other._tag), _fail(other._fail) {}
+      : QelAddNumVar(other),
+        _target(other._target),
+        _log(other._log),
+        _tag(other._tag),
+        _fail(other._fail) {}
   QelAddExtractable* getCopy(QelEnvI* env) const override {
     return QelColumnNotice<TestAdd>::Copy(*this, env);
   }
@@ -43,8 +45,7 @@ class TestAdd : public QelAddNumVar {
 // Logs the notices it receives into the same log as the chain's steps.
 class LoggingAlgorithmI : public QelAlgorithmI {
  public:
-  LoggingAlgorithmI(QelEnvI* env, std::vector<std::string>* log)
-      : QelAlgorithmI(env), _log(log) {}
+  LoggingAlgorithmI(QelEnvI* env, std::vector<std::string>* log) : QelAlgorithmI(env), _log(log) {}
   void notifyChange(const QelExtractableI* x, const QelChange& c) override {
     _log->push_back(std::string("change ") + c.getRttiTypeName() +
                     (x != nullptr ? " about " + std::to_string(x->getId()) : ""));
@@ -153,8 +154,7 @@ TEST_F(ChangeTest, InstallWalksTheChainInOrderAndCutsEveryLink) {
   std::vector<std::string> log;
   ItemI* target = Item(env);
   ItemI* added = Item(env);
-  auto* listener =
-      QelNewObject<LoggingAlgorithmI>(env.getImpl(), env.getImpl(), &log);
+  auto* listener = QelNewObject<LoggingAlgorithmI>(env.getImpl(), env.getImpl(), &log);
   listener->extract(target);
   TestAdd first(target, &log, 1);
   TestAdd second(nullptr, &log, 2);  // what() null: broadcast without object
@@ -164,10 +164,9 @@ TEST_F(ChangeTest, InstallWalksTheChainInOrderAndCutsEveryLink) {
   log.clear();
   first.install(added);
   std::string about = " about " + std::to_string(target->getId());
-  EXPECT_EQ(log, (std::vector<std::string>{
-                     "setObj 1", "apply 1", "change QelAddNumVar" + about,
-                     "setObj 2", "apply 2", "change QelAddNumVar",
-                     "setObj 3", "apply 3", "change QelAddNumVar" + about}));
+  EXPECT_EQ(log, (std::vector<std::string>{"setObj 1", "apply 1", "change QelAddNumVar" + about,
+                                           "setObj 2", "apply 2", "change QelAddNumVar", "setObj 3",
+                                           "apply 3", "change QelAddNumVar" + about}));
   EXPECT_EQ(first.getNext(), nullptr);
   EXPECT_EQ(second.getNext(), nullptr);
   EXPECT_EQ(third.getNext(), nullptr);
@@ -276,8 +275,8 @@ TEST_F(ChangeTest, SetNameSendsOneNoticePerNonNullName) {
   x->setName("x");
   x->setName("x");
   x->setName(nullptr);  // clears a held name: a notice too
-  EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelSetNameChange", "QelSetNameChange",
-                                                     "QelSetNameChange"}));
+  EXPECT_EQ(rec->notices,
+            (std::vector<std::string>{"QelSetNameChange", "QelSetNameChange", "QelSetNameChange"}));
   EXPECT_EQ(rec->objects, (std::vector<const QelExtractableI*>{x, x, x}));
   EXPECT_EQ(x->getName(), nullptr);
   delete rec;

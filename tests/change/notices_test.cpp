@@ -20,10 +20,10 @@ struct NoticeClass {
 
 std::vector<NoticeClass> AllNotices() {
   std::vector<NoticeClass> out;
-#define QEL_NOTICE(N, B)                                                      \
-  out.push_back({#N, N::GetRttiTypeName(), N::GetTypeInfo(),                  \
-                 N::GetBaseTypeInfo(), B::GetTypeInfo(),                      \
-                 reinterpret_cast<const void*>(&N::_applyCP), N::GetTypeIndex()});
+#define QEL_NOTICE(N, B)                                                           \
+  out.push_back({#N, N::GetRttiTypeName(), N::GetTypeInfo(), N::GetBaseTypeInfo(), \
+                 B::GetTypeInfo(), reinterpret_cast<const void*>(&N::_applyCP),    \
+                 N::GetTypeIndex()});
 #include <qel/change/notices.def>
 #undef QEL_NOTICE
   return out;

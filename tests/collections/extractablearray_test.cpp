@@ -140,8 +140,8 @@ TEST_F(ArrayTest, EndElementsEndsAModelAndItsMemberOnce) {
   EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), live - 2);
   // The algorithm heard of one removal and one array destruction, and no
   // model notice (the model was emptied silently).
-  EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelRemoveFromAllChange",
-                                                     "QelDestroyExtractableArray"}));
+  EXPECT_EQ(rec->notices,
+            (std::vector<std::string>{"QelRemoveFromAllChange", "QelDestroyExtractableArray"}));
   delete rec;
   xs.end();
   b->end();

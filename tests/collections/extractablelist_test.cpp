@@ -96,8 +96,7 @@ TEST_F(ListTest, RemoveTakesEveryNodeOfAMarkedMemberOnce) {
   ASSERT_EQ(removed.getSize(), 2);
   EXPECT_EQ(removed.getElement(0), a);
   EXPECT_EQ(removed.getElement(1), a);
-  EXPECT_EQ(env.getImpl()->getExtractableTable()[a->getId()],
-            reinterpret_cast<std::uintptr_t>(a));
+  EXPECT_EQ(env.getImpl()->getExtractableTable()[a->getId()], reinterpret_cast<std::uintptr_t>(a));
   list.clear();
   content.end();
   twice.end();

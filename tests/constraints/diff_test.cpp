@@ -234,14 +234,12 @@ TEST_F(DiffTest, EvalMatchesABruteForceOracle) {
                    [](double, double, double, double) { return 0.5; }});
   cases.push_back({QelDiff(env, x, y), [](double x, double, double, double) { return x; },
                    [](double, double y, double, double) { return y; }});
-  cases.push_back({QelDiff(env, x + y, z),
-                   [](double x, double y, double, double) { return x + y; },
+  cases.push_back({QelDiff(env, x + y, z), [](double x, double y, double, double) { return x + y; },
                    [](double, double, double z, double) { return z; }});
   cases.push_back({QelDiff(env, 2 * x - y + 1, 3.0),
                    [](double x, double y, double, double) { return 2 * x - y + 1; },
                    [](double, double, double, double) { return 3.0; }});
-  cases.push_back({QelDiff(env, x * y, z),
-                   [](double x, double y, double, double) { return x * y; },
+  cases.push_back({QelDiff(env, x * y, z), [](double x, double y, double, double) { return x * y; },
                    [](double, double, double z, double) { return z; }});
   cases.push_back({QelDiff(env, f, x), [](double, double, double, double f) { return f; },
                    [](double x, double, double, double) { return x; }});
@@ -536,8 +534,7 @@ TEST_F(DiffTest, FilledHooksReceiveAlgorithmThenConstraint) {
   EXPECT_EQ(HookProbe::object, d.getImpl());
   EXPECT_EQ(HookProbe::data, &data);
   HookProbe::Reset();
-  EXPECT_EQ(asBase->unextractFromCP(alg, &data),
-            reinterpret_cast<void*>(std::uintptr_t{0xD3}));
+  EXPECT_EQ(asBase->unextractFromCP(alg, &data), reinterpret_cast<void*>(std::uintptr_t{0xD3}));
   EXPECT_EQ(HookProbe::alg, alg.getImpl());
   EXPECT_EQ(HookProbe::object, d.getImpl());
   EXPECT_EQ(HookProbe::data, &data);

@@ -56,7 +56,6 @@ std::vector<QelExtractableI*> Elements(const QelExtractableArray& a) {
   return out;
 }
 
-
 struct HookCall {
   const QelAlgorithmI* algorithm = nullptr;
   const QelPackI* object = nullptr;

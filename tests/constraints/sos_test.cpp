@@ -181,9 +181,7 @@ struct SOSTest : ::testing::Test {
     for (double w : weights) wa.add(w);
     return QelNewObject<SetI>(env.getImpl(), env.getImpl(), va, wa, name);
   }
-  Add* NewAdd(SetI* set, double weight) {
-    return QelNewObject<Add>(env.getImpl(), set, weight);
-  }
+  Add* NewAdd(SetI* set, double weight) { return QelNewObject<Add>(env.getImpl(), set, weight); }
 };
 
 // Names the typed cases after the set class: SOSTest/QelSOS1I.Case.
@@ -389,8 +387,7 @@ TYPED_TEST(SOSTest, AWeightedAdditionToVariablesWithoutWeightsAddsTheVariableOnl
   add->setObj(z.getImpl());
   add->apply();
   EXPECT_EQ(s->getValArray().getSize(), 0);
-  EXPECT_EQ(Vars(s->getVarArray()),
-            (std::vector<QelExtractableI*>{a.getImpl(), z.getImpl()}));
+  EXPECT_EQ(Vars(s->getVarArray()), (std::vector<QelExtractableI*>{a.getImpl(), z.getImpl()}));
   add->destroy();
 }
 
@@ -412,8 +409,7 @@ TYPED_TEST(SOSTest, InstallingAChainEntersTheVariableEverywhereAndBroadcasts) {
   second->setNext(third);
   first->install(z.getImpl());
 
-  EXPECT_EQ(Vars(s1->getVarArray()),
-            (std::vector<QelExtractableI*>{a.getImpl(), z.getImpl()}));
+  EXPECT_EQ(Vars(s1->getVarArray()), (std::vector<QelExtractableI*>{a.getImpl(), z.getImpl()}));
   EXPECT_EQ(Vals(s1->getValArray()), (std::vector<double>{2, 3}));
   EXPECT_EQ(Vars(s2->getVarArray()),
             (std::vector<QelExtractableI*>{a.getImpl(), b.getImpl(), z.getImpl()}));
@@ -431,12 +427,10 @@ TYPED_TEST(SOSTest, InstallingAChainEntersTheVariableEverywhereAndBroadcasts) {
 
   // One notice per place, about the set, in chain order.
   EXPECT_EQ(rec->notices, (std::vector<std::string>(3, TypeParam::AddName)));
-  EXPECT_EQ(rec->objects,
-            (std::vector<const QelExtractableI*>{s1, s2, s3}));
+  EXPECT_EQ(rec->objects, (std::vector<const QelExtractableI*>{s1, s2, s3}));
   EXPECT_EQ(rec->visitor.calls,
-            (std::vector<VisitCall>{{"add", s1, z.getImpl()},
-                                    {"add", s2, z.getImpl()},
-                                    {"add", s3, z.getImpl()}}));
+            (std::vector<VisitCall>{
+                {"add", s1, z.getImpl()}, {"add", s2, z.getImpl()}, {"add", s3, z.getImpl()}}));
   // The forwarder recorded the new variable as extracted with the sets.
   EXPECT_TRUE(rec->isExtracted(z.getImpl()));
   first->destroy();
@@ -555,8 +549,7 @@ TYPED_TEST(SOSTest, RemoveVarRemovesEveryOccurrenceAndSendsOneNoticePerElement) 
   EXPECT_EQ(Vals(s->getValArray()), (std::vector<double>{2}));
   EXPECT_EQ(rec->notices, (std::vector<std::string>(3, TypeParam::RemoveName)));
   EXPECT_EQ(rec->objects, (std::vector<const QelExtractableI*>(3, s)));
-  EXPECT_EQ(rec->visitor.calls,
-            (std::vector<VisitCall>(3, VisitCall{"remove", s, x.getImpl()})));
+  EXPECT_EQ(rec->visitor.calls, (std::vector<VisitCall>(3, VisitCall{"remove", s, x.getImpl()})));
   delete rec;
 }
 
@@ -584,12 +577,10 @@ TYPED_TEST(SOSTest, RemovingAnAbsentVariableStillSendsItsNotices) {
   RecordingAlgorithmI* rec = MakeRecorder(this->env);
   rec->extract(s);
   s->removeVar(z);
-  EXPECT_EQ(Vars(s->getVarArray()),
-            (std::vector<QelExtractableI*>{x.getImpl(), y.getImpl()}));
+  EXPECT_EQ(Vars(s->getVarArray()), (std::vector<QelExtractableI*>{x.getImpl(), y.getImpl()}));
   EXPECT_EQ(Vals(s->getValArray()), (std::vector<double>{1, 2}));
   EXPECT_EQ(rec->notices, (std::vector<std::string>(2, TypeParam::RemoveName)));
-  EXPECT_EQ(rec->visitor.calls,
-            (std::vector<VisitCall>(2, VisitCall{"remove", s, z.getImpl()})));
+  EXPECT_EQ(rec->visitor.calls, (std::vector<VisitCall>(2, VisitCall{"remove", s, z.getImpl()})));
 
   // An empty set sends nothing.
   auto* empty = this->NewSet();
@@ -625,8 +616,7 @@ TYPED_TEST(SOSTest, EndingAVariableSweepsItOutSilentlyAndLeavesTheWeights) {
   QelInt sid = s->getId();
   x.end();
   ASSERT_EQ(this->env.getImpl()->getExtractable(sid), s);  // the set lives on
-  EXPECT_EQ(Vars(s->getVarArray()),
-            (std::vector<QelExtractableI*>{y.getImpl(), z.getImpl()}));
+  EXPECT_EQ(Vars(s->getVarArray()), (std::vector<QelExtractableI*>{y.getImpl(), z.getImpl()}));
   // The weights are not touched in this mode.
   EXPECT_EQ(Vals(s->getValArray()), (std::vector<double>{1, 2, 3, 4}));
   EXPECT_EQ(Count(rec->notices, TypeParam::RemoveName), 0);
@@ -642,13 +632,11 @@ TYPED_TEST(SOSTest, EndingAVariableOneByOneRemovesItWithItsWeightAndNotices) {
   this->env.getImpl()->setOneByOne(1);
   QelExtractableI* xi = x.getImpl();
   x.end();
-  EXPECT_EQ(Vars(s->getVarArray()),
-            (std::vector<QelExtractableI*>{y.getImpl(), z.getImpl()}));
+  EXPECT_EQ(Vars(s->getVarArray()), (std::vector<QelExtractableI*>{y.getImpl(), z.getImpl()}));
   EXPECT_EQ(Vals(s->getValArray()), (std::vector<double>{2, 4}));
   // One notice per element the set held when the removal began.
   EXPECT_EQ(Count(rec->notices, TypeParam::RemoveName), 4);
-  EXPECT_EQ(rec->visitor.calls,
-            (std::vector<VisitCall>(4, VisitCall{"remove", s, xi})));
+  EXPECT_EQ(rec->visitor.calls, (std::vector<VisitCall>(4, VisitCall{"remove", s, xi})));
   delete rec;
 }
 
@@ -693,8 +681,7 @@ TYPED_TEST(SOSTest, TheCloneHoldsTheClonesOfTheVariablesAndItsOwnWeights) {
   s->getValArray().set(0, 99.0);
   EXPECT_EQ(Vals(clone->getValArray()), (std::vector<double>{1, 2}));
   // The source is untouched.
-  EXPECT_EQ(Vars(s->getVarArray()),
-            (std::vector<QelExtractableI*>{x.getImpl(), y.getImpl()}));
+  EXPECT_EQ(Vars(s->getVarArray()), (std::vector<QelExtractableI*>{x.getImpl(), y.getImpl()}));
   other.end();
 }
 
@@ -752,8 +739,7 @@ TYPED_TEST(SOSTest, DisplayOfANamedSetWithWeights) {
 
 TYPED_TEST(SOSTest, DisplayOfAnEmptyUnnamedSetShowsItsIdAndEmptyBrackets) {
   auto* s = this->NewSet();
-  EXPECT_EQ(Display(s), std::string(TypeParam::Word) + " (" +
-                            std::to_string(s->getId()) +
+  EXPECT_EQ(Display(s), std::string(TypeParam::Word) + " (" + std::to_string(s->getId()) +
                             ")\n"
                             "  _varArray []\n"
                             "  _valArray []\n");
@@ -792,8 +778,8 @@ TYPED_TEST(SOSTest, DisplayUsesEachVariablesOwnDisplay) {
   auto* s = this->NewSet({f, i}, {-1.25}, "s");
   EXPECT_EQ(Display(s), std::string(TypeParam::Word) +
                             " (s)\n"
-                            "  _varArray [" + Display(f.getImpl()) + ", " +
-                            Display(i.getImpl()) +
+                            "  _varArray [" +
+                            Display(f.getImpl()) + ", " + Display(i.getImpl()) +
                             "]\n"
                             "  _valArray [-1.25]\n");
 }
@@ -839,8 +825,7 @@ TYPED_TEST(SOSTest, FilledExtractionHooksReceiveAlgorithmThenSet) {
   EXPECT_EQ(P::object, s);
   EXPECT_EQ(P::data, &data);
   P::Reset();
-  EXPECT_EQ(s->unextractFromCP(alg, &data),
-            reinterpret_cast<void*>(std::uintptr_t{0x3333}));
+  EXPECT_EQ(s->unextractFromCP(alg, &data), reinterpret_cast<void*>(std::uintptr_t{0x3333}));
   EXPECT_EQ(P::alg, alg.getImpl());
   EXPECT_EQ(P::object, s);
   EXPECT_EQ(P::data, &data);

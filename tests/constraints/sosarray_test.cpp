@@ -39,8 +39,7 @@ std::string TryBuild(QelEnv env, QelInt n, const std::vector<Set>& sets,
 }
 
 template <class Array, class Set, std::size_t K>
-void CheckEveryCount(QelEnv env, const std::vector<Set>& sets,
-                     const std::string& prefix) {
+void CheckEveryCount(QelEnv env, const std::vector<Set>& sets, const std::string& prefix) {
   using Seq = std::make_index_sequence<K>;
   const QelInt k = static_cast<QelInt>(K);
   EXPECT_EQ(TryBuild<Array>(env, k, sets, Seq()), "<no exception>") << "k=" << K;
@@ -51,8 +50,8 @@ void CheckEveryCount(QelEnv env, const std::vector<Set>& sets,
 }
 
 template <class Array, class Set, std::size_t... K>
-void CheckAllCounts(QelEnv env, const std::vector<Set>& sets,
-                    const std::string& prefix, std::index_sequence<K...>) {
+void CheckAllCounts(QelEnv env, const std::vector<Set>& sets, const std::string& prefix,
+                    std::index_sequence<K...>) {
   (CheckEveryCount<Array, Set, K + 1>(env, sets, prefix), ...);
 }
 
@@ -96,22 +95,21 @@ TEST_F(SOSArrayTest, ZeroAnnouncedWithOneSetThrowsTheMessageForOne) {
 TEST_F(SOSArrayTest, EveryCountFromOneToTenOfTypeOne) {
   std::vector<QelSOS1> sets;
   for (int i = 0; i < 10; ++i) sets.emplace_back(env);
-  CheckAllCounts<QelSOS1Array>(env, sets, "QelSOS1Array::QelSOS1Array: n !=",
-                               std::make_index_sequence<10>());
+  CheckAllCounts<QelSOS1Array>(env, sets,
+                               "QelSOS1Array::QelSOS1Array: n !=", std::make_index_sequence<10>());
 }
 
 TEST_F(SOSArrayTest, EveryCountFromOneToTenOfTypeTwo) {
   std::vector<QelSOS2> sets;
   for (int i = 0; i < 10; ++i) sets.emplace_back(env);
-  CheckAllCounts<QelSOS2Array>(env, sets, "QelSOS2Array::QelSOS2Array: n !=",
-                               std::make_index_sequence<10>());
+  CheckAllCounts<QelSOS2Array>(env, sets,
+                               "QelSOS2Array::QelSOS2Array: n !=", std::make_index_sequence<10>());
 }
 
 TEST_F(SOSArrayTest, MessagesHaveNoBlankUnlikeTheGeneralArray) {
   QelSOS1 a(env);
   std::string sos = MessageOf<QelWrongUsage>([&] { QelSOS1Array s(env, 2, a); });
-  std::string general =
-      MessageOf<QelWrongUsage>([&] { QelExtractableArray s(env, 2, a); });
+  std::string general = MessageOf<QelWrongUsage>([&] { QelExtractableArray s(env, 2, a); });
   EXPECT_EQ(sos, "QelSOS1Array::QelSOS1Array: n !=1");
   EXPECT_EQ(general, "QelExtractableArray::QelExtractableArray: n != 1");
 }
@@ -119,8 +117,7 @@ TEST_F(SOSArrayTest, MessagesHaveNoBlankUnlikeTheGeneralArray) {
 TEST_F(SOSArrayTest, AnEmptyHandleBecomesANullElement) {
   QelSOS1 a(env, "a");
   QelSOS1Array sets(env, 3, a, QelSOS1(), a);
-  EXPECT_EQ(Elements(sets),
-            (std::vector<QelExtractableI*>{a.getImpl(), nullptr, a.getImpl()}));
+  EXPECT_EQ(Elements(sets), (std::vector<QelExtractableI*>{a.getImpl(), nullptr, a.getImpl()}));
   EXPECT_EQ(sets[1].getImpl(), nullptr);
   sets.end();
 }
@@ -163,21 +160,18 @@ TEST_F(SOSArrayTest, ItIsAnExtractableArrayAndPrintsAsOne) {
 
 TEST(SOSArrayTypes, OnlySetsOfItsOwnTypeAndOneToTenOfThem) {
   static_assert(std::is_constructible<QelSOS1Array, QelEnv, QelInt, QelSOS1>::value, "");
-  static_assert(std::is_constructible<QelSOS2Array, QelEnv, QelInt, QelSOS2, QelSOS2>::value,
-                "");
+  static_assert(std::is_constructible<QelSOS2Array, QelEnv, QelInt, QelSOS2, QelSOS2>::value, "");
   static_assert(!std::is_constructible<QelSOS1Array, QelEnv, QelInt, QelSOS2>::value,
                 "a set of the other type is refused");
   static_assert(!std::is_constructible<QelSOS2Array, QelEnv, QelInt, QelSOS1>::value,
                 "a set of the other type is refused");
   static_assert(
-      std::is_constructible<QelSOS1Array, QelEnv, QelInt, QelSOS1, QelSOS1, QelSOS1,
-                            QelSOS1, QelSOS1, QelSOS1, QelSOS1, QelSOS1, QelSOS1,
-                            QelSOS1>::value,
+      std::is_constructible<QelSOS1Array, QelEnv, QelInt, QelSOS1, QelSOS1, QelSOS1, QelSOS1,
+                            QelSOS1, QelSOS1, QelSOS1, QelSOS1, QelSOS1, QelSOS1>::value,
       "ten sets");
   static_assert(
-      !std::is_constructible<QelSOS1Array, QelEnv, QelInt, QelSOS1, QelSOS1, QelSOS1,
-                             QelSOS1, QelSOS1, QelSOS1, QelSOS1, QelSOS1, QelSOS1,
-                             QelSOS1, QelSOS1>::value,
+      !std::is_constructible<QelSOS1Array, QelEnv, QelInt, QelSOS1, QelSOS1, QelSOS1, QelSOS1,
+                             QelSOS1, QelSOS1, QelSOS1, QelSOS1, QelSOS1, QelSOS1, QelSOS1>::value,
       "eleven sets are too many");
   static_assert(std::is_base_of<QelExtractableArray, QelSOS1Array>::value, "");
   static_assert(std::is_base_of<QelExtractableArray, QelSOS2Array>::value, "");

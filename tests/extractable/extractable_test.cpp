@@ -26,8 +26,7 @@ class BaseOnlyI : public QelExtractableI {
   QEL_EXTRACTABLE_DECL(BaseOnlyI, QelExtractableI)
 
  public:
-  explicit BaseOnlyI(QelEnvI* env, const char* name = nullptr)
-      : QelExtractableI(env, name) {}
+  explicit BaseOnlyI(QelEnvI* env, const char* name = nullptr) : QelExtractableI(env, name) {}
   void visitSubExtractables(QelExtractableVisitor* v) override {
     v->beginVisit(this);
     v->endVisit(this);
@@ -132,8 +131,7 @@ TEST(ExtractableBase, FailedDerivedConstructorUndoesEverything) {
   QelEnv env;
   BaseOnlyI* before = Make(env);
   QelInt bytes = BytesInUse(env);
-  EXPECT_EQ(MessageOf<QelWrongUsage>(
-                [&] { QelNewObject<FailingI>(env.getImpl(), env.getImpl()); }),
+  EXPECT_EQ(MessageOf<QelWrongUsage>([&] { QelNewObject<FailingI>(env.getImpl(), env.getImpl()); }),
             "refused");
   EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), 1);
   EXPECT_EQ(BytesInUse(env), bytes);
@@ -168,8 +166,7 @@ TEST(ExtractableName, EverySetNameNotifiesEvenWithTheSameName) {
   x->setName("a");
   x->setName("a");
   EXPECT_STREQ(x->getName(), "a");
-  EXPECT_EQ(rec->notices,
-            (std::vector<std::string>{"QelSetNameChange", "QelSetNameChange"}));
+  EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelSetNameChange", "QelSetNameChange"}));
   EXPECT_EQ(rec->objects, (std::vector<const QelExtractableI*>{x, x}));
 
   // Clearing a name notifies too; clearing it again does not.

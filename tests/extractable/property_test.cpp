@@ -25,9 +25,7 @@ class PropLeafI : public QelExtractableI {
 };
 QEL_EXTRACTABLE_DEF(PropLeafI)
 
-PropLeafI* Leaf(QelEnv env) {
-  return QelNewObject<PropLeafI>(env.getImpl(), env.getImpl());
-}
+PropLeafI* Leaf(QelEnv env) { return QelNewObject<PropLeafI>(env.getImpl(), env.getImpl()); }
 
 std::vector<std::string> Names(const QelNamedPropertySetI* set) {
   std::vector<std::string> names;
@@ -118,8 +116,8 @@ TEST(Property, RemoveAllPropertiesLeavesNone) {
   EXPECT_EQ(x->getProperties(), nullptr);
   EXPECT_EQ(x->getExtension(), ext);  // the record stays
   // Everything but the record went back.
-  QelInt record = static_cast<QelInt>(QelMemory::BlockSizeOfClass(
-      env.getImpl()->getMemory()->getIndex(sizeof(QelExtension))));
+  QelInt record = static_cast<QelInt>(
+      QelMemory::BlockSizeOfClass(env.getImpl()->getMemory()->getIndex(sizeof(QelExtension))));
   EXPECT_EQ(BytesInUse(env), bare + record);
   // Again, and on a bare object: nothing happens, nothing is made.
   x->removeAllProperties();
@@ -311,8 +309,7 @@ TEST(Property, AddPropertiesCopiesAnotherSetInOrder) {
   from->setNumProperty("n", 0.5);
   to->setIntProperty("first", 0);
   to->addProperties(from->getProperties());
-  EXPECT_EQ(Names(to->getProperties()),
-            (std::vector<std::string>{"first", "i", "s", "n"}));
+  EXPECT_EQ(Names(to->getProperties()), (std::vector<std::string>{"first", "i", "s", "n"}));
   EXPECT_EQ(to->getIntProperty("i"), 1);
   EXPECT_STREQ(to->getStringProperty("s"), "text");
   EXPECT_NE(to->getProperty("s"), from->getProperty("s"));
@@ -368,14 +365,12 @@ TEST(Property, LookupTemplates) {
   QelGetPropertyValueI<QelNamedIntProperty, QelExtractableI>("t", x, value);
   EXPECT_EQ(value, 12);
   QelNamedNumProperty wrong;
-  EXPECT_EQ(MessageOf<BadType>([&] {
-              QelGetPropertyI<QelNamedNumProperty, QelExtractableI>("t", x, wrong);
-            }),
+  EXPECT_EQ(MessageOf<BadType>(
+                [&] { QelGetPropertyI<QelNamedNumProperty, QelExtractableI>("t", x, wrong); }),
             "t");
   EXPECT_EQ(wrong.getImpl(), nullptr);
-  EXPECT_EQ(MessageOf<NotPresent>([&] {
-              QelGetPropertyI<QelNamedNumProperty, QelExtractableI>("u", x, wrong);
-            }),
+  EXPECT_EQ(MessageOf<NotPresent>(
+                [&] { QelGetPropertyI<QelNamedNumProperty, QelExtractableI>("u", x, wrong); }),
             "u");
   // A handle made from a memory manager.
   QelNamedStringProperty made(env.getMemoryManager(), "m", "value");

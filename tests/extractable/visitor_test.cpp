@@ -39,8 +39,7 @@ class VNodeI : public QelConstraintI {
   QEL_EXTRACTABLE_DECL(VNodeI, QelConstraintI)
 
  public:
-  VNodeI(QelEnvI* env, std::initializer_list<QelExtractableI*> subs)
-      : QelConstraintI(env) {
+  VNodeI(QelEnvI* env, std::initializer_list<QelExtractableI*> subs) : QelConstraintI(env) {
     for (QelExtractableI* s : subs) _subs[_count++] = s;
   }
   void visitSubExtractables(QelExtractableVisitor* v) override {
@@ -63,8 +62,7 @@ class VArrayNodeI : public QelExtractableI {
   QEL_EXTRACTABLE_DECL(VArrayNodeI, QelExtractableI)
 
  public:
-  VArrayNodeI(QelEnvI* env, QelExtractableArray subs)
-      : QelExtractableI(env), _subs(subs) {}
+  VArrayNodeI(QelEnvI* env, QelExtractableArray subs) : QelExtractableI(env), _subs(subs) {}
   ~VArrayNodeI() override { _subs.end(); }
   void visitSubExtractables(QelExtractableVisitor* v) override {
     ++visits;
@@ -159,11 +157,9 @@ TEST(VisitorBase, ArrayWalkShowsEachElementInOrder) {
   TraceVisitor v;
   n->visitSubExtractables(&v);
   using Step = std::pair<std::string, QelExtractableI*>;
-  EXPECT_EQ(v.trace, (std::vector<Step>{{"begin", n},
-                                        {"child", a},
-                                        {"child", nullptr},
-                                        {"child", b},
-                                        {"end", n}}));
+  EXPECT_EQ(v.trace,
+            (std::vector<Step>{
+                {"begin", n}, {"child", a}, {"child", nullptr}, {"child", b}, {"end", n}}));
   // Empty handle and empty array: nothing.
   TraceVisitor w;
   w.visitChildren(n, QelExtractableArray());

@@ -442,10 +442,9 @@ TEST(AlgorithmExtract, AnEngineThatCannotExtractLeavesNothingRecorded) {
     alg->getImpl()->useHooks();
     // No engine fills the model's extraction slot.
     EXPECT_THROW(alg->extract(m), QelAlgorithm::ExtractFailure);
-    for (QelExtractableI* o : {static_cast<QelExtractableI*>(m.getImpl()),
-                               static_cast<QelExtractableI*>(r.getImpl()),
-                               static_cast<QelExtractableI*>(sum.getImpl()),
-                               static_cast<QelExtractableI*>(y.getImpl())})
+    for (QelExtractableI* o :
+         {static_cast<QelExtractableI*>(m.getImpl()), static_cast<QelExtractableI*>(r.getImpl()),
+          static_cast<QelExtractableI*>(sum.getImpl()), static_cast<QelExtractableI*>(y.getImpl())})
       EXPECT_FALSE(alg->getImpl()->isExtracted(o));
   }
   EXPECT_TRUE(known.getImpl()->isExtracted(x.getImpl()));

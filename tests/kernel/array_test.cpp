@@ -141,8 +141,7 @@ TEST(ArrayImpl, RemoveAcrossBlockBoundaries) {
   ASSERT_GT(a->getBlockCount(), 1);
   a->remove(4000, 4500);
   ASSERT_EQ(a->getSize(), n - 4500);
-  for (long i = 0; i < a->getSize(); ++i)
-    ASSERT_EQ(At(a, i), i < 4000 ? i : i + 4500) << i;
+  for (long i = 0; i < a->getSize(); ++i) ASSERT_EQ(At(a, i), i < 4000 ? i : i + 4500) << i;
   delete a;
   env.end();
 }

@@ -293,8 +293,7 @@ TEST_F(ConstraintTest, NumSetGrowsAndGivesItsMemoryBack) {
     for (long k = 0; k < n; ++k) s.add(static_cast<double>(k) * 0.5 - 1000);
     for (long k = 0; k < n; ++k) s.add(static_cast<double>(k) * 0.5 - 1000);
     EXPECT_EQ(s.getSize(), n);
-    for (long k = 0; k < n; ++k)
-      ASSERT_TRUE(s.contains(static_cast<double>(k) * 0.5 - 1000)) << k;
+    for (long k = 0; k < n; ++k) ASSERT_TRUE(s.contains(static_cast<double>(k) * 0.5 - 1000)) << k;
     EXPECT_FALSE(s.contains(-1000.25));
     EXPECT_FALSE(s.contains(1e9));
     EXPECT_GT(envI()->getBytesInUse(), baseline);
@@ -436,8 +435,7 @@ TEST_F(ConstraintTest, IntervalVar) {
   EXPECT_EQ(a.getImpl()->getEndMax(), 10);
   EXPECT_EQ(Show(a), "a[size=3, start=0, end=10]");
   QelIntervalVar b(env, 1, -5, 5);
-  EXPECT_EQ(Show(b), "QelIntervalVar" + std::to_string(b.getId()) +
-                         "[size=1, start=-5, end=5]");
+  EXPECT_EQ(Show(b), "QelIntervalVar" + std::to_string(b.getId()) + "[size=1, start=-5, end=5]");
   Children v;
   a.getImpl()->visitSubExtractables(&v);
   EXPECT_TRUE(v.children.empty());
@@ -447,8 +445,7 @@ TEST_F(ConstraintTest, IntervalVar) {
   auto* c = static_cast<QelIntervalVarI*>(other.getImpl()->getClone(a.getImpl()));
   EXPECT_EQ(c->getEnv(), other.getImpl());
   EXPECT_EQ(c->getName(), nullptr);
-  EXPECT_EQ(Show(c), "QelIntervalVar" + std::to_string(c->getId()) +
-                         "[size=3, start=0, end=10]");
+  EXPECT_EQ(Show(c), "QelIntervalVar" + std::to_string(c->getId()) + "[size=3, start=0, end=10]");
   other.end();
 }
 

@@ -17,8 +17,7 @@ class EnvLeafI : public QelExtractableI {
   QEL_EXTRACTABLE_DECL(EnvLeafI, QelExtractableI)
 
  public:
-  explicit EnvLeafI(QelEnvI* env, const char* name = nullptr)
-      : QelExtractableI(env, name) {}
+  explicit EnvLeafI(QelEnvI* env, const char* name = nullptr) : QelExtractableI(env, name) {}
   void visitSubExtractables(QelExtractableVisitor* v) override {
     v->beginVisit(this);
     v->endVisit(this);
@@ -62,9 +61,7 @@ class EnvTestNotice : public QelChange {
   QEL_CHANGE_DECL(EnvTestNotice, QelChange)
 
  public:
-  void visitChange(QelEnvI*, QelExtractableI*, QelChangeVisitor*) const override {
-    ++visits;
-  }
+  void visitChange(QelEnvI*, QelExtractableI*, QelChangeVisitor*) const override { ++visits; }
   mutable int visits = 0;
 };
 QEL_CHANGE_DEF(EnvTestNotice)
@@ -157,7 +154,8 @@ TEST(EnvTable, GrowingPastSixtyFourAndOneHundredTwentyEightKeepsLinks) {
     EnvLeafI* x = Leaf(env);
     QelInt expected = k < 75 ? 148 - 2 * k : 150 + (k - 75);
     ASSERT_EQ(x->getId(), expected) << "creation " << k;
-    if (expected >= static_cast<QelInt>(byId.size())) byId.resize(static_cast<size_t>(expected) + 1);
+    if (expected >= static_cast<QelInt>(byId.size()))
+      byId.resize(static_cast<size_t>(expected) + 1);
     byId[static_cast<size_t>(expected)] = x;
   }
   EXPECT_EQ(e->getExtractableTableSize(), 275);
@@ -324,8 +322,7 @@ TEST(EnvDecisionMap, BadHashIndexThrowsAtFindInsertAndRemove) {
     map.insert(a, 1);
     for (auto bad : {&BadHash, &NegativeHash}) {
       map.setHashFunction(bad);
-      EXPECT_EQ(MessageOf<QelWrongUsage>([&] { map.find(a); }),
-                "Hash function returned bad index");
+      EXPECT_EQ(MessageOf<QelWrongUsage>([&] { map.find(a); }), "Hash function returned bad index");
       EXPECT_EQ(MessageOf<QelWrongUsage>([&] { map.insert(b, 0); }),
                 "Hash function returned bad index");
       EXPECT_EQ(MessageOf<QelWrongUsage>([&] { map.remove(a); }),
@@ -414,8 +411,7 @@ TEST(EnvDecisionMap, BadHashThrowsFromTheDestructorOfACachedObject) {
   QelDecisionExprMap* map = e->getDecisionExprMap();
   map->setHashFunction(&BadHash);
   QelInt id = a->getId();
-  EXPECT_EQ(MessageOf<QelWrongUsage>([&] { a->end(); }),
-            "Hash function returned bad index");
+  EXPECT_EQ(MessageOf<QelWrongUsage>([&] { a->end(); }), "Hash function returned bad index");
   // The object is gone from the table all the same.
   EXPECT_EQ(e->getExtractable(id), nullptr);
   EXPECT_EQ(e->getNumberOfExtractables(), 0);
@@ -424,8 +420,7 @@ TEST(EnvDecisionMap, BadHashThrowsFromTheDestructorOfACachedObject) {
   // An object the map never saw is hashed too (the map exists).
   map->setHashFunction(&NegativeHash);
   EnvLeafI* b = Leaf(env);
-  EXPECT_EQ(MessageOf<QelWrongUsage>([&] { b->end(); }),
-            "Hash function returned bad index");
+  EXPECT_EQ(MessageOf<QelWrongUsage>([&] { b->end(); }), "Hash function returned bad index");
   map->setHashFunction(&QelDecisionExprMap::DefaultHash);
   env.end();
 }
@@ -810,27 +805,27 @@ TEST(EnvHandle, GeneralAllocatorUsesTheEnvironmentMemory) {
 // ---- a copy that fails leaves no copy behind ---------------------------------
 
 TEST(EnvClone, ACopyThatCannotCompleteLeavesNoCloneBehind) {
-  long refusals = qeltest::ForEachRefusal([](QelEnv copy, qeltest::RequestCounter& counter,
-                                             long n) {
-    QelEnv source;
-    EnvLeafI* a = QelNewObject<EnvLeafI>(source.getImpl(), source.getImpl());
-    EnvLeafI* b = QelNewObject<EnvLeafI>(source.getImpl(), source.getImpl());
-    EnvPairI* ab = QelNewObject<EnvPairI>(source.getImpl(), source.getImpl(), a, b);
-    EnvPairI* top = QelNewObject<EnvPairI>(source.getImpl(), source.getImpl(), ab, a);
-    counter.refuseAfter(n);
-    bool refused = false;
-    try {
-      copy.getImpl()->getClone(top);
-    } catch (const QelMemoryException&) {
-      refused = true;
-    }
-    counter.stop();
-    EXPECT_EQ(copy.getImpl()->getNumberOfExtractables(), refused ? 0 : 4) << "request " << n;
-    // The next copy operation starts afresh.
-    EXPECT_EQ(copy.getImpl()->findClone(a), nullptr);
-    qeltest::EndAllObjects(copy);
-    source.end();
-    return refused;
-  });
+  long refusals =
+      qeltest::ForEachRefusal([](QelEnv copy, qeltest::RequestCounter& counter, long n) {
+        QelEnv source;
+        EnvLeafI* a = QelNewObject<EnvLeafI>(source.getImpl(), source.getImpl());
+        EnvLeafI* b = QelNewObject<EnvLeafI>(source.getImpl(), source.getImpl());
+        EnvPairI* ab = QelNewObject<EnvPairI>(source.getImpl(), source.getImpl(), a, b);
+        EnvPairI* top = QelNewObject<EnvPairI>(source.getImpl(), source.getImpl(), ab, a);
+        counter.refuseAfter(n);
+        bool refused = false;
+        try {
+          copy.getImpl()->getClone(top);
+        } catch (const QelMemoryException&) {
+          refused = true;
+        }
+        counter.stop();
+        EXPECT_EQ(copy.getImpl()->getNumberOfExtractables(), refused ? 0 : 4) << "request " << n;
+        // The next copy operation starts afresh.
+        EXPECT_EQ(copy.getImpl()->findClone(a), nullptr);
+        qeltest::EndAllObjects(copy);
+        source.end();
+        return refused;
+      });
   EXPECT_EQ(refusals, 4);
 }

@@ -70,8 +70,7 @@ TEST(Exception, KernelKindsAndTheirTexts) {
   EXPECT_STREQ(QelMemoryException().getMessage(), "Out of memory");
   EXPECT_STREQ(QelEnvAllocatorThreadMismatch().getMessage(),
                "Environment used from a thread that is not its allocator thread");
-  EXPECT_STREQ(QelEnvAllocationDisabled().getMessage(),
-               "Environment allocation is disabled");
+  EXPECT_STREQ(QelEnvAllocationDisabled().getMessage(), "Environment allocation is disabled");
   EXPECT_EQ(QelMemoryException().getCode(), 0);
   EXPECT_EQ(QelEnvAllocationDisabled().getCode(), 0);
 }

@@ -165,8 +165,10 @@ TEST_F(ExprTest, VariableVisitPresentsNoChildren) {
   Recorder r;
   x.getImpl()->visitSubExtractables(&r);
   ASSERT_EQ(r.events.size(), 2u);
-  EXPECT_EQ(r.events[0], std::make_pair(std::string("begin"), static_cast<QelExtractableI*>(x.getImpl())));
-  EXPECT_EQ(r.events[1], std::make_pair(std::string("end"), static_cast<QelExtractableI*>(x.getImpl())));
+  EXPECT_EQ(r.events[0],
+            std::make_pair(std::string("begin"), static_cast<QelExtractableI*>(x.getImpl())));
+  EXPECT_EQ(r.events[1],
+            std::make_pair(std::string("end"), static_cast<QelExtractableI*>(x.getImpl())));
 }
 
 TEST_F(ExprTest, VariableCopyIsATermOnTheVariable) {
@@ -251,8 +253,7 @@ TEST_F(ExprTest, TermOperandsAreCopiedNotHeld) {
   QelNumExpr e = x + y;
   QelNumExpr f = e * 2.0 + x;
   EXPECT_EQ(Show(f), "2 * x + 2 * y + x");
-  EXPECT_EQ(LinearOf(f),
-            (LinTerms{{2.0, x.getImpl()}, {2.0, y.getImpl()}, {1.0, x.getImpl()}}));
+  EXPECT_EQ(LinearOf(f), (LinTerms{{2.0, x.getImpl()}, {2.0, y.getImpl()}, {1.0, x.getImpl()}}));
   EXPECT_EQ(Uses(e), 0);
   // x: once in e, once in e * 2, twice in f.
   EXPECT_EQ(Uses(x), 4);
@@ -393,8 +394,7 @@ TEST_F(ExprTest, EmptyOperandsAreRefused) {
   EXPECT_THROW(none * 2.0, QelEmptyHandleException);
   EXPECT_THROW(x * none, QelEmptyHandleException);
   EXPECT_THROW(-none, QelEmptyHandleException);
-  EXPECT_THROW(QelNumExpr(QelEnv(static_cast<QelEnvI*>(nullptr)), 1.0),
-               QelEmptyHandleException);
+  EXPECT_THROW(QelNumExpr(QelEnv(static_cast<QelEnvI*>(nullptr)), 1.0), QelEmptyHandleException);
   EXPECT_THROW(none.getLinearIterator(), QelEmptyHandleException);
 }
 
@@ -536,8 +536,8 @@ TEST_F(TermOpsTest, SetQuadCoefWorksOnTheUnorderedPair) {
   EXPECT_EQ(Uses(y), 2);
 
   EXPECT_EQ(t->setQuadCoef(y, x, 4), 5);
-  EXPECT_EQ(QuadOf(e), (QuadTerms{{4.0, y.getImpl(), x.getImpl()},
-                                  {1.0, x.getImpl(), x.getImpl()}}));
+  EXPECT_EQ(QuadOf(e),
+            (QuadTerms{{4.0, y.getImpl(), x.getImpl()}, {1.0, x.getImpl(), x.getImpl()}}));
   EXPECT_EQ(Uses(x), 3);
   EXPECT_EQ(Uses(y), 1);
 
@@ -577,8 +577,8 @@ TEST_F(TermOpsTest, NormalizeMergesAndDropsZeros) {
   t->setConstant(4);
   t->normalize();
   EXPECT_EQ(LinearOf(e), (LinTerms{{3.0, x.getImpl()}}));
-  EXPECT_EQ(QuadOf(e), (QuadTerms{{3.0, x.getImpl(), y.getImpl()},
-                                  {1.0, z.getImpl(), x.getImpl()}}));
+  EXPECT_EQ(QuadOf(e),
+            (QuadTerms{{3.0, x.getImpl(), y.getImpl()}, {1.0, z.getImpl(), x.getImpl()}}));
   EXPECT_EQ(e.getConstant(), 4);
   EXPECT_EQ(Show(e), "3 * x + 3 * x * y + z * x + 4");
   EXPECT_EQ(Uses(x), 3);
@@ -616,8 +616,8 @@ TEST_F(TermOpsTest, ZolNormalizationLinearizesBooleanSquares) {
   EXPECT_EQ(Uses(c), 3);
   t->zolNormalization();
   EXPECT_EQ(LinearOf(e), (LinTerms{{1.0, x.getImpl()}, {2.0, b.getImpl()}, {-1.0, c.getImpl()}}));
-  EXPECT_EQ(QuadOf(e), (QuadTerms{{1.0, b.getImpl(), c.getImpl()},
-                                  {3.0, i.getImpl(), i.getImpl()}}));
+  EXPECT_EQ(QuadOf(e),
+            (QuadTerms{{1.0, b.getImpl(), c.getImpl()}, {3.0, i.getImpl(), i.getImpl()}}));
   EXPECT_EQ(Show(e), "x + 2 * b - c + b * c + 3 * i * i");
   EXPECT_EQ(Uses(b), 2);
   EXPECT_EQ(Uses(c), 2);
@@ -973,10 +973,13 @@ TEST_F(ExprTest, VisitPresentsVariablesThenQuadraticThenAggregates) {
   Recorder r;
   t->visitSubExtractables(&r);
   using Event = std::pair<std::string, QelExtractableI*>;
-  std::vector<Event> expected = {
-      {"begin", t},          {"child", z.getImpl()}, {"child", x.getImpl()},
-      {"child", y.getImpl()}, {"child", z.getImpl()}, {"child", p.getImpl()},
-      {"end", t}};
+  std::vector<Event> expected = {{"begin", t},
+                                 {"child", z.getImpl()},
+                                 {"child", x.getImpl()},
+                                 {"child", y.getImpl()},
+                                 {"child", z.getImpl()},
+                                 {"child", p.getImpl()},
+                                 {"end", t}};
   EXPECT_EQ(r.events, expected);
 
   Recorder rp;
@@ -1015,18 +1018,16 @@ TEST_F(ExprTest, VariableArraysAndSums) {
 
   QelNumExpr s = QelSum(xs);
   EXPECT_TRUE(s.getImpl()->isType(QelNumLinTermI::GetTypeInfo()));
-  EXPECT_EQ(LinearOf(s), (LinTerms{{1.0, xs[0].getImpl()},
-                                   {1.0, xs[1].getImpl()},
-                                   {1.0, xs[2].getImpl()}}));
+  EXPECT_EQ(LinearOf(s),
+            (LinTerms{{1.0, xs[0].getImpl()}, {1.0, xs[1].getImpl()}, {1.0, xs[2].getImpl()}}));
 
   QelNumArray w(env, 3);
   w.set(0, 2);
   w.set(1, -1);
   w.set(2, 0.5);
   QelNumExpr sp = QelScalProd(xs, w);
-  EXPECT_EQ(LinearOf(sp), (LinTerms{{2.0, xs[0].getImpl()},
-                                    {-1.0, xs[1].getImpl()},
-                                    {0.5, xs[2].getImpl()}}));
+  EXPECT_EQ(LinearOf(sp),
+            (LinTerms{{2.0, xs[0].getImpl()}, {-1.0, xs[1].getImpl()}, {0.5, xs[2].getImpl()}}));
   QelNumArray shortW(env, 2);
   try {
     QelScalProd(xs, shortW);
@@ -1143,8 +1144,7 @@ TEST_F(ExprTest, EndingTermsAloneGivesTheirNodesBack) {
 // ---------------------------------------------------------------------------
 
 TEST(ExprRefusedMemory, SettingTheCoefficientsOfAnArrayIsAllOrNothing) {
-  long refusals = qeltest::ForEachRefusal([](QelEnv env, qeltest::RequestCounter& counter,
-                                             long n) {
+  long refusals = qeltest::ForEachRefusal([](QelEnv env, qeltest::RequestCounter& counter, long n) {
     QelNumVar x(env, 0, 1, "x"), y(env, 0, 1, "y"), z(env, 0, 1, "z");
     auto* t = QelNewObject<QelNumLinTermI>(env.getImpl(), env.getImpl(), 1.0);
     t->addTerm(2, x.getImpl());
@@ -1182,8 +1182,7 @@ TEST(ExprRefusedMemory, SettingTheCoefficientsOfAnArrayIsAllOrNothing) {
 }
 
 TEST(ExprRefusedMemory, ZeroOneNormalizationIsAllOrNothing) {
-  long refusals = qeltest::ForEachRefusal([](QelEnv env, qeltest::RequestCounter& counter,
-                                             long n) {
+  long refusals = qeltest::ForEachRefusal([](QelEnv env, qeltest::RequestCounter& counter, long n) {
     QelBoolVar a(env, "a"), b(env, "b");
     auto* t = QelNewObject<QelNumLinTermI>(env.getImpl(), env.getImpl(), 0.0);
     t->addQuadTerm(2, a.getImpl(), a.getImpl());

@@ -27,8 +27,7 @@ struct MemorySnapshot {
 
   bool operator==(const MemorySnapshot& o) const {
     return inUse == o.inUse && obtained == o.obtained && heads == o.heads &&
-           chunkBytes == o.chunkBytes && largeBytes == o.largeBytes &&
-           largeBlocks == o.largeBlocks;
+           chunkBytes == o.chunkBytes && largeBytes == o.largeBytes && largeBlocks == o.largeBlocks;
   }
 };
 
@@ -108,8 +107,7 @@ QelEnvConfig FreeLists() {
 // ---- size classes --------------------------------------------------------
 
 TEST(MemoryGetIndex, SmallSizesFollowTheEightByteSteps) {
-  QelMemory memory(QelMemory::DefaultSmallBlockLimit, QelMemory::DefaultNumClasses,
-                   true);
+  QelMemory memory(QelMemory::DefaultSmallBlockLimit, QelMemory::DefaultNumClasses, true);
   EXPECT_EQ(memory.getIndex(1), 0);
   EXPECT_EQ(memory.getIndex(8), 0);
   EXPECT_EQ(memory.getIndex(9), 1);
@@ -125,15 +123,13 @@ TEST(MemoryGetIndex, SmallSizesFollowTheEightByteSteps) {
 }
 
 TEST(MemoryGetIndex, EveryStepOfEightHasItsOwnClass) {
-  QelMemory memory(QelMemory::DefaultSmallBlockLimit, QelMemory::DefaultNumClasses,
-                   true);
+  QelMemory memory(QelMemory::DefaultSmallBlockLimit, QelMemory::DefaultNumClasses, true);
   for (long size = 1; size <= 64; ++size)
     EXPECT_EQ(memory.getIndex(size), (size - 1) / 8) << "size " << size;
 }
 
 TEST(MemoryGetIndex, LargerClassesGoByPowersOfTwo) {
-  QelMemory memory(QelMemory::DefaultSmallBlockLimit, QelMemory::DefaultNumClasses,
-                   true);
+  QelMemory memory(QelMemory::DefaultSmallBlockLimit, QelMemory::DefaultNumClasses, true);
   EXPECT_EQ(memory.getIndex(257), 10);
   EXPECT_EQ(memory.getIndex(512), 10);
   EXPECT_EQ(memory.getIndex(513), 11);
@@ -162,8 +158,7 @@ TEST(MemoryGetIndex, BitLengthHoldsUpToSixtyTwoBitSizes) {
 }
 
 TEST(MemoryGetIndex, BlockSizeOfEachClassCoversItsSizes) {
-  QelMemory memory(QelMemory::DefaultSmallBlockLimit, QelMemory::DefaultNumClasses,
-                   true);
+  QelMemory memory(QelMemory::DefaultSmallBlockLimit, QelMemory::DefaultNumClasses, true);
   for (long size = 1; size < memory.getSmallBlockLimit(); size += 7) {
     long c = memory.getIndex(size);
     EXPECT_GE(QelMemory::BlockSizeOfClass(c), size) << "size " << size;
@@ -176,8 +171,7 @@ TEST(MemoryGetIndex, BlockSizeOfEachClassCoversItsSizes) {
 }
 
 TEST(MemoryGetIndex, OutOfRangeClassThrowsMemoryException) {
-  QelMemory memory(QelMemory::DefaultSmallBlockLimit, QelMemory::DefaultNumClasses,
-                   true);
+  QelMemory memory(QelMemory::DefaultSmallBlockLimit, QelMemory::DefaultNumClasses, true);
   EXPECT_EQ(memory.getIndex(8192), 14);
   EXPECT_THROW(memory.getIndex(8193), QelMemoryException);
   EXPECT_THROW(memory.getIndex(1L << 20), QelMemoryException);
@@ -353,8 +347,7 @@ TEST(MemoryStatistics, BytesInUseAndObtainedPerClassInFreeListMode) {
 }
 
 TEST(MemoryStatistics, WithoutFreeListsEveryBlockIsObtainedSingly) {
-  QelEnv env(QelEnvConfig{QelMemory::DefaultSmallBlockLimit,
-                          QelMemory::DefaultNumClasses, false});
+  QelEnv env(QelEnvConfig{QelMemory::DefaultSmallBlockLimit, QelMemory::DefaultNumClasses, false});
   QelEnvI* e = env.getImpl();
   QelFixedSizeAllocatorI& c8 = e->getMemory()->getClass(8);  // 65..128 bytes
   ASSERT_EQ(c8.freeListMode, 0);
@@ -388,8 +381,7 @@ TEST(MemoryStatistics, WithoutFreeListsEveryBlockIsObtainedSingly) {
 }
 
 TEST(MemoryStatistics, NonFreeListModeServesObjectsToo) {
-  QelEnv env(QelEnvConfig{QelMemory::DefaultSmallBlockLimit,
-                          QelMemory::DefaultNumClasses, false});
+  QelEnv env(QelEnvConfig{QelMemory::DefaultSmallBlockLimit, QelMemory::DefaultNumClasses, false});
   // The first object makes the environment's table, which stays.
   QelModel(env, "warm-up").end();
   QelInt before = qeltest::BytesInUse(env);
@@ -498,8 +490,7 @@ TEST(MemoryCustomAllocator, ObjectsComeFromItAndGoBackToIt) {
   QelModel m(env, "m");
   size_t allocs = custom.allocSizes.size();
   EXPECT_GE(allocs, 1U);
-  EXPECT_NE(std::find(custom.allocSizes.begin(), custom.allocSizes.end(),
-                      sizeof(QelModelI)),
+  EXPECT_NE(std::find(custom.allocSizes.begin(), custom.allocSizes.end(), sizeof(QelModelI)),
             custom.allocSizes.end());
   QelModelI* impl = m.getImpl();
   m.end();
@@ -523,8 +514,7 @@ TEST(MemoryCustomAllocator, ThreadAndDisabledChecksComeFirst) {
   e->setAllocationDisabled(false);
 
   EXPECT_EQ(RunOnOtherThread([&] { e->alloc(16); }), "thread mismatch");
-  EXPECT_EQ(RunOnOtherThread([&] { e->free(&dummy, sizeof dummy); }),
-            "thread mismatch");
+  EXPECT_EQ(RunOnOtherThread([&] { e->free(&dummy, sizeof dummy); }), "thread mismatch");
 
   EXPECT_TRUE(custom.allocSizes.empty());
   EXPECT_TRUE(custom.freed.empty());

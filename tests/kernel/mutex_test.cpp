@@ -7,8 +7,12 @@
 #include "support/qeltest.h"
 
 namespace {
-class LateA : public QelRtti { QEL_RTTI_DECL(LateA, QelRtti) };
-class LateB : public QelRtti { QEL_RTTI_DECL(LateB, QelRtti) };
+class LateA : public QelRtti {
+  QEL_RTTI_DECL(LateA, QelRtti)
+};
+class LateB : public QelRtti {
+  QEL_RTTI_DECL(LateB, QelRtti)
+};
 QEL_RTTI_DEF(LateA)
 QEL_RTTI_DEF(LateB)
 }  // namespace

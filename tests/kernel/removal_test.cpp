@@ -1,9 +1,9 @@
 // The remove-from-all protocol of the environment: cascades, the one-by-one
 // flag, bulk ends in one pass, notices, destruction order.
-#include <string>
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -28,8 +28,9 @@ class LoggedHolderI : public QelExtractableI {
       : QelExtractableI(env, tag), _held(held) {}
   ~LoggedHolderI() override {
     destroyed.push_back(getName() != nullptr ? getName() : "?");
-    if (_held != nullptr) destroyed.push_back(std::string("  held still named ") +
-                                              (_held->getName() ? _held->getName() : "?"));
+    if (_held != nullptr)
+      destroyed.push_back(std::string("  held still named ") +
+                          (_held->getName() ? _held->getName() : "?"));
   }
   void visitSubExtractables(QelExtractableVisitor* v) override {
     v->beginVisit(this);
@@ -61,9 +62,7 @@ class ExprHolderI : public QelExtractableI {
   QEL_EXTRACTABLE_DECL(ExprHolderI, QelExtractableI)
 
  public:
-  ExprHolderI(QelEnvI* env, QelNumExprI* e) : QelExtractableI(env), _e(e) {
-    _e->lockExpr();
-  }
+  ExprHolderI(QelEnvI* env, QelNumExprI* e) : QelExtractableI(env), _e(e) { _e->lockExpr(); }
   ~ExprHolderI() override { getEnv()->release(_e); }
   void visitSubExtractables(QelExtractableVisitor* v) override {
     v->beginVisit(this);
@@ -97,9 +96,7 @@ struct RemovalTest : ::testing::Test {
   LoggedHolderI* Logged(const char* tag, QelExtractableI* held) {
     return QelNewObject<LoggedHolderI>(env.getImpl(), env.getImpl(), tag, held);
   }
-  bool Alive(QelInt id, const QelExtractableI* x) {
-    return env.getImpl()->getExtractable(id) == x;
-  }
+  bool Alive(QelInt id, const QelExtractableI* x) { return env.getImpl()->getExtractable(id) == x; }
 };
 
 std::vector<QelExtractableI*> Members(QelModelI* m) {
@@ -207,8 +204,8 @@ TEST_F(RemovalTest, RemoveFromAllKeepsTheObjectAlive) {
   EXPECT_EQ(env.getImpl()->getExtractableTable()[xid], reinterpret_cast<std::uintptr_t>(x));
   EXPECT_TRUE(m.getImpl()->getMembers().isEmpty());
   EXPECT_EQ(destroyed, (std::vector<std::string>{"h", "  held still named x"}));
-  EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelRemoveFromAllChange",
-                                                     "QelDestroyExtractable"}));
+  EXPECT_EQ(rec->notices,
+            (std::vector<std::string>{"QelRemoveFromAllChange", "QelDestroyExtractable"}));
   EXPECT_EQ(rec->objects[1], h);
   delete rec;
   m.end();
@@ -259,8 +256,7 @@ TEST_F(RemovalTest, AFailingListenerDoesNotStopTheRemoval) {
   // untouched and unmarked.
   EXPECT_EQ(env.getImpl()->getExtractable(aid), nullptr);
   EXPECT_EQ(Members(m.getImpl()), (std::vector<QelExtractableI*>{b}));
-  EXPECT_EQ(env.getImpl()->getExtractableTable()[b->getId()],
-            reinterpret_cast<std::uintptr_t>(b));
+  EXPECT_EQ(env.getImpl()->getExtractableTable()[b->getId()], reinterpret_cast<std::uintptr_t>(b));
   delete bad;
   m.end();
   b->end();

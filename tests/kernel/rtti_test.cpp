@@ -18,11 +18,11 @@ namespace {
 // Each test that needs a class whose index was never asked for has classes
 // of its own below, used nowhere else.
 
-#define RTTI_TEST_NOTICE(N)                                                   \
-  class N : public QelChange {                                                \
-    QEL_CHANGE_DECL(N, QelChange)                                             \
-                                                                              \
-   public:                                                                    \
+#define RTTI_TEST_NOTICE(N)                                                           \
+  class N : public QelChange {                                                        \
+    QEL_CHANGE_DECL(N, QelChange)                                                     \
+                                                                                      \
+   public:                                                                            \
     void visitChange(QelEnvI*, QelExtractableI*, QelChangeVisitor*) const override {} \
   };
 
@@ -152,8 +152,7 @@ struct ChainReaches<C, Target, std::void_t<typename C::RttiBase>>
 // Stands for any constructor argument: a null pointer, zero, an empty
 // handle. Never converts to a notice (so copy constructors are not picked).
 struct Zero {
-  template <class T, class = std::enable_if_t<
-                         !std::is_base_of<QelChange, std::decay_t<T>>::value>>
+  template <class T, class = std::enable_if_t<!std::is_base_of<QelChange, std::decay_t<T>>::value>>
   operator T() const {
     return T();
   }
@@ -274,12 +273,11 @@ TEST(RttiIndex, BaseIndexIsAssignedThroughTheDerivedClass) {
 
 TEST(RttiIndex, IndicesOfLibraryClassesAreDistinctAndStable) {
   std::set<QelInt> seen;
-  const QelInt indices[] = {
-      QelExtractableI::GetTypeIndex(), QelModelI::GetTypeIndex(),
-      QelConstraintI::GetTypeIndex(),  QelObjectiveI::GetTypeIndex(),
-      QelSOS1I::GetTypeIndex(),        QelSOS2I::GetTypeIndex(),
-      QelChange::GetTypeIndex(),       QelSetNameChange::GetTypeIndex(),
-      QelRtti::GetTypeIndex(),         QelRttiEnvObjectI::GetTypeIndex()};
+  const QelInt indices[] = {QelExtractableI::GetTypeIndex(), QelModelI::GetTypeIndex(),
+                            QelConstraintI::GetTypeIndex(),  QelObjectiveI::GetTypeIndex(),
+                            QelSOS1I::GetTypeIndex(),        QelSOS2I::GetTypeIndex(),
+                            QelChange::GetTypeIndex(),       QelSetNameChange::GetTypeIndex(),
+                            QelRtti::GetTypeIndex(),         QelRttiEnvObjectI::GetTypeIndex()};
   for (QelInt i : indices) {
     EXPECT_GT(i, 0);
     EXPECT_LE(i, QelRtti::_counter);
@@ -356,12 +354,10 @@ TEST(RttiIndex, ConcurrentFirstRequestsShareOneIndexPerClass) {
 // ---- type infos -----------------------------------------------------------
 
 TEST(RttiInfo, TypeInfoIsTheAddressOfTheClassBaseInfoFunction) {
-  EXPECT_EQ(QelModelI::GetTypeInfo(),
-            reinterpret_cast<QelTypeInfo>(&QelModelI::GetBaseTypeInfo));
+  EXPECT_EQ(QelModelI::GetTypeInfo(), reinterpret_cast<QelTypeInfo>(&QelModelI::GetBaseTypeInfo));
   EXPECT_EQ(QelExtractableI::GetTypeInfo(),
             reinterpret_cast<QelTypeInfo>(&QelExtractableI::GetBaseTypeInfo));
-  EXPECT_EQ(QelChange::GetTypeInfo(),
-            reinterpret_cast<QelTypeInfo>(&QelChange::GetBaseTypeInfo));
+  EXPECT_EQ(QelChange::GetTypeInfo(), reinterpret_cast<QelTypeInfo>(&QelChange::GetBaseTypeInfo));
   // GetBaseTypeInfo answers the base's info; the roots answer null.
   EXPECT_EQ(QelModelI::GetBaseTypeInfo(), QelExtractableI::GetTypeInfo());
   EXPECT_EQ(QelExtractableI::GetBaseTypeInfo(), QelRttiEnvObjectI::GetTypeInfo());
@@ -372,15 +368,22 @@ TEST(RttiInfo, TypeInfoIsTheAddressOfTheClassBaseInfoFunction) {
 }
 
 TEST(RttiInfo, EveryClassHasItsOwnTypeInfo) {
-  const QelTypeInfo infos[] = {
-      QelRtti::GetTypeInfo(),          QelRttiEnvObjectI::GetTypeInfo(),
-      QelExtractableI::GetTypeInfo(),  QelModelI::GetTypeInfo(),
-      QelObjectiveI::GetTypeInfo(),    QelConstraintI::GetTypeInfo(),
-      QelSOS1I::GetTypeInfo(),         QelSOS2I::GetTypeInfo(),
-      QelChange::GetTypeInfo(),        QelSetNameChange::GetTypeInfo(),
-      QelAddExtractable::GetTypeInfo(), QelAddNumVar::GetTypeInfo(),
-      TierOneI::GetTypeInfo(),         TierTwoI::GetTypeInfo(),
-      OrderA::GetTypeInfo(),           OrderB::GetTypeInfo()};
+  const QelTypeInfo infos[] = {QelRtti::GetTypeInfo(),
+                               QelRttiEnvObjectI::GetTypeInfo(),
+                               QelExtractableI::GetTypeInfo(),
+                               QelModelI::GetTypeInfo(),
+                               QelObjectiveI::GetTypeInfo(),
+                               QelConstraintI::GetTypeInfo(),
+                               QelSOS1I::GetTypeInfo(),
+                               QelSOS2I::GetTypeInfo(),
+                               QelChange::GetTypeInfo(),
+                               QelSetNameChange::GetTypeInfo(),
+                               QelAddExtractable::GetTypeInfo(),
+                               QelAddNumVar::GetTypeInfo(),
+                               TierOneI::GetTypeInfo(),
+                               TierTwoI::GetTypeInfo(),
+                               OrderA::GetTypeInfo(),
+                               OrderB::GetTypeInfo()};
   std::set<QelTypeInfo> distinct(std::begin(infos), std::end(infos));
   EXPECT_EQ(distinct.size(), sizeof infos / sizeof infos[0]);
   for (QelTypeInfo info : infos) EXPECT_NE(info, nullptr);
@@ -455,8 +458,7 @@ TEST(RttiIsType, ClimbsTheBaseChain) {
   // QelDynamicCast follows isType.
   EXPECT_EQ(QelDynamicCast<QelConstraintI>(static_cast<QelExtractableI*>(sos.getImpl())),
             sos.getImpl());
-  EXPECT_EQ(QelDynamicCast<QelModelI>(static_cast<QelExtractableI*>(sos.getImpl())),
-            nullptr);
+  EXPECT_EQ(QelDynamicCast<QelModelI>(static_cast<QelExtractableI*>(sos.getImpl())), nullptr);
   EXPECT_EQ(QelDynamicCast<QelModelI>(static_cast<QelExtractableI*>(nullptr)), nullptr);
   two->end();
   c->end();
@@ -489,21 +491,21 @@ TEST(RttiIsType, EveryListedNoticeClassIsAChange) {
   int byInstance = 0;
   int total = 0;
   std::set<QelTypeInfo> infos;
-#define QEL_NOTICE(N, B)                                                      \
-  {                                                                           \
-    ++total;                                                                  \
-    infos.insert(N::GetTypeInfo());                                           \
-    EXPECT_STREQ(N::GetRttiTypeName(), #N);                                   \
-    EXPECT_EQ(N::GetBaseTypeInfo(), B::GetTypeInfo()) << #N;                  \
-    EXPECT_TRUE((ChainReaches<N, QelChange>::value)) << #N;                   \
-    int answer = InstanceIsType<N>(QelChange::GetTypeInfo());                 \
-    if (answer >= 0) {                                                        \
-      ++byInstance;                                                           \
-      EXPECT_EQ(answer, 1) << #N;                                             \
-      EXPECT_EQ(InstanceIsType<N>(N::GetTypeInfo()), 1) << #N;                \
-      EXPECT_EQ(InstanceIsType<N>(B::GetTypeInfo()), 1) << #N;                \
-      EXPECT_EQ(InstanceIsType<N>(QelExtractableI::GetTypeInfo()), 0) << #N;  \
-    }                                                                         \
+#define QEL_NOTICE(N, B)                                                     \
+  {                                                                          \
+    ++total;                                                                 \
+    infos.insert(N::GetTypeInfo());                                          \
+    EXPECT_STREQ(N::GetRttiTypeName(), #N);                                  \
+    EXPECT_EQ(N::GetBaseTypeInfo(), B::GetTypeInfo()) << #N;                 \
+    EXPECT_TRUE((ChainReaches<N, QelChange>::value)) << #N;                  \
+    int answer = InstanceIsType<N>(QelChange::GetTypeInfo());                \
+    if (answer >= 0) {                                                       \
+      ++byInstance;                                                          \
+      EXPECT_EQ(answer, 1) << #N;                                            \
+      EXPECT_EQ(InstanceIsType<N>(N::GetTypeInfo()), 1) << #N;               \
+      EXPECT_EQ(InstanceIsType<N>(B::GetTypeInfo()), 1) << #N;               \
+      EXPECT_EQ(InstanceIsType<N>(QelExtractableI::GetTypeInfo()), 0) << #N; \
+    }                                                                        \
   }
 #include <qel/change/notices.def>
 #undef QEL_NOTICE

@@ -35,8 +35,7 @@ class ArrayRecorderI : public RecordingAlgorithmI {
  public:
   using RecordingAlgorithmI::RecordingAlgorithmI;
   void notifyChange(const QelExtractableI* x, const QelChange& c) override {
-    if (c.isType(QelRemoveFromModel::GetTypeInfo()) ||
-        c.isType(QelAddToModel::GetTypeInfo()))
+    if (c.isType(QelRemoveFromModel::GetTypeInfo()) || c.isType(QelAddToModel::GetTypeInfo()))
       arrays.push_back(Elements(static_cast<const QelModelArrayNotice&>(c).getMembers()));
     RecordingAlgorithmI::notifyChange(x, c);
   }
@@ -50,8 +49,7 @@ TEST_F(ModelTest, NewModelIsEmptyAndIsAModel) {
   EXPECT_TRUE(m.getImpl()->isModel());
   EXPECT_TRUE(m.getImpl()->getMembers().isEmpty());
   EXPECT_EQ(m.getImpl()->getMembers().getEnv(), nullptr);
-  EXPECT_EQ(m.getImpl()->getMembers().getTailLink(),
-            m.getImpl()->getMembers().getHeadLink());
+  EXPECT_EQ(m.getImpl()->getMembers().getTailLink(), m.getImpl()->getMembers().getHeadLink());
   EXPECT_STREQ(m.getImpl()->getRttiTypeName(), "QelModelI");
   EXPECT_TRUE(m.getImpl()->isType(QelExtractableI::GetTypeInfo()));
   m.end();
@@ -66,8 +64,7 @@ TEST_F(ModelTest, AddingTwiceGivesTwoNodesAndTwoNotices) {
   m.add(QelExtractable(x));
   m.add(QelExtractable(x));
   EXPECT_EQ(Members(m), (std::vector<QelExtractableI*>{x, x}));
-  EXPECT_EQ(rec->notices,
-            (std::vector<std::string>{"QelAddOneToModel", "QelAddOneToModel"}));
+  EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelAddOneToModel", "QelAddOneToModel"}));
   EXPECT_EQ(rec->visitor.calls,
             (std::vector<VisitCall>{{"add", m.getImpl(), x}, {"add", m.getImpl(), x}}));
   delete rec;
@@ -90,13 +87,11 @@ TEST_F(ModelTest, SingleRemoveTakesOnlyTheFirstNodeAndNotifiesOneElementArray) {
   EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelRemoveFromModel"}));
   ASSERT_EQ(rec->arrays.size(), 1u);
   EXPECT_EQ(rec->arrays[0], (std::vector<QelExtractableI*>{x}));
-  EXPECT_EQ(rec->visitor.calls,
-            (std::vector<VisitCall>{{"remove", m.getImpl(), x}}));
+  EXPECT_EQ(rec->visitor.calls, (std::vector<VisitCall>{{"remove", m.getImpl(), x}}));
   // The tail link follows the last node.
   m.remove(QelExtractable(x));
   EXPECT_EQ(Members(m), (std::vector<QelExtractableI*>{y}));
-  EXPECT_EQ(m.getImpl()->getMembers().getTailLink(),
-            &m.getImpl()->getMembers().getHead()->next);
+  EXPECT_EQ(m.getImpl()->getMembers().getTailLink(), &m.getImpl()->getMembers().getHead()->next);
   m.add(QelExtractable(x));
   EXPECT_EQ(Members(m), (std::vector<QelExtractableI*>{y, x}));
   delete rec;
@@ -145,16 +140,14 @@ TEST_F(ModelTest, BulkRemoveSweepsOnceAndReportsInModelOrder) {
   EXPECT_EQ(Members(m), (std::vector<QelExtractableI*>{b}));
   ASSERT_EQ(rec->arrays.size(), 1u);
   EXPECT_EQ(rec->arrays[0], (std::vector<QelExtractableI*>{a, c, a}));
-  EXPECT_EQ(rec->visitor.calls,
-            (std::vector<VisitCall>{{"remove", m.getImpl(), a},
-                                    {"remove", m.getImpl(), c},
-                                    {"remove", m.getImpl(), a}}));
+  EXPECT_EQ(rec->visitor.calls, (std::vector<VisitCall>{{"remove", m.getImpl(), a},
+                                                        {"remove", m.getImpl(), c},
+                                                        {"remove", m.getImpl(), a}}));
   // Every element of xs is unmarked again: its slot holds its address.
   for (QelExtractableI* e : {static_cast<QelExtractableI*>(a), static_cast<QelExtractableI*>(c)})
     EXPECT_EQ(env.getImpl()->getExtractableTable()[e->getId()],
               reinterpret_cast<std::uintptr_t>(e));
-  EXPECT_EQ(m.getImpl()->getMembers().getTailLink(),
-            &m.getImpl()->getMembers().getHead()->next);
+  EXPECT_EQ(m.getImpl()->getMembers().getTailLink(), &m.getImpl()->getMembers().getHead()->next);
   xs.end();
   delete rec;
   m.end();
@@ -181,9 +174,8 @@ TEST_F(ModelTest, ArrayAddSkipsNullsAndNotifiesTheArrayUnchanged) {
   EXPECT_EQ(rec->arrays[0], (std::vector<QelExtractableI*>{a, nullptr, b}));
   // The visitor's array form passes the null element on as it stands.
   EXPECT_EQ(rec->visitor.calls,
-            (std::vector<VisitCall>{{"add", m.getImpl(), a},
-                                    {"add", m.getImpl(), nullptr},
-                                    {"add", m.getImpl(), b}}));
+            (std::vector<VisitCall>{
+                {"add", m.getImpl(), a}, {"add", m.getImpl(), nullptr}, {"add", m.getImpl(), b}}));
   empty.end();
   xs.end();
   delete rec;
@@ -221,22 +213,15 @@ TEST_F(ModelTest, HandleChecksInOrderWithTheirMessages) {
   QelExtractableArray noArray;
   QelExtractableArray xs(env, 1, QelExtractable(x));
   using E = QelEmptyHandleException;
-  EXPECT_EQ(MessageOf<E>([&] { none.add(nothing); }),
-            "trying to add to an empty handle QelModel");
-  EXPECT_EQ(MessageOf<E>([&] { m.add(nothing); }),
-            "trying to add an empty handle extractable");
+  EXPECT_EQ(MessageOf<E>([&] { none.add(nothing); }), "trying to add to an empty handle QelModel");
+  EXPECT_EQ(MessageOf<E>([&] { m.add(nothing); }), "trying to add an empty handle extractable");
   EXPECT_EQ(MessageOf<E>([&] { none.add(noArray); }), "trying to add 0 extractor handle");
   EXPECT_EQ(MessageOf<E>([&] { m.add(noArray); }), "Using empty QelExtractableArray handle.");
-  EXPECT_EQ(MessageOf<E>([&] { none.remove(nothing); }),
-            "trying to remove 0 extractor handle");
-  EXPECT_EQ(MessageOf<E>([&] { m.remove(nothing); }),
-            "trying to remove 0 extractable handle");
-  EXPECT_EQ(MessageOf<E>([&] { none.remove(noArray); }),
-            "trying to remove 0 extractor handle");
-  EXPECT_EQ(MessageOf<E>([&] { m.remove(noArray); }),
-            "Using empty QelExtractableArray handle.");
-  EXPECT_EQ(MessageOf<E>([&] { none.expand(nothing); }),
-            "Expanding to an empty QelModel handle.");
+  EXPECT_EQ(MessageOf<E>([&] { none.remove(nothing); }), "trying to remove 0 extractor handle");
+  EXPECT_EQ(MessageOf<E>([&] { m.remove(nothing); }), "trying to remove 0 extractable handle");
+  EXPECT_EQ(MessageOf<E>([&] { none.remove(noArray); }), "trying to remove 0 extractor handle");
+  EXPECT_EQ(MessageOf<E>([&] { m.remove(noArray); }), "Using empty QelExtractableArray handle.");
+  EXPECT_EQ(MessageOf<E>([&] { none.expand(nothing); }), "Expanding to an empty QelModel handle.");
   EXPECT_EQ(MessageOf<E>([&] { m.expand(nothing); }),
             "trying to expand an empty extractable handle");
   // The model handle is tested before the argument.
@@ -265,8 +250,8 @@ TEST_F(ModelTest, EndingAMemberSweepsItOutWithoutNotice) {
   EXPECT_EQ(Members(m), (std::vector<QelExtractableI*>{b}));
   // The algorithm hears of the removal from everything and the destruction,
   // never of a removal from the model.
-  EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelRemoveFromAllChange",
-                                                     "QelDestroyExtractable"}));
+  EXPECT_EQ(rec->notices,
+            (std::vector<std::string>{"QelRemoveFromAllChange", "QelDestroyExtractable"}));
   EXPECT_TRUE(rec->visitor.calls.empty());
   delete rec;
   m.end();
@@ -289,8 +274,8 @@ TEST_F(ModelTest, EndingAMemberOneByOneRemovesEachNodeWithNotice) {
   EXPECT_EQ(rec->notices,
             (std::vector<std::string>{"QelRemoveFromModel", "QelRemoveFromModel",
                                       "QelRemoveFromAllChange", "QelDestroyExtractable"}));
-  EXPECT_EQ(rec->visitor.calls, (std::vector<VisitCall>{{"remove", m.getImpl(), a},
-                                                        {"remove", m.getImpl(), a}}));
+  EXPECT_EQ(rec->visitor.calls,
+            (std::vector<VisitCall>{{"remove", m.getImpl(), a}, {"remove", m.getImpl(), a}}));
   delete rec;
   m.end();
   b->end();
@@ -339,11 +324,11 @@ TEST_F(ModelTest, CloneIntoAnotherEnvironmentKeepsOrderAndClonesOnce) {
   EXPECT_EQ(ItemI::clones, 2);  // a and b once each
   EXPECT_EQ(cm[1], cm[3]);      // a's clone, shared
   for (QelExtractableI* e : cm) EXPECT_EQ(e->getEnv(), target.getImpl());
-  EXPECT_EQ(Display(copy), "QelModel model" + std::to_string(copy->getId()) +
-                               " = {\nitem #" + std::to_string(cm[0]->getId()) +
-                               "\nitem #" + std::to_string(cm[1]->getId()) +
-                               "\nholder" + std::to_string(cm[2]->getId()) +
-                               "\nitem #" + std::to_string(cm[3]->getId()) + "\n}\n");
+  EXPECT_EQ(Display(copy), "QelModel model" + std::to_string(copy->getId()) + " = {\nitem #" +
+                               std::to_string(cm[0]->getId()) + "\nitem #" +
+                               std::to_string(cm[1]->getId()) + "\nholder" +
+                               std::to_string(cm[2]->getId()) + "\nitem #" +
+                               std::to_string(cm[3]->getId()) + "\n}\n");
   // The clone map lived for one copy only: a new copy makes new clones.
   QelExtractableI* again = target.getImpl()->getClone(a);
   EXPECT_NE(again, cm[1]);

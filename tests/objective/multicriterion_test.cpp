@@ -94,8 +94,8 @@ TEST_F(MultiCriterionTest, AFailedNamingGivesTheUsesBackAndLeavesTheArrayToTheCa
   QelNumExprArray given = Array({x, y});
   void* block = e->alloc(sizeof(QelMultiCriterionExprI));
   e->setAllocationDisabled(true);
-  EXPECT_THROW(new (block) QelMultiCriterionExprI(e, given, QelMultiCriterionExprI::StaticLex,
-                                                  "refused"),
+  EXPECT_THROW(new (block)
+                   QelMultiCriterionExprI(e, given, QelMultiCriterionExprI::StaticLex, "refused"),
                QelEnvAllocationDisabled);
   e->setAllocationDisabled(false);
   EXPECT_EQ(x.getImpl()->getUseCount(), 0);
@@ -158,10 +158,9 @@ TEST_F(MultiCriterionTest, StaticLexFormsKeepArgumentOrderAsPriorities) {
   QelMultiCriterionExpr four = QelStaticLex(env, b, z, y, x);
   EXPECT_EQ(Criteria(one), (std::vector<QelNumExprI*>{x.getImpl()}));
   EXPECT_EQ(Criteria(two), (std::vector<QelNumExprI*>{y.getImpl(), x.getImpl()}));
-  EXPECT_EQ(Criteria(three),
-            (std::vector<QelNumExprI*>{z.getImpl(), x.getImpl(), y.getImpl()}));
-  EXPECT_EQ(Criteria(four), (std::vector<QelNumExprI*>{b.getImpl(), z.getImpl(),
-                                                       y.getImpl(), x.getImpl()}));
+  EXPECT_EQ(Criteria(three), (std::vector<QelNumExprI*>{z.getImpl(), x.getImpl(), y.getImpl()}));
+  EXPECT_EQ(Criteria(four),
+            (std::vector<QelNumExprI*>{b.getImpl(), z.getImpl(), y.getImpl(), x.getImpl()}));
   for (QelMultiCriterionExpr* mc : {&one, &two, &three, &four}) {
     EXPECT_EQ((*mc)->getType(), QelMultiCriterionExprI::StaticLex);
     EXPECT_EQ((*mc)->getName(), nullptr);

@@ -1,11 +1,11 @@
 // The objective: construction, criteria, copy-on-write setters and their
 // notices, column-wise addition, cloning, visiting, printing, engine hooks.
 #include <cmath>
+#include <functional>
 #include <limits>
 #include <sstream>
 #include <string>
 #include <vector>
-#include <functional>
 
 #include "objective/objectivetest.h"
 #include "support/refusing.h"
@@ -105,9 +105,8 @@ TEST_F(ObjectiveTest, FromAVariableKeepsTheLinearTermTheKernelMakes) {
 }
 
 TEST_F(ObjectiveTest, HandleConstructorsRefuseEmptyArguments) {
-  EXPECT_EQ(
-      MessageOf<QelEmptyHandleException>([&] { (void)QelObjective(env, QelNumExpr()); }),
-      "Using empty QelNumExpr handle.");
+  EXPECT_EQ(MessageOf<QelEmptyHandleException>([&] { (void)QelObjective(env, QelNumExpr()); }),
+            "Using empty QelNumExpr handle.");
   EXPECT_EQ(MessageOf<QelEmptyHandleException>([&] { (void)QelObjective(none, 1.0); }),
             "QelEnv: using empty handle");
   EXPECT_EQ(MessageOf<QelEmptyHandleException>([&] { (void)QelObjective(none, x); }),
@@ -182,8 +181,8 @@ TEST_F(ObjectiveTest, SetSenseChangesFirstAndNotifiesEvenWhenUnchanged) {
   obj.setSense(QelObjective::Maximize);
   EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelSetObjSense", "QelSetObjSense"}));
   EXPECT_EQ(rec->objects, (std::vector<const QelExtractableI*>{obj.getImpl(), obj.getImpl()}));
-  EXPECT_EQ(told, (std::vector<QelObjective::Sense>{QelObjective::Minimize,
-                                                    QelObjective::Maximize}));
+  EXPECT_EQ(told,
+            (std::vector<QelObjective::Sense>{QelObjective::Minimize, QelObjective::Maximize}));
   EXPECT_EQ(heldMeanwhile, told);
   EXPECT_TRUE(rec->visitor.calls.empty());
   EXPECT_EQ(obj.getSense(), QelObjective::Maximize);
@@ -320,7 +319,7 @@ TEST_F(ObjectiveTest, MaximizeAndMinimizeBuildFromADuplicate) {
   EXPECT_NE(own, mc.getImpl());
   EXPECT_NE(own, least.getImpl()->getMultiCriterion());
   EXPECT_EQ(x.getImpl()->getUseCount(), 3);  // mc and both duplicates
-  mc.end();  // the objectives keep their own duplicates
+  mc.end();                                  // the objectives keep their own duplicates
   EXPECT_EQ(x.getImpl()->getUseCount(), 2);
   EXPECT_EQ(best.getImpl()->getNumCriteria(), 2);
   EXPECT_EQ(best.getImpl()->getCriterion(0), x.getImpl());
@@ -408,9 +407,8 @@ TEST_F(ObjectiveTest, SetExprTellsListenersBeforeTheOldExpressionIsReleased) {
   // notices follow.
   EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelSetObjExpr", "QelRemoveFromAllChange",
                                                     "QelDestroyExtractable"}));
-  EXPECT_EQ(rec->visitor.calls,
-            (std::vector<VisitCall>{{"remove", obj.getImpl(), firstImpl},
-                                    {"add", obj.getImpl(), second.getImpl()}}));
+  EXPECT_EQ(rec->visitor.calls, (std::vector<VisitCall>{{"remove", obj.getImpl(), firstImpl},
+                                                        {"add", obj.getImpl(), second.getImpl()}}));
   EXPECT_EQ(ExprOf(obj), second.getImpl());
   EXPECT_EQ(second.getImpl()->getUseCount(), 1);
   // Nobody else used the first expression: it ended once given back.
@@ -502,8 +500,7 @@ TEST_F(ObjectiveTest, ACoefficientOfAVariableNoListenerKnowsIsNotReported) {
   obj.setLinearCoef(z, 3.0);
   EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelSetObjCoef"}));
   EXPECT_TRUE(rec->visitor.calls.empty());
-  EXPECT_EQ(Linear(ExprOf(obj)),
-            (std::vector<LinTerm>{{1.0, x.getImpl()}, {3.0, z.getImpl()}}));
+  EXPECT_EQ(Linear(ExprOf(obj)), (std::vector<LinTerm>{{1.0, x.getImpl()}, {3.0, z.getImpl()}}));
   delete rec;
   obj.end();
   EndAndCheckMemory();
@@ -516,8 +513,7 @@ TEST_F(ObjectiveTest, SettingACoefficientLeavesAnotherOwnersExpressionUnchanged)
   QelObjective obj(env, e);
   obj.setLinearCoef(x, 5.0);
   EXPECT_NE(ExprOf(obj), e.getImpl());
-  EXPECT_EQ(Linear(ExprOf(obj)),
-            (std::vector<LinTerm>{{5.0, x.getImpl()}, {2.0, y.getImpl()}}));
+  EXPECT_EQ(Linear(ExprOf(obj)), (std::vector<LinTerm>{{5.0, x.getImpl()}, {2.0, y.getImpl()}}));
   EXPECT_EQ(Linear(e.getImpl()), (std::vector<LinTerm>{{1.0, x.getImpl()}, {2.0, y.getImpl()}}));
   EXPECT_EQ(Linear(r.getImpl()->getExpr()), Linear(e.getImpl()));
   EXPECT_EQ(e.getImpl()->getUseCount(), 2);
@@ -530,7 +526,7 @@ TEST_F(ObjectiveTest, SettingACoefficientLeavesAnotherOwnersExpressionUnchanged)
 
 TEST_F(ObjectiveTest, AggregatesAreRefusedBeforeAnyCopyOnWrite) {
   QelNumExpr product = (x * y) * z;  // neither linear nor quadratic
-  QelNumExpr agg = product + 1.0;     // a linear term holding the product
+  QelNumExpr agg = product + 1.0;    // a linear term holding the product
   ASSERT_TRUE(static_cast<QelNumLinTermI*>(agg.getImpl())->containsAggregate());
   // Unshared: refused in place.
   QelObjective alone(env, agg);
@@ -569,8 +565,7 @@ TEST_F(ObjectiveTest, LinearSettersNormalizeZeroOneSquaresAndTheQuadraticSetterD
   QelObjective quad(env, Lin(0, {{1, x.getImpl()}}, {{1, b.getImpl(), b.getImpl()}}));
   lin.setLinearCoef(x, 2.0);
   EXPECT_TRUE(Quad(ExprOf(lin)).empty());
-  EXPECT_EQ(Linear(ExprOf(lin)),
-            (std::vector<LinTerm>{{2.0, x.getImpl()}, {1.0, b.getImpl()}}));
+  EXPECT_EQ(Linear(ExprOf(lin)), (std::vector<LinTerm>{{2.0, x.getImpl()}, {1.0, b.getImpl()}}));
   quad.setQuadCoef(x, y, 3.0);
   EXPECT_EQ(Quad(ExprOf(quad)), (std::vector<QuadTerm>{{1.0, b.getImpl(), b.getImpl()},
                                                        {3.0, x.getImpl(), y.getImpl()}}));
@@ -652,8 +647,7 @@ TEST_F(ObjectiveTest, AddVarAppendsASecondTermAndKeepsTheBookkeeping) {
   QelInt xUses = x.getImpl()->getUseCount();
   obj.getImpl()->addVar(x.getImpl(), 3.0);
   EXPECT_EQ(ExprOf(obj), e.getImpl());
-  EXPECT_EQ(Linear(ExprOf(obj)),
-            (std::vector<LinTerm>{{1.0, x.getImpl()}, {3.0, x.getImpl()}}));
+  EXPECT_EQ(Linear(ExprOf(obj)), (std::vector<LinTerm>{{1.0, x.getImpl()}, {3.0, x.getImpl()}}));
   EXPECT_EQ(term->getBookkeeping(), 7);
   EXPECT_EQ(x.getImpl()->getUseCount(), xUses + 1);
   EXPECT_TRUE(rec->notices.empty());  // the column reports the variable
@@ -799,10 +793,10 @@ TEST_F(ObjectiveTest, VisitPresentsTheExpressionOrTheCriteriaArray) {
   single.getImpl()->visitSubExtractables(&t1);
   multi.getImpl()->visitSubExtractables(&t2);
   bare.getImpl()->visitSubExtractables(&t3);
-  EXPECT_EQ(t1.steps, (std::vector<std::string>{"begin " + s,
-                                                "child " + s + " " +
-                                                    std::to_string(ExprOf(single)->getId()),
-                                                "end " + s}));
+  EXPECT_EQ(
+      t1.steps,
+      (std::vector<std::string>{
+          "begin " + s, "child " + s + " " + std::to_string(ExprOf(single)->getId()), "end " + s}));
   EXPECT_EQ(t2.steps, (std::vector<std::string>{"begin " + m, "array " + m + " 2", "end " + m}));
   ASSERT_EQ(t2.arrays.size(), 1u);
   EXPECT_EQ(t2.arrays[0], multi.getImpl()->getMultiCriterion()->getExprs().getImpl());
@@ -843,8 +837,7 @@ struct HookCall {
   void* data;
   std::string slot;
   bool operator==(const HookCall& o) const {
-    return algorithm == o.algorithm && objective == o.objective && data == o.data &&
-           slot == o.slot;
+    return algorithm == o.algorithm && objective == o.objective && data == o.data && slot == o.slot;
   }
 };
 std::vector<HookCall> hookCalls;
@@ -960,14 +953,18 @@ struct SetterWorld {
 void EveryRefusalKeepsTheSharedExpression(
     const std::function<void(QelObjective&, SetterWorld&)>& change) {
   long refusals = ForEachRefusal([&](QelEnv env, RequestCounter& counter, long n) {
-    SetterWorld w{QelNumVar(env, 0, 9, "x"), QelNumVar(env, 0, 9, "y"),
-                  QelNumVar(env, 0, 9, "z"), QelBoolVar(env, "b"), {}, {}};
+    SetterWorld w{QelNumVar(env, 0, 9, "x"),
+                  QelNumVar(env, 0, 9, "y"),
+                  QelNumVar(env, 0, 9, "z"),
+                  QelBoolVar(env, "b"),
+                  {},
+                  {}};
     w.zb = QelNumVarArray(QelExtractableArray(env, 2, w.z, w.b));
     w.coefs = QelNumArray(env, 2);
     w.coefs.set(0, 4);
     w.coefs.set(1, 5);
-    QelNumExpr e = Term(env, 0, {{1, w.x.getImpl()}, {2, w.y.getImpl()}},
-                        {{1, w.b.getImpl(), w.b.getImpl()}});
+    QelNumExpr e =
+        Term(env, 0, {{1, w.x.getImpl()}, {2, w.y.getImpl()}}, {{1, w.b.getImpl(), w.b.getImpl()}});
     QelRange holder(env, 0, e, 10);
     QelObjective obj(env, e);
     QelInt objects = env.getImpl()->getNumberOfExtractables();

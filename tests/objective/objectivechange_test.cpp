@@ -90,8 +90,8 @@ TEST_F(ObjectiveChangeTest, EachNoticeNamesItselfAndItsBase) {
        QelChange::GetTypeInfo()},
       {"QelSetObjExpr", QelSetObjExpr::GetRttiTypeName(), QelSetObjExpr::GetBaseTypeInfo(),
        QelChange::GetTypeInfo()},
-      {"QelAddValueToObj", QelAddValueToObj::GetRttiTypeName(),
-       QelAddValueToObj::GetBaseTypeInfo(), QelAddNumVar::GetTypeInfo()},
+      {"QelAddValueToObj", QelAddValueToObj::GetRttiTypeName(), QelAddValueToObj::GetBaseTypeInfo(),
+       QelAddNumVar::GetTypeInfo()},
   };
   for (const Row& r : rows) {
     EXPECT_STREQ(r.rttiName, r.name);
@@ -119,8 +119,8 @@ TEST_F(ObjectiveChangeTest, TheSixSetterNoticesCarryTheObjectiveAndNoArray) {
   QelSetObjQuadCoef quad(o, x.getImpl(), y.getImpl(), 1.0, 0.0);
   QelSetObjCoefs coefs(o, QelNumVarArray(), QelNumArray(), QelNumArray());
   QelSetObjExpr expr(o, e.getImpl(), e.getImpl());
-  for (const QelChange* c : std::vector<const QelChange*>{&sense, &constant, &coef, &quad,
-                                                           &coefs, &expr}) {
+  for (const QelChange* c :
+       std::vector<const QelChange*>{&sense, &constant, &coef, &quad, &coefs, &expr}) {
     SCOPED_TRACE(c->getRttiTypeName());
     EXPECT_EQ(c->getChangedExtractable(), o);
     EXPECT_FALSE(c->isApplyingOnArray());
@@ -146,11 +146,11 @@ TEST_F(ObjectiveChangeTest, SettersSendWhatWasAskedAndWhatTheTermAnswered) {
     } else if (auto* n1 = QelDynamicCast<const QelSetObjConst>(&c)) {
       s = "const " + std::to_string(n1->getConstant());
     } else if (auto* n2 = QelDynamicCast<const QelSetObjCoef>(&c)) {
-      s = std::string("coef ") + n2->getVar()->getName() + " " + std::to_string(n2->getCoef()) + " " +
-          std::to_string(n2->getKernelCoef());
+      s = std::string("coef ") + n2->getVar()->getName() + " " + std::to_string(n2->getCoef()) +
+          " " + std::to_string(n2->getKernelCoef());
     } else if (auto* n3 = QelDynamicCast<const QelSetObjQuadCoef>(&c)) {
-      s = "quad " + std::string(n3->getVar1()->getName()) + " " + n3->getVar2()->getName() +
-          " " + std::to_string(n3->getCoef()) + " " + std::to_string(n3->getKernelCoef());
+      s = "quad " + std::string(n3->getVar1()->getName()) + " " + n3->getVar2()->getName() + " " +
+          std::to_string(n3->getCoef()) + " " + std::to_string(n3->getKernelCoef());
     } else if (auto* n4 = QelDynamicCast<const QelSetObjCoefs>(&c)) {
       s = "coefs";
       for (long i = 0; i < n4->getVars().getSize(); ++i)
@@ -184,11 +184,10 @@ TEST_F(ObjectiveChangeTest, SettersSendWhatWasAskedAndWhatTheTermAnswered) {
                       "coefs x 7.000000 5.000000 y 8.000000 0.000000",
                       "expr replaced",
                   }));
-  EXPECT_EQ(rec->notices,
-            (std::vector<std::string>{"QelSetObjSense", "QelSetObjConst", "QelSetObjCoef",
-                                      "QelSetObjQuadCoef", "QelSetObjQuadCoef", "QelSetObjCoefs",
-                                      "QelSetObjExpr", "QelRemoveFromAllChange",
-                                      "QelDestroyExtractable"}));
+  EXPECT_EQ(rec->notices, (std::vector<std::string>{
+                              "QelSetObjSense", "QelSetObjConst", "QelSetObjCoef",
+                              "QelSetObjQuadCoef", "QelSetObjQuadCoef", "QelSetObjCoefs",
+                              "QelSetObjExpr", "QelRemoveFromAllChange", "QelDestroyExtractable"}));
   std::vector<const QelExtractableI*> sevenTimes(7, o);
   EXPECT_EQ(std::vector<const QelExtractableI*>(rec->objects.begin(), rec->objects.begin() + 7),
             sevenTimes);
@@ -262,8 +261,7 @@ TEST_F(ObjectiveChangeTest, AQuadraticNoticeReportsEachVariableOnItsOwn) {
   // A visitor that throws stops the notice after the first variable.
   FailingVisitor failing;
   EXPECT_EQ(MessageOf<QelWrongUsage>([&] {
-              QelSetObjQuadCoef(o, x.getImpl(), y.getImpl(), 1.0, 0.0)
-                  .visitChange(e, o, &failing);
+              QelSetObjQuadCoef(o, x.getImpl(), y.getImpl(), 1.0, 0.0).visitChange(e, o, &failing);
             }),
             "visitor failed");
   EXPECT_EQ(failing.calls, (std::vector<VisitCall>{{"add", o, x.getImpl()}}));
@@ -279,8 +277,8 @@ TEST_F(ObjectiveChangeTest, AnExpressionNoticeRemovesTheOldAndAddsTheNew) {
   QelObjectiveI* o = obj.getImpl();
   RecordingVisitor v;
   QelSetObjExpr(o, first.getImpl(), second.getImpl()).visitChange(env.getImpl(), o, &v);
-  EXPECT_EQ(v.calls, (std::vector<VisitCall>{{"remove", o, first.getImpl()},
-                                             {"add", o, second.getImpl()}}));
+  EXPECT_EQ(v.calls,
+            (std::vector<VisitCall>{{"remove", o, first.getImpl()}, {"add", o, second.getImpl()}}));
   obj.end();
   second.end();
   EndAndCheckMemory();
@@ -390,10 +388,10 @@ TEST_F(ObjectiveChangeTest, InstallingAChainEntersTheNewVariableIntoEachObjectiv
             (std::vector<LinTerm>{{1.0, y.getImpl()}, {3.0, v.getImpl()}}));
   EXPECT_EQ(v.getImpl()->getUseCount(), 3);
   // The listener saw each notice, about its objective, in chain order.
-  EXPECT_EQ(rec->notices, (std::vector<std::string>{"QelAddValueToObj", "QelAddValueToObj",
-                                                    "QelAddValueToObj"}));
-  EXPECT_EQ(rec->objects, (std::vector<const QelExtractableI*>{
-                              first.getImpl(), second.getImpl(), first.getImpl()}));
+  EXPECT_EQ(rec->notices,
+            (std::vector<std::string>{"QelAddValueToObj", "QelAddValueToObj", "QelAddValueToObj"}));
+  EXPECT_EQ(rec->objects, (std::vector<const QelExtractableI*>{first.getImpl(), second.getImpl(),
+                                                               first.getImpl()}));
   EXPECT_EQ(variableSeen, (std::vector<const QelExtractableI*>(3, v.getImpl())));
   EXPECT_EQ(rec->visitor.calls, (std::vector<VisitCall>(3, {"add", v.getImpl(), v.getImpl()})));
   // The chain is consumed; the variables stay set.
@@ -434,9 +432,9 @@ TEST_F(ObjectiveChangeTest, AMultiCriterionObjectiveStopsTheChainAtItsEntry) {
   EXPECT_EQ(a->getNext(), nullptr);
   EXPECT_EQ(b2->getNext(), c);  // the failing entry keeps its link
   EXPECT_EQ(c->getObj(), nullptr);
-  EXPECT_EQ(MessageOf<QelAddExtractable::CannotAddExtractableException>(
-                [&] { c->install(nullptr); }),
-            "Cannot add new QelExtractable to extractor");
+  EXPECT_EQ(
+      MessageOf<QelAddExtractable::CannotAddExtractableException>([&] { c->install(nullptr); }),
+      "Cannot add new QelExtractable to extractor");
   for (QelAddExtractable* n : {a, b2, c}) n->destroy(e);
   delete rec;
   first.end();

@@ -103,9 +103,9 @@ struct BadInput : ::testing::Test {
     noCriteria = QelMultiCriterionExpr(env, nothing, QelMultiCriterionExprI::DynamicLex);
     nothing.end();  // the criteria hold a copy
     model = QelModel(env, "m");
-    for (QelExtractable member : {QelExtractable(cap), QelExtractable(diff),
-                                  QelExtractable(allDiff), QelExtractable(pack),
-                                  QelExtractable(sos1), QelExtractable(cost), QelExtractable(lex)})
+    for (QelExtractable member :
+         {QelExtractable(cap), QelExtractable(diff), QelExtractable(allDiff), QelExtractable(pack),
+          QelExtractable(sos1), QelExtractable(cost), QelExtractable(lex)})
       model.add(member);
     yz = QelNumVarArray(QelExtractableArray(env, 2, y, z));
     withHole = QelNumVarArray(QelExtractableArray(env, 2, y, QelExtractable()));
@@ -129,7 +129,7 @@ struct BadInput : ::testing::Test {
     all.endElements();
     all.end();
     for (QelArrayBase* a : std::vector<QelArrayBase*>{&trio, &load, &where, &weights, &yz,
-                                                     &withHole, &oneCoef, &twoCoefs})
+                                                      &withHole, &oneCoef, &twoCoefs})
       a->end();
     values.end();
     QelAlgorithm(rec).end();
@@ -201,8 +201,10 @@ const char* const kNoArray = "QelMultiCriterionExprI: numExprArray not initializ
 }  // namespace
 
 // One test per operation: the name says which, the body is the bad call.
-#define REFUSED(Name, Exception, message, ...) \
-  TEST_F(BadInput, Name) { ExpectRefused<Exception>(message, [&] { __VA_ARGS__; }); }
+#define REFUSED(Name, Exception, message, ...)               \
+  TEST_F(BadInput, Name) {                                   \
+    ExpectRefused<Exception>(message, [&] { __VA_ARGS__; }); \
+  }
 
 // ---- the environment and its memory ------------------------------------------
 
@@ -311,12 +313,12 @@ REFUSED(NumSumWithConstantOfEmptyHandle, QelEmptyHandleException, kEmpty,
 REFUSED(NumDifferenceOfEmptyHandle, QelEmptyHandleException, kEmpty, (void)(f - QelNumExpr()))
 REFUSED(NumNegationOfEmptyHandle, QelEmptyHandleException, kEmpty, (void)(-QelNumExpr()))
 REFUSED(NumScalingOfEmptyHandle, QelEmptyHandleException, kEmpty, (void)(2.0 * QelNumExpr()))
-REFUSED(NumProductOfEmptyHandle, QelEmptyHandleException, kEmpty, (void)(f * QelNumExpr()))
+REFUSED(NumProductOfEmptyHandle, QelEmptyHandleException, kEmpty, (void)(f* QelNumExpr()))
 REFUSED(IntSumOfEmptyHandle, QelEmptyHandleException, kEmpty, (void)(QelIntExpr() + x))
 REFUSED(IntDifferenceOfEmptyHandle, QelEmptyHandleException, kEmpty, (void)(x - QelIntExpr()))
 REFUSED(IntNegationOfEmptyHandle, QelEmptyHandleException, kEmpty, (void)(-QelIntExpr()))
 REFUSED(IntScalingOfEmptyHandle, QelEmptyHandleException, kEmpty, (void)(QelIntExpr() * 3))
-REFUSED(IntProductOfEmptyHandle, QelEmptyHandleException, kEmpty, (void)(x * QelIntExpr()))
+REFUSED(IntProductOfEmptyHandle, QelEmptyHandleException, kEmpty, (void)(x* QelIntExpr()))
 REFUSED(ConstantInEmptyEnvironment, QelEmptyHandleException, kEmptyEnv, QelNumExpr e(none, 1.0))
 REFUSED(IntConstantInEmptyEnvironment, QelEmptyHandleException, kEmptyEnv,
         QelIntExpr e(none, QelInt(1)))
@@ -339,9 +341,9 @@ REFUSED(TermSetCoefOfEmptyVariable, QelEmptyHandleException, kEmpty,
 REFUSED(TermSetCoefsOfDifferentSizes, QelWrongUsage,
         "QelNumLinTermI::setCoef: arrays of different sizes",
         static_cast<QelNumLinTermI*>(aggregate.getImpl())->setCoef(yz, oneCoef, QelNumArray()))
-REFUSED(TermSetCoefsWithAnEmptyElement, QelEmptyHandleException, kEmpty,
-        static_cast<QelNumLinTermI*>(aggregate.getImpl())
-            ->setCoef(withHole, twoCoefs, QelNumArray()))
+REFUSED(
+    TermSetCoefsWithAnEmptyElement, QelEmptyHandleException, kEmpty,
+    static_cast<QelNumLinTermI*>(aggregate.getImpl())->setCoef(withHole, twoCoefs, QelNumArray()))
 REFUSED(TermSetQuadCoefOfEmptyVariable, QelEmptyHandleException, kEmpty,
         static_cast<QelNumLinTermI*>(aggregate.getImpl())->setQuadCoef(x, QelNumVar(), 1))
 REFUSED(TermAppendOfNoNode, QelEmptyHandleException, kEmpty,
@@ -372,8 +374,7 @@ REFUSED(LinearityTestOfNothing, QelEmptyHandleException, kEmpty, QelTestIsLinear
 REFUSED(LinearityTestOfAProduct, QelWrongUsage, "QelTestIsLinear: expression is not linear",
         QelTestIsLinear(product.getImpl()))
 REFUSED(SumOfEmptyArray, QelEmptyHandleException, kEmpty, (void)QelSum(QelNumExprArray()))
-REFUSED(SumOfArrayWithEmptyElement, QelEmptyHandleException, kEmpty,
-        (void)QelSum(withHole))
+REFUSED(SumOfArrayWithEmptyElement, QelEmptyHandleException, kEmpty, (void)QelSum(withHole))
 REFUSED(IntSumOfEmptyArray, QelEmptyHandleException, kEmpty, (void)QelSum(QelIntExprArray()))
 REFUSED(ScalarProductOfDifferentSizes, QelWrongUsage, "QelScalProd: arrays of different sizes",
         (void)QelScalProd(yz, oneCoef))
@@ -383,8 +384,7 @@ REFUSED(ScalarProductOfDifferentSizes, QelWrongUsage, "QelScalProd: arrays of di
 REFUSED(EvaluationOfAConstraintThatCannotBeChecked, QelNotImplemented,
         "QelConstraintI::eval is not available for this constraint",
         (void)sos1.getImpl()->eval(values))
-REFUSED(RangeInEmptyEnvironment, QelEmptyHandleException, kEmptyEnv,
-        QelRange r(none, 0, sum, 1))
+REFUSED(RangeInEmptyEnvironment, QelEmptyHandleException, kEmptyEnv, QelRange r(none, 0, sum, 1))
 REFUSED(RangeLinearIteratorOfEmptyHandle, QelWrongUsage, "empty handle",
         (void)QelRange().getLinearIterator())
 REFUSED(RangeQuadIteratorOfEmptyHandle, QelWrongUsage, "empty handle",
@@ -420,8 +420,7 @@ REFUSED(AllMinDistanceOfEmptyExpressionArray, QelEmptyHandleException, kEmpty,
 REFUSED(AllMinDistanceInEmptyEnvironment, QelEmptyHandleException, kEmptyEnv,
         QelAllMinDistance a(none, QelInt(2)))
 REFUSED(AllDiffColumnToAChangeVisitor, QelNotImplemented,
-        "Column Wise with QelDeleter not implemented",
-        RecordingVisitor v;
+        "Column Wise with QelDeleter not implemented", RecordingVisitor v;
         allDiff().visitChange(env.getImpl(), nullptr, &v))
 REFUSED(PackWithEmptyWeights, QelEmptyHandleException, kEmpty,
         QelPack p(env, load, where, QelIntArray()))
@@ -430,8 +429,7 @@ REFUSED(PackWithEmptyWhere, QelEmptyHandleException, kEmpty,
 REFUSED(PackWithEmptyLoad, QelEmptyHandleException, kEmpty,
         QelPack p(env, QelIntExprArray(), where, weights))
 REFUSED(PackWithWhereAndWeightsOfDifferentSizes, QelPack::QelDifferentSizeException,
-        "QelPack: Where and weight arrays have different size",
-        QelPack p(env, load, load, weights))
+        "QelPack: Where and weight arrays have different size", QelPack p(env, load, load, weights))
 REFUSED(PackInEmptyEnvironment, QelEmptyHandleException, kEmptyEnv,
         QelPack p(none, load, where, weights))
 REFUSED(UniformPackInEmptyEnvironment, QelEmptyHandleException, kEmptyEnv,
@@ -447,12 +445,10 @@ REFUSED(ExtractableGetName, QelEmptyHandleException, kEmpty, (void)QelExtractabl
 REFUSED(ExtractableSetName, QelEmptyHandleException, kEmpty, QelExtractable().setName("n"))
 REFUSED(ExtractableSetLocation, QelEmptyHandleException, kEmpty,
         QelExtractable().setLocation("f", 1))
-REFUSED(ExtractableSetObject, QelEmptyHandleException, kEmpty,
-        QelExtractable().setObject(nullptr))
+REFUSED(ExtractableSetObject, QelEmptyHandleException, kEmpty, QelExtractable().setObject(nullptr))
 REFUSED(ExtractableGetObject, QelEmptyHandleException, kEmpty, (void)QelExtractable().getObject())
 REFUSED(ExtractableEnd, QelEmptyHandleException, kEmpty, QelExtractable().end())
-REFUSED(ExtractableRemoveFromAll, QelEmptyHandleException, kEmpty,
-        QelExtractable().removeFromAll())
+REFUSED(ExtractableRemoveFromAll, QelEmptyHandleException, kEmpty, QelExtractable().removeFromAll())
 REFUSED(ExtractableIsConstraint, QelEmptyHandleException, kEmpty,
         (void)QelExtractable().isConstraint())
 REFUSED(ExtractableAsConstraint, QelEmptyHandleException, kEmpty,
@@ -467,10 +463,8 @@ REFUSED(ExtractableIsNumExpr, QelEmptyHandleException, kEmpty, (void)QelExtracta
 REFUSED(ExtractableAsNumExpr, QelEmptyHandleException, kEmpty, (void)QelExtractable().asNumExpr())
 REFUSED(ExtractableIsIntExpr, QelEmptyHandleException, kEmpty, (void)QelExtractable().isIntExpr())
 REFUSED(ExtractableAsIntExpr, QelEmptyHandleException, kEmpty, (void)QelExtractable().asIntExpr())
-REFUSED(ExtractableIsVariable, QelEmptyHandleException, kEmpty,
-        (void)QelExtractable().isVariable())
-REFUSED(ExtractableAsVariable, QelEmptyHandleException, kEmpty,
-        (void)QelExtractable().asVariable())
+REFUSED(ExtractableIsVariable, QelEmptyHandleException, kEmpty, (void)QelExtractable().isVariable())
+REFUSED(ExtractableAsVariable, QelEmptyHandleException, kEmpty, (void)QelExtractable().asVariable())
 
 TEST_F(BadInput, CloneOfAClassWithoutCloneMechanism) {
   QelEnv copy;
@@ -486,8 +480,8 @@ TEST_F(BadInput, CloneOfAClassWithoutCloneMechanism) {
   EXPECT_EQ(copy.getImpl()->getBytesInUse(), copyBytes);
   std::ostringstream printed;
   QelExtractable::NoCloneMechanismException(odd).print(printed);
-  EXPECT_EQ(printed.str(), "Extractable with id " + std::to_string(odd->getId()) +
-                               " do not have clone mechanism");
+  EXPECT_EQ(printed.str(),
+            "Extractable with id " + std::to_string(odd->getId()) + " do not have clone mechanism");
   copy.end();
 }
 
@@ -524,13 +518,13 @@ TEST_F(BadInput, RemovingAPropertyWithoutSet) {
 
 // ---- notices and columns ------------------------------------------------------------
 
-REFUSED(NoticeWithoutArray, QelWrongUsage, "QelChange::getChangedExtractableArray can not be called",
+REFUSED(NoticeWithoutArray, QelWrongUsage,
+        "QelChange::getChangedExtractableArray can not be called",
         (void)QelSetNameChange(x.getImpl()).getChangedExtractableArray())
 REFUSED(NoticeWithoutObject, QelWrongUsage, "QelChange::getChangedExtractable can not be called",
         (void)QelRemoveFromAllChange(QelExtractableArray()).getChangedExtractable())
 REFUSED(ColumnInstalledWithoutObject, QelAddExtractable::CannotAddExtractableException,
-        "Cannot add new QelExtractable to extractor",
-        QelAddValueToObj(cost, 2).install(nullptr))
+        "Cannot add new QelExtractable to extractor", QelAddValueToObj(cost, 2).install(nullptr))
 REFUSED(ObjectiveColumnOfSomethingElseThanAVariable, QelEmptyHandleException, kEmpty,
         QelAddValueToObj(cost, 2).install(model.getImpl()))
 REFUSED(ObjectiveColumnOfSeveralCriteria, QelNotAllowedWithMultiCriterionException,
@@ -589,22 +583,22 @@ REFUSED(MemberListRemoveOfEmptyArray, QelEmptyHandleException, kEmpty,
 // ---- the model ----------------------------------------------------------------------------
 
 REFUSED(ModelInEmptyEnvironment, QelEmptyHandleException, kEmptyEnv, QelModel m(none))
-REFUSED(ModelAddToEmptyHandle, QelEmptyHandleException,
-        "trying to add to an empty handle QelModel", QelModel().add(x))
-REFUSED(ModelAddOfEmptyHandle, QelEmptyHandleException,
-        "trying to add an empty handle extractable", model.add(QelExtractable()))
+REFUSED(ModelAddToEmptyHandle, QelEmptyHandleException, "trying to add to an empty handle QelModel",
+        QelModel().add(x))
+REFUSED(ModelAddOfEmptyHandle, QelEmptyHandleException, "trying to add an empty handle extractable",
+        model.add(QelExtractable()))
 REFUSED(ModelAddArrayToEmptyHandle, QelEmptyHandleException, "trying to add 0 extractor handle",
         QelModel().add(trio))
 REFUSED(ModelAddOfEmptyArray, QelEmptyHandleException, "Using empty QelExtractableArray handle.",
         model.add(QelExtractableArray()))
-REFUSED(ModelRemoveFromEmptyHandle, QelEmptyHandleException,
-        "trying to remove 0 extractor handle", QelModel().remove(cap))
-REFUSED(ModelRemoveOfEmptyHandle, QelEmptyHandleException,
-        "trying to remove 0 extractable handle", model.remove(QelExtractable()))
+REFUSED(ModelRemoveFromEmptyHandle, QelEmptyHandleException, "trying to remove 0 extractor handle",
+        QelModel().remove(cap))
+REFUSED(ModelRemoveOfEmptyHandle, QelEmptyHandleException, "trying to remove 0 extractable handle",
+        model.remove(QelExtractable()))
 REFUSED(ModelRemoveArrayFromEmptyHandle, QelEmptyHandleException,
         "trying to remove 0 extractor handle", QelModel().remove(trio))
-REFUSED(ModelRemoveOfEmptyArray, QelEmptyHandleException,
-        "Using empty QelExtractableArray handle.", model.remove(QelExtractableArray()))
+REFUSED(ModelRemoveOfEmptyArray, QelEmptyHandleException, "Using empty QelExtractableArray handle.",
+        model.remove(QelExtractableArray()))
 REFUSED(ModelExpandIntoEmptyHandle, QelEmptyHandleException,
         "Expanding to an empty QelModel handle.", QelModel().expand(cap))
 REFUSED(ModelExpandOfEmptyHandle, QelEmptyHandleException,
@@ -679,14 +673,14 @@ REFUSED(SeveralCriteriaGetExpr, QelNotAllowedWithMultiCriterionException, "QelOb
         (void)lex.getExpr())
 REFUSED(SeveralCriteriaExpressionConversion, QelNotAllowedWithMultiCriterionException,
         "QelObjective::getExpr", (void)static_cast<QelNumExprArg>(lex))
-REFUSED(SeveralCriteriaSetConst, QelNotAllowedWithMultiCriterionException,
-        "QelObjective::setConst", lex.setConst(1))
+REFUSED(SeveralCriteriaSetConst, QelNotAllowedWithMultiCriterionException, "QelObjective::setConst",
+        lex.setConst(1))
 REFUSED(SeveralCriteriaSetExpr, QelNotAllowedWithMultiCriterionException, "QelObjective::setExpr",
         lex.setExpr(sum))
 REFUSED(SeveralCriteriaSetCoef, QelNotAllowedWithMultiCriterionException, "QelObjective::setCoef",
         lex.setLinearCoef(x, 1))
-REFUSED(SeveralCriteriaSetCoefs, QelNotAllowedWithMultiCriterionException,
-        "QelObjective::setCoef", lex.setLinearCoefs(yz, twoCoefs))
+REFUSED(SeveralCriteriaSetCoefs, QelNotAllowedWithMultiCriterionException, "QelObjective::setCoef",
+        lex.setLinearCoefs(yz, twoCoefs))
 REFUSED(SeveralCriteriaSetQuadCoef, QelNotAllowedWithMultiCriterionException,
         "QelObjective::setCoef", lex.setQuadCoef(x, y, 1))
 REFUSED(SeveralCriteriaAddVar, QelNotAllowedWithMultiCriterionException, "QelObjective::addVar",
@@ -703,13 +697,11 @@ REFUSED(MaximizeOfEmptyCriteria, QelWrongUsage, "Using empty handle",
         (void)QelMaximize(env, QelMultiCriterionExpr()))
 REFUSED(MinimizeOfNoCriterion, QelWrongUsage, "Array of criteria has size 0",
         (void)QelMinimize(env, noCriteria))
-REFUSED(MinimizeOfCriteriaWithoutArray, QelWrongUsage, kNoArray,
-        (void)QelMinimize(env, noArray))
+REFUSED(MinimizeOfCriteriaWithoutArray, QelWrongUsage, kNoArray, (void)QelMinimize(env, noArray))
 REFUSED(CriteriaInEmptyEnvironment, QelWrongUsage, kEmptyEnv,
         QelMultiCriterionExpr mc(none, yz, QelMultiCriterionExprI::StaticLex))
 REFUSED(StaticLexInEmptyEnvironment, QelWrongUsage, kEmptyEnv, (void)QelStaticLex(none, x))
-REFUSED(StaticLexOfArrayInEmptyEnvironment, QelWrongUsage, kEmptyEnv,
-        (void)QelStaticLex(none, yz))
+REFUSED(StaticLexOfArrayInEmptyEnvironment, QelWrongUsage, kEmptyEnv, (void)QelStaticLex(none, yz))
 REFUSED(DynamicLexInEmptyEnvironment, QelWrongUsage, kEmptyEnv, (void)QelDynamicLex(none, yz))
 REFUSED(PrintingEmptyCriteria, QelWrongUsage, "QelMultiCriterionExpr: using empty handle",
         std::ostringstream os;

@@ -66,8 +66,9 @@ std::string DifferenceOfBoth(const BothStates& a, const BothStates& b) {
 // refused and repeated step may change: the id printed after a class name,
 // after "model" or "obj", or between parentheses after a class, becomes '#'.
 std::string MaskIds(const std::string& text) {
-  static const char* const kPrefixes[] = {"QelIntVar", "QelNumVar", "QelBoolVar", "QelIntSetVar",
-                                          "QelIntervalVar", "model", "obj", "I ("};
+  static const char* const kPrefixes[] = {
+      "QelIntVar",      "QelNumVar", "QelBoolVar", "QelIntSetVar",
+      "QelIntervalVar", "model",     "obj",        "I ("};
   std::string out;
   size_t i = 0;
   while (i < text.size()) {
@@ -215,10 +216,10 @@ RunResult RunWithRefusal(long failAt, Findings& findings, const RunResult* refer
   if (!aborted) {
     for (RefusingAllocator* a : {&mainAlloc, &copyAlloc}) {
       if (a->held() != 0)
-        findings.add("(end of the scenario)",
-                     "refusing request " + std::to_string(failAt) + " (in step \"" +
-                         result.failedStep + "\") left " + std::to_string(a->held()) +
-                         " bytes with the objects once everything ended");
+        findings.add("(end of the scenario)", "refusing request " + std::to_string(failAt) +
+                                                  " (in step \"" + result.failedStep + "\") left " +
+                                                  std::to_string(a->held()) +
+                                                  " bytes with the objects once everything ended");
       for (const std::string& e : a->errors)
         findings.add("(end of the scenario)", "request " + std::to_string(failAt) + ": " + e);
     }
@@ -238,8 +239,8 @@ RunResult RunWithRefusal(long failAt, Findings& findings, const RunResult* refer
 template <class E>
 void RunWithSwitch(const char* variant, const std::function<void(ScenarioObjects&)>& start,
                    const std::function<void(ScenarioObjects&)>& stop,
-                   const std::function<void(const Step&, ScenarioObjects&)>& runStep,
-                   long& refused, long& completed) {
+                   const std::function<void(const Step&, ScenarioObjects&)>& runStep, long& refused,
+                   long& completed) {
   Findings findings;
   ScenarioObjects s;
   s.main = QelEnv();

@@ -88,8 +88,8 @@ TEST(LargeModel, AMillionObjectsBuiltChangedAndEndedGiveEveryByteBack) {
   std::cout << "[ large ] ended in " << Since(phase) << " s\n";
 
   QelAlgorithm(rec).end();
-  for (QelArrayBase* a : std::vector<QelArrayBase*>{&x, &ranges, &diffs, &blocks, &half, &first,
-                                                   &tenThousand, &rest})
+  for (QelArrayBase* a :
+       std::vector<QelArrayBase*>{&x, &ranges, &diffs, &blocks, &half, &first, &tenThousand, &rest})
     a->end();
   EXPECT_EQ(BytesInUse(env), baseline);
   env.end();

@@ -108,9 +108,8 @@ inline std::vector<Step> Scenario() {
   step("range over the product", [](S& s) { s.loose = QelRange(s.main, 0, s.product, 100); });
   step("x != 3", [](S& s) { s.notThree = QelDiff(s.main, s.x, 3.0); });
   step("x + y != z", [](S& s) { s.apart = QelDiff(s.main, s.sum, s.z, "apart"); });
-  step("array [x, y, z]", [](S& s) {
-    s.trio = QelIntVarArray(QelExtractableArray(s.main, 3, s.x, s.y, s.z));
-  });
+  step("array [x, y, z]",
+       [](S& s) { s.trio = QelIntVarArray(QelExtractableArray(s.main, 3, s.x, s.y, s.z)); });
   step("all-different", [](S& s) { s.allDiff = QelAllDiff(s.main, s.trio, "ad"); });
   step("all-min-distance", [](S& s) { s.spread = QelAllMinDistance(s.main, s.trio, 2); });
   step("load variables", [](S& s) { s.load = QelIntVarArray(s.main, 2, 0, 10); });
@@ -131,17 +130,15 @@ inline std::vector<Step> Scenario() {
   for (int i = 0; i < 9; ++i)
     step("SOS2 + variable " + std::to_string(i), [i](S& s) { s.sos2->addVar(s.many[i]); });
   // ---- objectives -----------------------------------------------------
-  step("objective over f", [](S& s) {
-    s.cost = QelObjective(s.main, s.f, QelObjective::Minimize, "cost");
-  });
+  step("objective over f",
+       [](S& s) { s.cost = QelObjective(s.main, s.f, QelObjective::Minimize, "cost"); });
   step("cost: coefficient of x", [](S& s) { s.cost.setLinearCoef(s.x, 3); });
   step("cost: coefficient of b * b", [](S& s) { s.cost.setQuadCoef(s.b, s.b, 2); });
   step("cost: coefficient of b (normalizes b * b)", [](S& s) { s.cost.setLinearCoef(s.b, 1); });
   step("cost: constant", [](S& s) { s.cost.setConst(5); });
   step("cost: sense", [](S& s) { s.cost.setSense(QelObjective::Maximize); });
-  step("variables of the coefficients", [](S& s) {
-    s.coefVars = QelNumVarArray(QelExtractableArray(s.main, 2, s.y, s.z));
-  });
+  step("variables of the coefficients",
+       [](S& s) { s.coefVars = QelNumVarArray(QelExtractableArray(s.main, 2, s.y, s.z)); });
   step("the coefficients", [](S& s) {
     s.coefs = QelNumArray(s.main, 2);
     s.coefs.set(0, 1.5);
@@ -173,9 +170,7 @@ inline std::vector<Step> Scenario() {
   // A change visitor cannot follow a variable joining an all-different
   // constraint column-wise (the notice refuses visitors): it joins before
   // the constraint is extracted.
-  step("all-different column", [](S& s) {
-    s.diffColumn = s.allDiff().getCopy(s.main.getImpl());
-  });
+  step("all-different column", [](S& s) { s.diffColumn = s.allDiff().getCopy(s.main.getImpl()); });
   step("make w2", [](S& s) { s.w2 = QelIntVar(s.main, 0, 9, "w2"); });
   step("install w2", [](S& s) { s.diffColumn->install(s.w2.getImpl()); });
   step("destroy the all-different column", [](S& s) {
@@ -191,25 +186,22 @@ inline std::vector<Step> Scenario() {
   step("string property again", [](S& s) { s.cap.getImpl()->setStringProperty("label", "row 2"); });
   step("integer property", [](S& s) { s.cap.getImpl()->setIntProperty("priority", 3); });
   step("number property", [](S& s) { s.x.getImpl()->setNumProperty("weight", 2.5); });
-  step("untyped property", [](S& s) {
-    s.model.getImpl()->setAnyProperty("owner", reinterpret_cast<void*>(0x1234));
-  });
+  step("untyped property",
+       [](S& s) { s.model.getImpl()->setAnyProperty("owner", reinterpret_cast<void*>(0x1234)); });
   step("remove a property", [](S& s) { s.cap.getImpl()->removeProperty("priority"); });
   step("location", [](S& s) { s.pack.setLocation("model.cpp", 42); });
   step("user object", [](S& s) { s.sos1.setObject(reinterpret_cast<void*>(0x5678)); });
   // ---- removals from the model -------------------------------------------
   step("remove x != 3", [](S& s) { s.model.remove(s.notThree); });
   step("remove a non-member", [](S& s) { s.model.remove(s.x); });
-  step("array of members to remove", [](S& s) {
-    s.removals = QelExtractableArray(s.main, 3, s.cap, s.sos1, s.x);
-  });
+  step("array of members to remove",
+       [](S& s) { s.removals = QelExtractableArray(s.main, 3, s.cap, s.sos1, s.x); });
   step("remove the array", [](S& s) { s.model.remove(s.removals); });
   step("inner: remove the array", [](S& s) { s.inner.remove(s.removals); });
   step("expand x != 3 into the model", [](S& s) { s.model.expand(s.notThree); });
   // ---- column-wise additions ---------------------------------------------
-  step("objective column", [](S& s) {
-    s.objColumn = QelAddValueToObj(s.cost, 4.0).getCopy(s.main.getImpl());
-  });
+  step("objective column",
+       [](S& s) { s.objColumn = QelAddValueToObj(s.cost, 4.0).getCopy(s.main.getImpl()); });
   step("set column", [](S& s) {
     s.setColumn = QelAddVarToSOS1(s.sos1.getImpl(), 0.0).getCopy(s.main.getImpl());
   });
@@ -238,9 +230,8 @@ inline std::vector<Step> Scenario() {
     s.modelCopy = QelModel(static_cast<QelModelI*>(s.copy.getImpl()->getClone(s.model.getImpl())));
   });
   step("extract the clone", [](S& s) { s.rec2->extract(s.modelCopy.getImpl()); });
-  step("array to clone", [](S& s) {
-    s.copied = QelExtractableArray(s.main, 3, s.lex, s.cap, s.cap);
-  });
+  step("array to clone",
+       [](S& s) { s.copied = QelExtractableArray(s.main, 3, s.lex, s.cap, s.cap); });
   step("clone the array", [](S& s) {
     // The array of the originals stays the caller's: keep it to end it.
     QelExtractableArray clones = s.copied;
@@ -267,9 +258,8 @@ inline std::vector<Step> Scenario() {
   step("end every object left in the copy", [](S& s) { s.leftovers2.endElements(); });
   step("end the arrays", [](S& s) {
     for (QelArrayBase* a : std::vector<QelArrayBase*>{
-             &s.many, &s.trio, &s.load, &s.where, &s.weights, &s.coefVars, &s.coefs,
-             &s.constraints, &s.removals, &s.copied, &s.originals, &s.leftovers,
-             &s.leftovers2})
+             &s.many, &s.trio, &s.load, &s.where, &s.weights, &s.coefVars, &s.coefs, &s.constraints,
+             &s.removals, &s.copied, &s.originals, &s.leftovers, &s.leftovers2})
       a->end();
   });
   step("release the algorithm holding values", [](S& s) { s.values.end(); });
@@ -288,7 +278,8 @@ inline std::vector<Step> Scenario() {
 inline std::vector<std::function<std::string()>> ScenarioProbes(const ScenarioObjects& s) {
   std::vector<std::function<std::string()>> probes;
   for (const QelExtractableArray* a :
-       {static_cast<const QelExtractableArray*>(&s.many), static_cast<const QelExtractableArray*>(&s.trio),
+       {static_cast<const QelExtractableArray*>(&s.many),
+        static_cast<const QelExtractableArray*>(&s.trio),
         static_cast<const QelExtractableArray*>(&s.constraints), &s.removals, &s.copied})
     probes.push_back([a] { return ArrayFacts(*a); });
   probes.push_back([&s] { return ArrayFacts(s.coefs); });

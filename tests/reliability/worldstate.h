@@ -55,9 +55,7 @@ struct WorldState {
 class SubCollector : public QelExtractableVisitor {
  public:
   using QelExtractableVisitor::visitChildren;
-  void visitChildren(QelExtractableI*, QelExtractableI* child) override {
-    subs.push_back(child);
-  }
+  void visitChildren(QelExtractableI*, QelExtractableI* child) override { subs.push_back(child); }
   std::vector<const QelExtractableI*> subs;
 };
 
@@ -67,8 +65,7 @@ inline std::string PropertiesOf(const QelExtractableI* x) {
   QelNamedPropertySetI* set = x->getProperties();
   if (set == nullptr) return "-";
   for (QelNamedPropertyI* p = set->getFirst(); p != nullptr; p = p->getNext()) {
-    os << (p->getName() != nullptr ? p->getName() : "<null>") << ":" << p->getRttiTypeName()
-       << "=";
+    os << (p->getName() != nullptr ? p->getName() : "<null>") << ":" << p->getRttiTypeName() << "=";
     if (auto* s = QelDynamicCast<QelNamedStringPropertyI>(p))
       os << (s->getValue() != nullptr ? s->getValue() : "<null>");
     else if (auto* a = QelDynamicCast<QelNamedAnyPropertyI>(p))
@@ -183,8 +180,8 @@ inline std::string Difference(const WorldState& a, const WorldState& b) {
     }
     if (!(a.objects[i] == b.objects[i])) {
       os << "object id " << a.objects[i].id << "/" << b.objects[i].id << ":\n  "
-         << a.objects[i].facts << "\n  " << a.objects[i].display << "\n->\n  "
-         << b.objects[i].facts << "\n  " << b.objects[i].display << "\n";
+         << a.objects[i].facts << "\n  " << a.objects[i].display << "\n->\n  " << b.objects[i].facts
+         << "\n  " << b.objects[i].display << "\n";
       break;
     }
   }
@@ -212,7 +209,8 @@ inline std::string TableProblems(const QelEnvI* env) {
     QelExtractableI* x = env->getExtractable(id);
     if (x == nullptr) continue;
     ++count;
-    if (x->getId() != id) os << "slot " << id << " holds an object whose id is " << x->getId() << "\n";
+    if (x->getId() != id)
+      os << "slot " << id << " holds an object whose id is " << x->getId() << "\n";
     if (x->getEnv() != env) os << "slot " << id << " holds an object of another environment\n";
   }
   if (count != env->getNumberOfExtractables())

@@ -16,8 +16,7 @@ class ItemI : public QelExtractableI {
   QEL_EXTRACTABLE_DECL(ItemI, QelExtractableI)
 
  public:
-  explicit ItemI(QelEnvI* env, const char* name = nullptr)
-      : QelExtractableI(env, name) {}
+  explicit ItemI(QelEnvI* env, const char* name = nullptr) : QelExtractableI(env, name) {}
   QelExtractableI* makeClone(QelEnvI* env) const override {
     ++clones;
     return QelNewObject<ItemI>(env, env);

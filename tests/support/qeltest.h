@@ -46,9 +46,7 @@ class RecordingVisitor : public QelChangeVisitor {
 /// (and the object it concerned), then follows it through its visitor.
 class RecordingAlgorithmI : public QelAlgorithmI {
  public:
-  explicit RecordingAlgorithmI(QelEnvI* env) : QelAlgorithmI(env) {
-    setChangeVisitor(&visitor);
-  }
+  explicit RecordingAlgorithmI(QelEnvI* env) : QelAlgorithmI(env) { setChangeVisitor(&visitor); }
   void notifyChange(const QelExtractableI* x, const QelChange& c) override {
     notices.push_back(c.getRttiTypeName());
     objects.push_back(x);

@@ -30,8 +30,8 @@ namespace qeltest {
 /// Counts the requests of one or more allocators and names the one to
 /// refuse.
 struct RequestCounter {
-  long count = 0;     ///< requests made so far
-  long refuse = 0;    ///< the number of the request to refuse (0: none)
+  long count = 0;          ///< requests made so far
+  long refuse = 0;         ///< the number of the request to refuse (0: none)
   bool refuseAll = false;  ///< refuse every request while set
   bool refused = false;
   /// Refuses the n-th request from now (n >= 1).
@@ -110,10 +110,9 @@ inline void EndAllObjects(QelEnv env) {
 /// Calls `body(env, counter, n)` for n = 1, 2, ... with a fresh environment
 /// whose custom allocator counts with `counter`; the body sets itself up,
 /// calls counter.refuseAfter(n) before the operation under test and
-/// counter.stop() after it, and returns whether the operation was refused. The loop ends at the first n
-/// the operation completes (it made fewer than n requests); the allocator
-/// must then have got every byte back and seen no wrong block. Returns the
-/// number of refusals.
+/// counter.stop() after it, and returns whether the operation was refused. The loop ends at the
+/// first n the operation completes (it made fewer than n requests); the allocator must then have
+/// got every byte back and seen no wrong block. Returns the number of refusals.
 template <class Body>
 long ForEachRefusal(Body body) {
   long refusals = 0;

@@ -25,7 +25,9 @@ struct CbcTest : ::testing::Test {
     }
     return "<no refusal>";
   }
-  void expectSameAsFresh(const QelModel& m) { ExpectSameAsFresh(&Make, env, m, AnswerOf(mip.get())); }
+  void expectSameAsFresh(const QelModel& m) {
+    ExpectSameAsFresh(&Make, env, m, AnswerOf(mip.get()));
+  }
 
   QelEnv env;
   EnginePtr mip{Make(env)};
@@ -38,7 +40,8 @@ bool Contains(const std::string& s, const std::string& part) {
 TEST_F(CbcTest, RefusesNonlinearExpressionsNamingTheObject) {
   QelNumVar x(env, 0, 4, "x"), y(env, 0, 4, "y");
   std::string msg = refusalOf(QelRange(env, 0, x * y, 3, "area"));
-  EXPECT_TRUE(Contains(msg, "CBC engine cannot extract \"area\" (QelRangeI): quadratic terms")) << msg;
+  EXPECT_TRUE(Contains(msg, "CBC engine cannot extract \"area\" (QelRangeI): quadratic terms"))
+      << msg;
   msg = refusalOf(QelObjective(env, x * y + x, QelObjective::Minimize, "qobj"));
   EXPECT_TRUE(Contains(msg, "\"qobj\" (QelObjectiveI): quadratic terms")) << msg;
   EXPECT_EQ(mip->getObjective(), nullptr);  // a refused objective is not the active one
@@ -52,7 +55,8 @@ TEST_F(CbcTest, RefusesNonlinearExpressionsNamingTheObject) {
 TEST_F(CbcTest, RefusesReformulationsItCannotMake) {
   QelNumVar f(env, 0, 4, "f");
   std::string msg = refusalOf(QelDiff(env, f, 2.0, "fdiff"));
-  EXPECT_TRUE(Contains(msg, "\"fdiff\" (QelDiffI): its integer reformulation needs integer")) << msg;
+  EXPECT_TRUE(Contains(msg, "\"fdiff\" (QelDiffI): its integer reformulation needs integer"))
+      << msg;
   QelIntVar big(env, 0, 5, "big");
   big.getImpl()->setUB(std::numeric_limits<double>::infinity());
   QelIntVar small(env, 0, 3, "small");
@@ -60,7 +64,8 @@ TEST_F(CbcTest, RefusesReformulationsItCannotMake) {
   both.add(big);
   both.add(small);
   msg = refusalOf(QelAllDiff(env, both, "open"));
-  EXPECT_TRUE(Contains(msg, "\"open\" (QelAllDiffI): its integer reformulation needs finite bounds"))
+  EXPECT_TRUE(
+      Contains(msg, "\"open\" (QelAllDiffI): its integer reformulation needs finite bounds"))
       << msg;
   both.end();
 }

@@ -25,7 +25,9 @@ struct GecodeTest : ::testing::Test {
     }
     return "<no refusal>";
   }
-  void expectSameAsFresh(const QelModel& m) { ExpectSameAsFresh(&Make, env, m, AnswerOf(cp.get())); }
+  void expectSameAsFresh(const QelModel& m) {
+    ExpectSameAsFresh(&Make, env, m, AnswerOf(cp.get()));
+  }
 
   QelEnv env;
   EnginePtr cp{Make(env)};
@@ -50,7 +52,8 @@ TEST_F(GecodeTest, RefusesSpecialOrderedSets) {
   s->addVar(a);
   s->addVar(b);
   std::string msg = refusalOf(s);
-  EXPECT_TRUE(Contains(msg, "\"choice\" (QelSOS1I): special ordered sets are not supported")) << msg;
+  EXPECT_TRUE(Contains(msg, "\"choice\" (QelSOS1I): special ordered sets are not supported"))
+      << msg;
   QelSOS2 t(env, "pieces");
   EXPECT_TRUE(Contains(refusalOf(t), "\"pieces\" (QelSOS2I)"));
 }
@@ -114,7 +117,8 @@ TEST_F(GecodeTest, AllMinDistanceAsNonOverlappingTasks) {
   EXPECT_EQ(CheckSolution(cp.get(), m.getImpl()), 1);
   expectSameAsFresh(m);
   // Column-wise: a fourth task joins the constraint (and the objective).
-  QelAllMinDistance spread(static_cast<QelAllMinDistanceI*>(m.getImpl()->getMembers().getHead()->extractable));
+  QelAllMinDistance spread(
+      static_cast<QelAllMinDistanceI*>(m.getImpl()->getMembers().getHead()->extractable));
   QelAddVarToAllMinDistance column = spread();
   QelIntVar fourth(env, 0, 20, "fourth");
   column.install(fourth.getImpl());
@@ -181,7 +185,8 @@ TEST_F(GecodeTest, RemovalsRebuildTheRootSpace) {
   EXPECT_EQ(cp->getObjValue(), 5);
   m.remove(low);
   EXPECT_TRUE(cp->isDirty());
-  EXPECT_TRUE(Contains(cp->getDirtyReason(), "\"low\" (QelRangeI) was removed")) << cp->getDirtyReason();
+  EXPECT_TRUE(Contains(cp->getDirtyReason(), "\"low\" (QelRangeI) was removed"))
+      << cp->getDirtyReason();
   ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal);
   EXPECT_EQ(cp->getStats().rebuilds, 1);
   EXPECT_EQ(cp->getObjValue(), 0);

@@ -34,7 +34,8 @@ inline double Value(QelEngineI* alg, const QelNumExprI* e) { return alg->getValu
 /// ordered sets (which have no eval) directly.
 inline bool CheckConstraint(QelEngineI* alg, const QelExtractableI* c) {
   const std::string what = QelDescribe(c);
-  if (QelDynamicCast<const QelRangeI>(c) != nullptr || QelDynamicCast<const QelDiffI>(c) != nullptr ||
+  if (QelDynamicCast<const QelRangeI>(c) != nullptr ||
+      QelDynamicCast<const QelDiffI>(c) != nullptr ||
       QelDynamicCast<const QelAllDiffI>(c) != nullptr) {
     EXPECT_EQ(static_cast<const QelConstraintI*>(c)->eval(QelAlgorithm(alg)), 1.0)
         << what << " is violated by the solution";
@@ -61,7 +62,8 @@ inline bool CheckConstraint(QelEngineI* alg, const QelExtractableI* c) {
       double bin = Value(alg, static_cast<const QelNumExprI*>(where.getElement(i)));
       EXPECT_EQ(bin, std::floor(bin)) << what << ": item " << i;
       EXPECT_GE(bin, 0) << what << ": item " << i << " is in no bin";
-      EXPECT_LT(bin, static_cast<double>(load.getSize())) << what << ": item " << i << " is in no bin";
+      EXPECT_LT(bin, static_cast<double>(load.getSize()))
+          << what << ": item " << i << " is in no bin";
       if (bin < 0 || bin >= static_cast<double>(load.getSize())) continue;
       sums[static_cast<size_t>(bin)] += static_cast<double>(weight[i]);
       used.insert(static_cast<QelInt>(bin));
@@ -71,7 +73,8 @@ inline bool CheckConstraint(QelEngineI* alg, const QelExtractableI* c) {
                 sums[static_cast<size_t>(j)])
           << what << ": load of bin " << j;
     if (p->getUsed() != nullptr) {
-      EXPECT_EQ(Value(alg, p->getUsed()), static_cast<double>(used.size())) << what << ": used count";
+      EXPECT_EQ(Value(alg, p->getUsed()), static_cast<double>(used.size()))
+          << what << ": used count";
     }
     if (p->getUsedSet() != nullptr) {
       std::vector<QelInt> set = alg->getSetValue(p->getUsedSet());
