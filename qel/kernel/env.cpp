@@ -11,66 +11,116 @@
 
 QelMutexI* QelEnvI::Mutex = nullptr;
 
-// ---- the clone map: source object -> its copy, open addressing ----------
+// ---- the clone map: source object -> its copy, indexed by the source's id --
+//
+// The ids of one environment are dense, and a copy meets the objects of a
+// model mostly in the order they were made, so the map is a directory of
+// pages indexed directly by the source's id: no hashing, no probing, and
+// consecutive sources share cache lines. One directory per source
+// environment (a copy nearly always reads from one). Each entry keeps its
+// source, so an id that another object took over is not mistaken for it.
+// Everything lives in the environment's bookkeeping memory.
 
 struct QelEnvI::CloneMap {
   struct Entry {
-    const QelExtractableI* source;
+    const QelExtractableI* source;  // null: no clone recorded
     QelExtractableI* clone;
     QelInt cloneId;  // to tell, without touching it, whether the clone lives
   };
+  static constexpr long PageBits = 9;
+  static constexpr long PageSize = 1L << PageBits;  // entries per page
+  struct Directory {
+    const QelEnvI* sourceEnv = nullptr;
+    Entry** pages = nullptr;  // null where no entry was ever put
+    long numPages = 0;
+  };
   QelEnvI* env = nullptr;
-  Entry* entries = nullptr;
-  long capacity = 0;  // a power of two
+  Directory* dirs = nullptr;
+  long numDirs = 0;
   long count = 0;
 
-  static std::size_t Hash(const void* p) {
-    std::uintptr_t v = reinterpret_cast<std::uintptr_t>(p);
-    v ^= v >> 17;
-    v *= 0x9E3779B97F4A7C15ULL;
-    return static_cast<std::size_t>(v ^ (v >> 29));
+  QelGenAlloc* allocator() const { return env->getInternalAllocator(); }
+
+  const Directory* findDir(const QelEnvI* sourceEnv) const {
+    for (long d = 0; d < numDirs; ++d)
+      if (dirs[d].sourceEnv == sourceEnv) return &dirs[d];
+    return nullptr;
   }
   QelExtractableI* find(const QelExtractableI* source) const {
     if (count == 0) return nullptr;
-    std::size_t mask = static_cast<std::size_t>(capacity - 1);
-    for (std::size_t i = Hash(source) & mask;; i = (i + 1) & mask) {
-      if (entries[i].source == source) return entries[i].clone;
-      if (entries[i].source == nullptr) return nullptr;
+    const Directory* dir = findDir(source->getEnv());
+    if (dir == nullptr) return nullptr;
+    long id = static_cast<long>(source->getId());
+    long page = id >> PageBits;
+    if (id < 0 || page >= dir->numPages || dir->pages[page] == nullptr) return nullptr;
+    const Entry& e = dir->pages[page][id & (PageSize - 1)];
+    return e.source == source ? e.clone : nullptr;
+  }
+  // Makes room for the entry of `source` (directory and page); all or
+  // nothing: a refused allocation leaves the map as it was.
+  Entry& slot(const QelExtractableI* source) {
+    const QelEnvI* sourceEnv = source->getEnv();
+    Directory* dir = const_cast<Directory*>(findDir(sourceEnv));
+    if (dir == nullptr) {
+      auto* grown = static_cast<Directory*>(
+          allocator()->alloc(sizeof(Directory) * static_cast<std::size_t>(numDirs + 1)));
+      for (long d = 0; d < numDirs; ++d) grown[d] = dirs[d];
+      grown[numDirs] = Directory();
+      grown[numDirs].sourceEnv = sourceEnv;
+      if (dirs != nullptr)
+        allocator()->free(dirs, sizeof(Directory) * static_cast<std::size_t>(numDirs));
+      dirs = grown;
+      dir = &dirs[numDirs++];
     }
+    long id = static_cast<long>(source->getId());
+    long page = id >> PageBits;
+    if (page >= dir->numPages) {
+      long n = dir->numPages == 0 ? 16 : dir->numPages;
+      while (n <= page) n *= 2;
+      auto* pages =
+          static_cast<Entry**>(allocator()->alloc(sizeof(Entry*) * static_cast<std::size_t>(n)));
+      for (long k = 0; k < n; ++k) pages[k] = k < dir->numPages ? dir->pages[k] : nullptr;
+      if (dir->pages != nullptr)
+        allocator()->free(dir->pages, sizeof(Entry*) * static_cast<std::size_t>(dir->numPages));
+      dir->pages = pages;
+      dir->numPages = n;
+    }
+    if (dir->pages[page] == nullptr) {
+      auto* entries = static_cast<Entry*>(allocator()->alloc(sizeof(Entry) * PageSize));
+      std::memset(entries, 0, sizeof(Entry) * PageSize);
+      dir->pages[page] = entries;
+    }
+    return dir->pages[page][id & (PageSize - 1)];
   }
   void put(const QelExtractableI* source, QelExtractableI* clone) {
-    if ((count + 1) * 2 > capacity) rehash(capacity == 0 ? 16 : capacity * 2);
-    std::size_t mask = static_cast<std::size_t>(capacity - 1);
-    std::size_t i = Hash(source) & mask;
-    while (entries[i].source != nullptr) i = (i + 1) & mask;
-    entries[i].source = source;
-    entries[i].clone = clone;
-    entries[i].cloneId = clone->getId();
-    ++count;
+    Entry& e = slot(source);
+    if (e.source == nullptr) ++count;
+    e.source = source;
+    e.clone = clone;
+    e.cloneId = clone->getId();
   }
-  void rehash(long newCapacity) {
-    Entry* fresh = static_cast<Entry*>(
-        env->getInternalAllocator()->alloc(sizeof(Entry) * static_cast<std::size_t>(newCapacity)));
-    std::memset(fresh, 0, sizeof(Entry) * static_cast<std::size_t>(newCapacity));
-    std::size_t mask = static_cast<std::size_t>(newCapacity - 1);
-    for (long k = 0; k < capacity; ++k) {
-      if (entries[k].source == nullptr) continue;
-      std::size_t i = Hash(entries[k].source) & mask;
-      while (fresh[i].source != nullptr) i = (i + 1) & mask;
-      fresh[i] = entries[k];
-    }
-    if (entries != nullptr)
-      env->getInternalAllocator()->free(entries,
-                                        sizeof(Entry) * static_cast<std::size_t>(capacity));
-    entries = fresh;
-    capacity = newCapacity;
+  // Calls f(entry) for every recorded entry.
+  template <class F>
+  void forEach(F f) const {
+    for (long d = 0; d < numDirs; ++d)
+      for (long p = 0; p < dirs[d].numPages; ++p)
+        if (const Entry* page = dirs[d].pages[p])
+          for (long k = 0; k < PageSize; ++k)
+            if (page[k].source != nullptr) f(page[k]);
   }
   void clear() {
-    if (entries != nullptr)
-      env->getInternalAllocator()->free(entries,
-                                        sizeof(Entry) * static_cast<std::size_t>(capacity));
-    entries = nullptr;
-    capacity = 0;
+    for (long d = 0; d < numDirs; ++d) {
+      for (long p = 0; p < dirs[d].numPages; ++p)
+        if (dirs[d].pages[p] != nullptr)
+          allocator()->free(dirs[d].pages[p], sizeof(Entry) * PageSize);
+      if (dirs[d].pages != nullptr)
+        allocator()->free(dirs[d].pages,
+                          sizeof(Entry*) * static_cast<std::size_t>(dirs[d].numPages));
+    }
+    if (dirs != nullptr)
+      allocator()->free(dirs, sizeof(Directory) * static_cast<std::size_t>(numDirs));
+    dirs = nullptr;
+    numDirs = 0;
     count = 0;
   }
 };
@@ -451,13 +501,11 @@ void QelEnvI::abandonCopy() noexcept {
   QelArrayI* alive = nullptr;
   try {
     alive = QelArrayI::Make(getInternalAllocator(), 0);
-    for (long k = 0; k < _cloneMap->capacity; ++k) {
-      const CloneMap::Entry& e = _cloneMap->entries[k];
-      if (e.source == nullptr) continue;
+    _cloneMap->forEach([this, alive](const CloneMap::Entry& e) {
       if (e.cloneId >= 0 && e.cloneId < _tableSize &&
           _table[e.cloneId] == reinterpret_cast<std::uintptr_t>(e.clone))
         alive->addRaw(reinterpret_cast<std::uintptr_t>(e.clone));
-    }
+    });
     removeFromAllAndDestroy(QelExtractableArray(alive), 0, 0);
   } catch (...) {
     // Nothing may hide the failure that abandoned the copy.

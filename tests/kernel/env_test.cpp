@@ -501,6 +501,33 @@ TEST(EnvClone, ManyClonesInOneCopy) {
   target.end();
 }
 
+TEST(EnvClone, OneCopyReadsFromSeveralEnvironmentsAndManyIds) {
+  // Sources from two environments with overlapping ids, spread over
+  // thousands of ids: each keeps its own copy for the whole operation.
+  QelEnv first, second, target;
+  QelEnvI* t = target.getImpl();
+  std::vector<EnvLeafI*> xs;
+  for (int i = 0; i < 3000; ++i) {
+    xs.push_back(Leaf(first));
+    xs.push_back(Leaf(second));
+  }
+  ASSERT_EQ(xs[0]->getId(), xs[1]->getId());
+  std::vector<QelExtractableI*> copies;
+  t->beginCopy();
+  for (auto it = xs.rbegin(); it != xs.rend(); ++it) copies.push_back(t->getClone(*it));
+  for (size_t i = 0; i < xs.size(); ++i) {
+    QelExtractableI* c = copies[xs.size() - 1 - i];
+    EXPECT_EQ(t->getClone(xs[i]), c);
+    EXPECT_EQ(t->findClone(xs[i]), c);
+  }
+  t->endCopy();
+  EXPECT_EQ(t->getNumberOfExtractables(), 6000);
+  EXPECT_EQ(t->findClone(xs[0]), nullptr);
+  first.end();
+  second.end();
+  target.end();
+}
+
 // ---- flags -----------------------------------------------------------------------
 
 TEST(EnvFlags, DefaultsAndSetters) {
