@@ -77,9 +77,13 @@ class QEL_API QelNamedPropertyI {
     T _value{};                                                                 \
   };
 
+/// A named property whose value is a string (a copy kept in the property's memory).
 QEL_NAMED_PROPERTY_IMPL(QelNamedStringPropertyI, const char*)
+/// A named property whose value is a pointer the application owns.
 QEL_NAMED_PROPERTY_IMPL(QelNamedAnyPropertyI, void*)
+/// A named property whose value is a float.
 QEL_NAMED_PROPERTY_IMPL(QelNamedNumPropertyI, double)
+/// A named property whose value is an integer.
 QEL_NAMED_PROPERTY_IMPL(QelNamedIntPropertyI, QelInt)
 
 /// Handle of a typed property family: wraps the implementation I.
