@@ -9,12 +9,12 @@ using namespace qeltest;
 
 namespace {
 
-struct HookCall {
+struct SlotCall {
   QelAlgorithmI* algorithm;
   const void* object;
   void* data;
 };
-std::vector<HookCall> calls;
+std::vector<SlotCall> calls;
 
 void* ExtractModel(QelAlgorithm a, const QelModelI* m) {
   calls.push_back({a.getImpl(), m, nullptr});

@@ -18,12 +18,6 @@ struct ArrayTest : ::testing::Test {
   void TearDown() override { env.end(); }
 };
 
-std::vector<QelExtractableI*> Elements(const QelExtractableArray& a) {
-  std::vector<QelExtractableI*> out;
-  for (long i = 0; i < a.getSize(); ++i) out.push_back(a.getElement(i));
-  return out;
-}
-
 }  // namespace
 
 TEST_F(ArrayTest, CountedConstructorsKeepOrderAndCheckTheCount) {

@@ -34,61 +34,21 @@ struct AllDiffTest : ::testing::Test {
   }
 };
 
-std::vector<QelExtractableI*> Elements(const QelExtractableArray& a) {
-  std::vector<QelExtractableI*> out;
-  for (long i = 0; i < a.getSize(); ++i) out.push_back(a.getElement(i));
-  return out;
-}
-
-// Puts `value` into a hook slot for the life of the guard, then restores it.
-
-// What the last hook call received.
-struct HookCall {
-  const QelAlgorithmI* algorithm = nullptr;
-  const void* object = nullptr;
-  void* data = nullptr;
-  int calls = 0;
-};
-HookCall lastCall;
-int hookToken = 0;
-
-template <class C>
-void* ExtractHook(QelAlgorithm a, const C* x) {
-  lastCall.algorithm = a.getImpl();
-  lastCall.object = x;
-  lastCall.data = nullptr;
-  ++lastCall.calls;
-  return &hookToken;
-}
-
-template <class C>
-void* DataHook(QelAlgorithm a, const C* x, void* data) {
-  lastCall.algorithm = a.getImpl();
-  lastCall.object = x;
-  lastCall.data = data;
-  ++lastCall.calls;
-  return &hookToken;
-}
+HookCall& lastCall = qeltest::lastHookCall;
 
 // Notice hooks also keep what the notice carried.
 const QelIntExprI* removedExpr = nullptr;
 const QelExtractableI* addedVar = nullptr;
 
 QelInt RemoveVarHook(QelAlgorithm a, const QelAllDiffRemoveVar* n, void* data) {
-  lastCall.algorithm = a.getImpl();
-  lastCall.object = n;
-  lastCall.data = data;
-  ++lastCall.calls;
+  qeltest::RecordHookCall(a, n, data);
   removedExpr = n->getExpr();
   return 41;
 }
 
 template <class N>
 QelInt ColumnHook(QelAlgorithm a, const N* n, void* data) {
-  lastCall.algorithm = a.getImpl();
-  lastCall.object = n;
-  lastCall.data = data;
-  ++lastCall.calls;
+  qeltest::RecordHookCall(a, n, data);
   addedVar = n->getChangedExtractable();
   return 42;
 }
@@ -836,16 +796,17 @@ TEST_F(AllDiffTest, FilledHooksReceiveTheAlgorithmTheObjectAndTheData) {
   int data = 0;
   {
     SlotGuard<decltype(QelAllDiffI::_extractCP)> g1(QelAllDiffI::_extractCP,
-                                                    &ExtractHook<QelAllDiffI>);
-    SlotGuard<decltype(QelAllDiffI::_modifyCP)> g2(QelAllDiffI::_modifyCP, &DataHook<QelAllDiffI>);
+                                                    &qeltest::RecordExtractHook<QelAllDiffI>);
+    SlotGuard<decltype(QelAllDiffI::_modifyCP)> g2(QelAllDiffI::_modifyCP,
+                                                   &qeltest::RecordDataHook<QelAllDiffI>);
     SlotGuard<decltype(QelAllDiffI::_unextractCP)> g3(QelAllDiffI::_unextractCP,
-                                                      &DataHook<QelAllDiffI>);
-    SlotGuard<decltype(QelAllMinDistanceI::_extractCP)> g4(QelAllMinDistanceI::_extractCP,
-                                                           &ExtractHook<QelAllMinDistanceI>);
-    SlotGuard<decltype(QelAllMinDistanceI::_modifyCP)> g5(QelAllMinDistanceI::_modifyCP,
-                                                          &DataHook<QelAllMinDistanceI>);
-    SlotGuard<decltype(QelAllMinDistanceI::_unextractCP)> g6(QelAllMinDistanceI::_unextractCP,
-                                                             &DataHook<QelAllMinDistanceI>);
+                                                      &qeltest::RecordDataHook<QelAllDiffI>);
+    SlotGuard<decltype(QelAllMinDistanceI::_extractCP)> g4(
+        QelAllMinDistanceI::_extractCP, &qeltest::RecordExtractHook<QelAllMinDistanceI>);
+    SlotGuard<decltype(QelAllMinDistanceI::_modifyCP)> g5(
+        QelAllMinDistanceI::_modifyCP, &qeltest::RecordDataHook<QelAllMinDistanceI>);
+    SlotGuard<decltype(QelAllMinDistanceI::_unextractCP)> g6(
+        QelAllMinDistanceI::_unextractCP, &qeltest::RecordDataHook<QelAllMinDistanceI>);
 
     lastCall = HookCall();
     EXPECT_EQ(ad->extractToCP(alg), &hookToken);

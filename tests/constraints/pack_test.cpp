@@ -50,30 +50,7 @@ struct PackTest : ::testing::Test {
   }
 };
 
-std::vector<QelExtractableI*> Elements(const QelExtractableArray& a) {
-  std::vector<QelExtractableI*> out;
-  for (long i = 0; i < a.getSize(); ++i) out.push_back(a.getElement(i));
-  return out;
-}
-
-struct HookCall {
-  const QelAlgorithmI* algorithm = nullptr;
-  const QelPackI* object = nullptr;
-  void* data = nullptr;
-  int calls = 0;
-};
-HookCall lastCall;
-int hookToken = 0;
-
-void* ExtractPack(QelAlgorithm a, const QelPackI* p) {
-  lastCall = {a.getImpl(), p, nullptr, lastCall.calls + 1};
-  return &hookToken;
-}
-
-void* ChangePack(QelAlgorithm a, const QelPackI* p, void* data) {
-  lastCall = {a.getImpl(), p, data, lastCall.calls + 1};
-  return &hookToken;
-}
+HookCall& lastCall = qeltest::lastHookCall;
 
 struct VisitLog : QelExtractableVisitor {
   using QelExtractableVisitor::visitChildren;
@@ -504,9 +481,12 @@ TEST_F(PackTest, HooksForwardOrFail) {
   EXPECT_THROW(p->unextractFromCP(alg, nullptr), QelAlgorithm::RemoveFailure);
   int data = 0;
   {
-    SlotGuard<decltype(QelPackI::_extractCP)> g1(QelPackI::_extractCP, &ExtractPack);
-    SlotGuard<decltype(QelPackI::_modifyCP)> g2(QelPackI::_modifyCP, &ChangePack);
-    SlotGuard<decltype(QelPackI::_unextractCP)> g3(QelPackI::_unextractCP, &ChangePack);
+    SlotGuard<decltype(QelPackI::_extractCP)> g1(QelPackI::_extractCP,
+                                                 &qeltest::RecordExtractHook<QelPackI>);
+    SlotGuard<decltype(QelPackI::_modifyCP)> g2(QelPackI::_modifyCP,
+                                                &qeltest::RecordDataHook<QelPackI>);
+    SlotGuard<decltype(QelPackI::_unextractCP)> g3(QelPackI::_unextractCP,
+                                                   &qeltest::RecordDataHook<QelPackI>);
     lastCall = HookCall();
     EXPECT_EQ(p->extractToCP(alg), &hookToken);
     EXPECT_EQ(lastCall.algorithm, alg.getImpl());

@@ -17,12 +17,6 @@ struct SOSArrayTest : ::testing::Test {
   void TearDown() override { env.end(); }
 };
 
-std::vector<QelExtractableI*> Elements(const QelExtractableArray& a) {
-  std::vector<QelExtractableI*> out;
-  for (long i = 0; i < a.getSize(); ++i) out.push_back(a.getElement(i));
-  return out;
-}
-
 // Builds an Array from the first k handles of `sets` with the count n, and
 // returns the message it throws ("<no exception>" when it builds); a built
 // array is checked to hold the k sets in order and then ended.

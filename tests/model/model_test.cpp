@@ -24,12 +24,6 @@ std::vector<QelExtractableI*> Members(const QelModel& m) {
   return out;
 }
 
-std::vector<QelExtractableI*> Elements(const QelExtractableArray& a) {
-  std::vector<QelExtractableI*> out;
-  for (long i = 0; i < a.getSize(); ++i) out.push_back(a.getElement(i));
-  return out;
-}
-
 // Records the arrays of the model notices as well as their class names.
 class ArrayRecorderI : public RecordingAlgorithmI {
  public:

@@ -831,16 +831,16 @@ TEST_F(ObjectiveTest, EndingAVariableOfTheExpressionEndsTheObjective) {
 
 namespace {
 
-struct HookCall {
+struct SlotCall {
   QelAlgorithmI* algorithm;
   const QelObjectiveI* objective;
   void* data;
   std::string slot;
-  bool operator==(const HookCall& o) const {
+  bool operator==(const SlotCall& o) const {
     return algorithm == o.algorithm && objective == o.objective && data == o.data && slot == o.slot;
   }
 };
-std::vector<HookCall> hookCalls;
+std::vector<SlotCall> hookCalls;
 
 void* Extract(QelAlgorithm a, const QelObjectiveI* o) {
   hookCalls.push_back({a.getImpl(), o, nullptr, "extract"});
@@ -900,7 +900,7 @@ TEST_F(ObjectiveTest, FilledHooksGetAlgorithmObjectDataAndTheirResultComesBack) 
   EXPECT_EQ(o->whenAddedToCP(alg, &d[2]), reinterpret_cast<void*>(0x22));
   EXPECT_EQ(o->whenRemovedFromCP(alg, &d[3]), reinterpret_cast<void*>(0x23));
   QelAlgorithmI* a = alg.getImpl();
-  EXPECT_EQ(hookCalls, (std::vector<HookCall>{{a, o, nullptr, "extract"},
+  EXPECT_EQ(hookCalls, (std::vector<SlotCall>{{a, o, nullptr, "extract"},
                                               {a, o, &d[0], "modify"},
                                               {a, o, &d[1], "unextract"},
                                               {a, o, &d[2], "added"},

@@ -96,6 +96,48 @@ std::string MessageOf(F f) {
   return "<no exception>";
 }
 
+/// The elements of `a`, in order.
+inline std::vector<QelExtractableI*> Elements(const QelExtractableArray& a) {
+  std::vector<QelExtractableI*> out;
+  for (long i = 0; i < a.getSize(); ++i) out.push_back(a.getElement(i));
+  return out;
+}
+
+/// What the last call of a recording hook (below) received.
+struct HookCall {
+  const QelAlgorithmI* algorithm = nullptr;
+  const void* object = nullptr;
+  void* data = nullptr;
+  int calls = 0;  ///< calls since the record was last reset
+};
+/// The record the recording hooks write; reset it with `= HookCall()`.
+inline HookCall lastHookCall;
+/// What the recording hooks return, so tests can tell their answer apart.
+inline int hookToken = 0;
+
+/// Writes one call into lastHookCall.
+inline void RecordHookCall(QelAlgorithm a, const void* object, void* data) {
+  lastHookCall.algorithm = a.getImpl();
+  lastHookCall.object = object;
+  lastHookCall.data = data;
+  ++lastHookCall.calls;
+}
+
+/// An extraction hook for class C that records its call and returns &hookToken.
+template <class C>
+void* RecordExtractHook(QelAlgorithm a, const C* x) {
+  RecordHookCall(a, x, nullptr);
+  return &hookToken;
+}
+
+/// A modification or unextraction hook for class C that records its call
+/// and returns &hookToken.
+template <class C>
+void* RecordDataHook(QelAlgorithm a, const C* x, void* data) {
+  RecordHookCall(a, x, data);
+  return &hookToken;
+}
+
 /// Saves a static hook slot (optionally filling it with `value`) and puts
 /// the saved content back when the scope ends, whatever happens.
 template <class Slot>
