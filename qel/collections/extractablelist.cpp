@@ -190,27 +190,32 @@ void QelExtractableList::unmarkAll(Node* stack, QelEnvI* env) {
   }
 }
 
-QelBool QelExtractableList::removeFirst(QelExtractableI* x) {
-  QelEnvI* first = _head != nullptr ? _head->extractable->getEnv() : nullptr;
-  Node* prev = nullptr;
-  for (Node** link = &_head; *link != nullptr; link = &(*link)->next) {
-    Node* node = *link;
-    if (node->extractable != x) {
-      prev = node;
-      continue;
-    }
-    Node* next = node->next;
-    release(node, x->getEnv());
-    if (next == nullptr) {
-      // The last node went: the tail moves back to the predecessor's link.
-      first->recordLocation(&_tail);
-      _tail = prev != nullptr ? &prev->next : &_head;
-    }
-    first->recordLocation(link);
-    *link = next;
-    return true;
+QelExtractableList::Node** QelExtractableList::findLink(const QelExtractableI* x) {
+  for (Node** link = &_head; *link != nullptr; link = &(*link)->next)
+    if ((*link)->extractable == x) return link;
+  return nullptr;
+}
+
+void QelExtractableList::removeAt(Node** link) {
+  QelEnvI* first = _head->extractable->getEnv();
+  Node* node = *link;
+  Node* next = node->next;
+  release(node, node->extractable->getEnv());
+  if (next == nullptr) {
+    // The last node went: the tail moves back to the link that held it
+    // (the predecessor's next field, or the head link).
+    first->recordLocation(&_tail);
+    _tail = link;
   }
-  return false;
+  first->recordLocation(link);
+  *link = next;
+}
+
+QelBool QelExtractableList::removeFirst(QelExtractableI* x) {
+  Node** link = findLink(x);
+  if (link == nullptr) return false;
+  removeAt(link);
+  return true;
 }
 
 void QelExtractableList::removeMarked() {

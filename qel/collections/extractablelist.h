@@ -44,6 +44,12 @@ class QEL_API QelExtractableList {
   void remove(const QelExtractableArray& xs, QelExtractableArray removed);
   /// Removes the first node holding `x`; false when there is none.
   QelBool removeFirst(QelExtractableI* x);
+  /// The link (the head link or a node's next field) that holds the first
+  /// node of `x`, or null when no node holds it. One walk; nothing changes.
+  Node** findLink(const QelExtractableI* x);
+  /// Removes the node that `link` (from findLink, with no change to the list
+  /// since) holds.
+  void removeAt(Node** link);
   /// Removes every node whose member is ended or carries the removal mark,
   /// in one sweep.
   void removeMarked();

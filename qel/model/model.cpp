@@ -31,12 +31,13 @@ QelBool QelModelI::holds(const QelExtractableI* x) const {
 }
 
 void QelModelI::remove(QelExtractableI* x) {
-  if (!holds(x)) return;
-  // The notice's array is made before the node goes, so that a refused
-  // allocation leaves the model as it was.
+  // One walk finds the node; the notice's array is made before the node
+  // goes, so that a refused allocation leaves the model as it was.
+  QelExtractableList::Node** link = _members.findLink(x);
+  if (link == nullptr) return;
   QelExtractableArray removed(QelEnv(_env), 1, QelExtractable(x));
   try {
-    _members.removeFirst(x);
+    _members.removeAt(link);
   } catch (...) {
     removed.end();
     throw;

@@ -83,6 +83,42 @@ TEST_F(ListTest, RemoveKeepsTheTailLinkRight) {
   EXPECT_EQ(BytesInUse(env), baseline);
 }
 
+TEST_F(ListTest, FindLinkAndRemoveAtTakeOneNodeAndKeepTheTailRight) {
+  ItemI* a = Item(env);
+  ItemI* b = Item(env);
+  ItemI* c = Item(env);
+  QelExtractableList list;
+  QelExtractableArray abca(env, 4, QelExtractable(a), QelExtractable(b), QelExtractable(c),
+                           QelExtractable(a));
+  list.add(abca);
+  // The links: the head link for the first node, the predecessor's next
+  // field for the others; the first occurrence is the one found.
+  EXPECT_EQ(list.findLink(a), list.getHeadLink());
+  EXPECT_EQ(list.findLink(c), &NodeOf(list, b)->next);
+  EXPECT_EQ(list.findLink(nullptr), nullptr);
+  ItemI* stranger = Item(env);
+  EXPECT_EQ(list.findLink(stranger), nullptr);
+  EXPECT_EQ(Members(list), (std::vector<QelExtractableI*>{a, b, c, a}));
+
+  list.removeAt(list.findLink(a));  // the head
+  EXPECT_EQ(Members(list), (std::vector<QelExtractableI*>{b, c, a}));
+  list.removeAt(list.findLink(a));  // the last node: the tail moves back
+  EXPECT_EQ(Members(list), (std::vector<QelExtractableI*>{b, c}));
+  EXPECT_EQ(list.getTailLink(), &NodeOf(list, c)->next);
+  list.removeAt(list.findLink(b));
+  list.removeAt(list.findLink(c));  // the only node: the list is empty
+  EXPECT_TRUE(list.isEmpty());
+  EXPECT_EQ(list.getTailLink(), list.getHeadLink());
+  list.add(c);
+  EXPECT_EQ(Members(list), (std::vector<QelExtractableI*>{c}));
+  EXPECT_FALSE(list.removeFirst(a));
+  EXPECT_TRUE(list.removeFirst(c));
+  EXPECT_EQ(list.getTailLink(), list.getHeadLink());
+  abca.end();
+  for (ItemI* x : {a, b, c, stranger}) x->end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+}
+
 TEST_F(ListTest, RemoveTakesEveryNodeOfAMarkedMemberOnce) {
   ItemI* a = Item(env);
   ItemI* b = Item(env);
