@@ -351,6 +351,9 @@ class QEL_API QelEnvI {
   void setListening(int slot, QelBool on);
   /// Whether `slot` is marked as listening.
   QelBool isListening(int slot) const { return (_listening >> slot) & 1U; }
+  /// Whether any algorithm listens: when none does, a modification need not
+  /// even build its notice.
+  QelBool hasListeners() const { return _listening != 0; }
 
   // ---- clones ----------------------------------------------------------
   /// The one copy of `x` in this environment during the current copy

@@ -12,16 +12,20 @@ QelModelI::~QelModelI() { _members.clear(); }
 
 QelExtractableI* QelModelI::add(QelExtractableI* x) {
   _members.add(x);
-  QelAddOneToModel change(this, x);
-  notify(change);
+  if (_env->hasListeners()) {
+    QelAddOneToModel change(this, x);
+    notify(change);
+  }
   return x;
 }
 
 void QelModelI::add(const QelExtractableArray& xs) {
   if (xs.getSize() < 1) return;
   _members.add(xs);
-  QelAddToModel change(this, xs, false);
-  notify(change);
+  if (_env->hasListeners()) {
+    QelAddToModel change(this, xs, false);
+    notify(change);
+  }
 }
 
 QelBool QelModelI::holds(const QelExtractableI* x) const {
