@@ -56,8 +56,9 @@ struct QelEnvI::CloneMap {
     const Entry& e = dir->pages[page][id & (PageSize - 1)];
     return e.source == source ? e.clone : nullptr;
   }
-  // Makes room for the entry of `source` (directory and page); all or
-  // nothing: a refused allocation leaves the map as it was.
+  // Makes room for the entry of `source`, whose id is not negative
+  // (directory and page); all or nothing: a refused allocation leaves the
+  // map as it was.
   Entry& slot(const QelExtractableI* source) {
     const QelEnvI* sourceEnv = source->getEnv();
     Directory* dir = const_cast<Directory*>(findDir(sourceEnv));
@@ -74,14 +75,17 @@ struct QelEnvI::CloneMap {
     }
     long id = static_cast<long>(source->getId());
     long page = id >> PageBits;
-    if (page >= dir->numPages) {
+    if (dir->pages == nullptr || page >= dir->numPages) {
       long n = dir->numPages == 0 ? 16 : dir->numPages;
       while (n <= page) n *= 2;
       auto* pages =
           static_cast<Entry**>(allocator()->alloc(sizeof(Entry*) * static_cast<std::size_t>(n)));
-      for (long k = 0; k < n; ++k) pages[k] = k < dir->numPages ? dir->pages[k] : nullptr;
-      if (dir->pages != nullptr)
+      long kept = 0;
+      if (dir->pages != nullptr) {
+        for (; kept < dir->numPages; ++kept) pages[kept] = dir->pages[kept];
         allocator()->free(dir->pages, sizeof(Entry*) * static_cast<std::size_t>(dir->numPages));
+      }
+      for (long k = kept; k < n; ++k) pages[k] = nullptr;
       dir->pages = pages;
       dir->numPages = n;
     }
@@ -93,6 +97,9 @@ struct QelEnvI::CloneMap {
     return dir->pages[page][id & (PageSize - 1)];
   }
   void put(const QelExtractableI* source, QelExtractableI* clone) {
+    // An object without an id (ended) has no place: its copy is not
+    // recorded, as find never finds it either.
+    if (source->getId() < 0) return;
     Entry& e = slot(source);
     if (e.source == nullptr) ++count;
     e.source = source;
