@@ -10,7 +10,7 @@ QEL_RTTI_DEF(QelExtractableI)
 
 QelExtractableI::QelExtractableI(QelEnvI* env, const char* name)
     : QelRttiEnvObjectI(env), _id(-1), _extension(nullptr) {
-  env->init(this);
+  _id = env->takeSlot(this);
   if (name != nullptr) {
     try {
       setNameNoNotif(name);

@@ -244,8 +244,10 @@ void QelEnvGenAlloc::free(void* p, size_t size) { _env->free(p, size); }
 
 // ---- the extractable table --------------------------------------------
 
-void QelEnvI::growTable() {
+void QelEnvI::growTable(QelInt minCapacity) {
+  // Doubling keeps the copies linear in the number of objects made.
   QelInt newCapacity = _tableCapacity == 0 ? 64 : _tableCapacity * 2;
+  while (newCapacity < minCapacity) newCapacity *= 2;
   std::uintptr_t* fresh = static_cast<std::uintptr_t*>(
       _internalAllocObject.alloc(sizeof(std::uintptr_t) * static_cast<size_t>(newCapacity)));
   // Free-slot links are addresses inside the table: move them with it.
@@ -263,21 +265,7 @@ void QelEnvI::growTable() {
   _tableCapacity = newCapacity;
 }
 
-void QelEnvI::init(QelExtractableI* x) {
-  QelInt id;
-  if (_freeSlot != nullptr) {
-    std::uintptr_t* slot = _freeSlot;
-    std::uintptr_t next = *slot;
-    _freeSlot = isTableLink(next) ? reinterpret_cast<std::uintptr_t*>(next) : nullptr;
-    id = slot - _table;
-  } else {
-    if (_tableSize == _tableCapacity) growTable();
-    id = _tableSize++;
-  }
-  _table[id] = reinterpret_cast<std::uintptr_t>(x);
-  x->_id = id;
-  ++_liveCount;
-}
+void QelEnvI::init(QelExtractableI* x) { x->_id = takeSlot(x); }
 
 void QelEnvI::unregister(QelExtractableI* x) {
   QelInt id = x->_id;

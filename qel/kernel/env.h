@@ -292,6 +292,30 @@ class QEL_API QelEnvI {
   // ---- extractable table -------------------------------------------
   /// Registers `x` and gives it its id (reusing freed slots first).
   void init(QelExtractableI* x);
+  /// Gives `x` a slot in the table (reusing freed slots first) and returns
+  /// its id; init stores it in the object. Inline: every object's
+  /// construction takes one.
+  QelInt takeSlot(const QelExtractableI* x) {
+    QelInt id;
+    if (_freeSlot != nullptr) {
+      std::uintptr_t* slot = _freeSlot;
+      std::uintptr_t next = *slot;
+      _freeSlot = isTableLink(next) ? reinterpret_cast<std::uintptr_t*>(next) : nullptr;
+      id = slot - _table;
+    } else {
+      if (_tableSize == _tableCapacity) growTable(_tableSize + 1);
+      id = _tableSize++;
+    }
+    _table[id] = reinterpret_cast<std::uintptr_t>(x);
+    ++_liveCount;
+    return id;
+  }
+  /// Makes room in the table for `count` more objects at once, so that
+  /// making them does not grow the table step by step (a refused allocation
+  /// changes nothing).
+  void reserveSlots(QelInt count) {
+    if (count > 0 && _tableSize + count > _tableCapacity) growTable(_tableSize + count);
+  }
   /// Frees the slot of `x` and writes -1 into its id.
   void unregister(QelExtractableI* x);
   /// The table: slot id holds the object, a free-slot link (an address in
@@ -422,7 +446,7 @@ class QEL_API QelEnvI {
   void recordLocationSlow(void* address) const;
   void changeSlow(const QelExtractableI* x, const QelChange& c);
   void deliver(QelAlgorithmI* a, const QelExtractableI* x, const QelChange& c);
-  void growTable();
+  void growTable(QelInt minCapacity);
   struct Removal;
   enum RemovalKind { Destroy = 0, MemoryReleased = 1, KeepAlive = 2 };
   void runRemoval(QelExtractableI* const* xs, long n, RemovalKind kind, QelBool notifyArray);

@@ -1103,6 +1103,7 @@ namespace {
 // made so far and the array are ended.
 QelArrayI* NewVarArray(const QelEnv& env, long n, double lb, double ub, QelVarType type) {
   QelEnvI* e = EnvOf(env);
+  e->reserveSlots(n);
   QelArrayI* a = QelArrayI::Make(e->getGeneralAllocator(), 0);
   try {
     for (long i = 0; i < n; ++i) {

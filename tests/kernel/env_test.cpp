@@ -133,6 +133,39 @@ TEST(EnvTable, EndedIdsAreReusedLastFreedFirst) {
   env.end();
 }
 
+TEST(EnvTable, ReservedSlotsKeepTheTableInPlaceAndItsLinksRight) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  std::vector<EnvLeafI*> xs;
+  for (int i = 0; i < 6; ++i) xs.push_back(Leaf(env));
+  xs[1]->end();
+  xs[3]->end();  // free-slot chain: 3 -> 1
+  QelInt internal = e->getInternalBytes();
+  QelInt objects = e->getBytesInUse();
+  e->reserveSlots(1000);
+  const std::uintptr_t* table = e->getExtractableTable();
+  EXPECT_GT(e->getInternalBytes(), internal);  // bookkeeping memory,
+  EXPECT_EQ(e->getBytesInUse(), objects);      // not object memory
+  EXPECT_EQ(e->getExtractableTableSize(), 6);
+  EXPECT_EQ(e->getNumberOfExtractables(), 4);
+  // The free-slot links moved with the table.
+  EXPECT_EQ(table[3], reinterpret_cast<std::uintptr_t>(table + 1));
+  EXPECT_EQ(e->getExtractable(5), xs[5]);
+  // Within the room already there, nothing moves.
+  e->reserveSlots(0);
+  e->reserveSlots(-5);
+  e->reserveSlots(10);
+  EXPECT_EQ(e->getExtractableTable(), table);
+  std::vector<EnvLeafI*> more;
+  for (int i = 0; i < 1000; ++i) more.push_back(Leaf(env));
+  EXPECT_EQ(e->getExtractableTable(), table);  // no growth while making them
+  EXPECT_EQ(more[0]->getId(), 3);              // freed slots still come first
+  EXPECT_EQ(more[1]->getId(), 1);
+  EXPECT_EQ(more[2]->getId(), 6);
+  EXPECT_EQ(e->getExtractable(1003), more[999]);
+  env.end();
+}
+
 TEST(EnvTable, GrowingPastSixtyFourAndOneHundredTwentyEightKeepsLinks) {
   QelEnv env;
   QelEnvI* e = env.getImpl();
