@@ -91,40 +91,16 @@ void QelExtractableList::remove(const QelExtractableArray& xs, QelExtractableArr
       eenv->mark(e);
     }
   } catch (...) {
-    while (stack != nullptr) {
-      Node* next = stack->next;
-      stack->extractable->getEnv()->unmark(stack->extractable);
-      env->free(stack, sizeof(Node));
-      stack = next;
-    }
+    unmarkAll(stack, env);
     throw;
   }
-  QelEnvI* first = _head->extractable->getEnv();
-  Node** link = &_head;
   if (removed.getImpl() == nullptr) {
-    // Sweep pass.
-    while (*link != nullptr) {
-      Node* node = *link;
-      if (!Marked(node->extractable)) {
-        link = &node->next;
-        continue;
-      }
-      // Release before unlinking: a refused release leaves the list intact.
-      Node* next = node->next;
-      try {
-        release(node, node->extractable->getEnv());
-      } catch (...) {
-        first->recordLocation(&_tail);
-        _tail = link;
-        while ((*_tail) != nullptr) _tail = &(*_tail)->next;
-        unmarkAll(stack, env);
-        throw;
-      }
-      first->recordLocation(link);
-      *link = next;
+    try {
+      sweepMarked();
+    } catch (...) {
+      unmarkAll(stack, env);
+      throw;
     }
-    first->recordLocation(&_tail);
-    _tail = link;
     unmarkAll(stack, env);
     return;
   }
@@ -132,6 +108,7 @@ void QelExtractableList::remove(const QelExtractableArray& xs, QelExtractableArr
   // the previous node's next field) is appended to `removed`, in list order,
   // before any node goes: a refused allocation then leaves the list as it
   // was. This is the one walk over the list.
+  QelEnvI* first = _head->extractable->getEnv();
   QelArrayI* out = removed.getImpl();
   long from = out->getSize();
   try {
@@ -218,7 +195,9 @@ QelBool QelExtractableList::removeFirst(QelExtractableI* x) {
   return true;
 }
 
-void QelExtractableList::removeMarked() {
+void QelExtractableList::removeMarked() { sweepMarked(); }
+
+void QelExtractableList::sweepMarked() {
   if (_head == nullptr) return;
   QelEnvI* first = _head->extractable->getEnv();
   Node** link = &_head;
@@ -228,8 +207,18 @@ void QelExtractableList::removeMarked() {
       link = &node->next;
       continue;
     }
+    // Release before unlinking, to the environment the node was made in (its
+    // member's): a refused release leaves this node and those after it in
+    // place, with the tail on the last of them.
     Node* next = node->next;
-    release(node, _env);
+    try {
+      release(node, node->extractable->getEnv());
+    } catch (...) {
+      first->recordLocation(&_tail);
+      _tail = link;
+      while ((*_tail) != nullptr) _tail = &(*_tail)->next;
+      throw;
+    }
     first->recordLocation(link);
     *link = next;
   }

@@ -73,6 +73,9 @@ class QEL_API QelExtractableList {
 
  private:
   void release(Node* n, QelEnvI* env);
+  // Unlinks and releases every node whose member is null, ended or marked,
+  // in one walk (removeMarked, and remove without a `removed` array).
+  void sweepMarked();
   static void unmarkAll(Node* stack, QelEnvI* env);
 
   QelEnvI* _env = nullptr;

@@ -183,3 +183,35 @@ TEST_F(ListTest, EveryElementIsUnmarkedAfterRemove) {
   outsider->end();
   EXPECT_EQ(BytesInUse(env), baseline);
 }
+
+TEST_F(ListTest, RemoveMarkedGivesEachNodeBackToTheEnvironmentItWasMadeIn) {
+  // A node is made in its member's environment, which need not be the
+  // list's (the environment of its first member).
+  QelEnv other;
+  QelInt otherBaseline = BytesInUse(other);
+  ItemI* a = Item(env);
+  ItemI* b = Item(other);
+  ItemI* c = Item(env);
+  QelInt otherWithB = BytesInUse(other);
+  QelExtractableList list;
+  list.add(a);
+  list.add(b);
+  list.add(c);
+  EXPECT_EQ(list.getEnv(), env.getImpl());
+  EXPECT_EQ(BytesInUse(other), otherWithB + 16);  // b's node
+  QelInt beforeSweep = BytesInUse(env);
+  other.getImpl()->mark(b);
+  env.getImpl()->mark(c);
+  list.removeMarked();
+  other.getImpl()->unmark(b);
+  env.getImpl()->unmark(c);
+  EXPECT_EQ(Members(list), (std::vector<QelExtractableI*>{a}));
+  EXPECT_EQ(list.getTailLink(), &NodeOf(list, a)->next);
+  EXPECT_EQ(BytesInUse(env), beforeSweep - 16);  // c's node
+  EXPECT_EQ(BytesInUse(other), otherWithB);      // b's node went back to b's
+  list.clear();
+  for (ItemI* x : {a, b, c}) x->end();
+  EXPECT_EQ(BytesInUse(env), baseline);
+  EXPECT_EQ(BytesInUse(other), otherBaseline);
+  other.end();
+}

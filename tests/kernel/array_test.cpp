@@ -2,11 +2,11 @@
 #include "support/qeltest.h"
 
 #include <string>
-#include <thread>
 
 namespace {
 
 using qeltest::BytesInUse;
+using qeltest::OutcomeOnAnotherThread;
 using qeltest::Print;
 
 QelInt At(const QelArrayI* a, long i) { return QelArrayGet<QelInt>(a, i); }
@@ -367,19 +367,7 @@ TEST(ArrayEnd, RefusedFromAForeignThreadOrWithAllocationOffTheArrayStays) {
   QelEnv env;
   QelNumArray a(env, 0);
   for (int i = 0; i < 20; ++i) a.add(i);  // two blocks and a block table
-  std::string outcome;
-  std::thread t([&] {
-    try {
-      a.end();
-      outcome = "ended";
-    } catch (const QelEnvAllocatorThreadMismatch&) {
-      outcome = "refused";
-    } catch (...) {
-      outcome = "other";
-    }
-  });
-  t.join();
-  EXPECT_EQ(outcome, "refused");
+  EXPECT_EQ(OutcomeOnAnotherThread([&] { a.end(); }), "refused");
   ASSERT_NE(a.getImpl(), nullptr);
   EXPECT_EQ(a.getSize(), 20);
   EXPECT_EQ(a[19], 19);

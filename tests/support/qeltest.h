@@ -8,6 +8,7 @@
 
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <qel/qel.h>
@@ -136,6 +137,27 @@ template <class C>
 void* RecordDataHook(QelAlgorithm a, const C* x, void* data) {
   RecordHookCall(a, x, data);
   return &hookToken;
+}
+
+/// Runs `f` on a thread of its own and tells how it went: "ended" when it
+/// returned, "refused" when it threw QelEnvAllocatorThreadMismatch (what an
+/// environment answers a thread other than its allocator thread), "other"
+/// for any other exception.
+template <class F>
+std::string OutcomeOnAnotherThread(F f) {
+  std::string outcome;
+  std::thread t([&] {
+    try {
+      f();
+      outcome = "ended";
+    } catch (const QelEnvAllocatorThreadMismatch&) {
+      outcome = "refused";
+    } catch (...) {
+      outcome = "other";
+    }
+  });
+  t.join();
+  return outcome;
 }
 
 /// Saves a static hook slot (optionally filling it with `value`) and puts
