@@ -64,11 +64,20 @@ void QelWriteModel(const QelModel& model, const std::string& path, QelFileFormat
 
 namespace {
 
-QelModel ReadText(QelEnv env, std::string_view text, QelFileFormat format,
-                  const std::string& name) {
+QelModel ReadText(QelEnv env, std::string_view text, QelFileFormat format, const std::string& name,
+                  QelModelFileCounts* counts = nullptr) {
   QelFileModel file = format == QelFileFormat::Lp
                           ? QelParseLp(text, name)
                           : QelParseMps(text, name, format == QelFileFormat::FixedMps);
+  if (counts != nullptr) {
+    counts->rows = static_cast<long>(file.rows.size());
+    counts->columns = static_cast<long>(file.columns.size());
+    counts->integers = 0;
+    for (const QelFileColumn& c : file.columns)
+      if (c.type != QelVarType::Float) ++counts->integers;
+    counts->nonzeros = static_cast<long>(file.rowTerms.size());
+    counts->sets = static_cast<long>(file.sos.size());
+  }
   return QelBuildModel(env, file);
 }
 
@@ -83,7 +92,8 @@ QelModel QelReadModel(QelEnv env, std::istream& in, QelFileFormat format,
   return ReadText(env, text, format, fileName);
 }
 
-QelModel QelReadModel(QelEnv env, const std::string& path, QelFileFormat format) {
+QelModel QelReadModel(QelEnv env, const std::string& path, QelFileFormat format,
+                      QelModelFileCounts* counts) {
   format = Resolve(format, path);
   std::ifstream in(path, std::ios::binary);
   if (!in) throw QelException(("cannot open \"" + path + "\"").c_str(), 0);
@@ -96,5 +106,5 @@ QelModel QelReadModel(QelEnv env, const std::string& path, QelFileFormat format)
     in.read(text.data(), size);
     text.resize(static_cast<size_t>(in.gcount()));
   }
-  return ReadText(env, text, format, path);
+  return ReadText(env, text, format, path, counts);
 }

@@ -111,11 +111,22 @@ QEL_API void QelWriteModel(const QelModel& model, const std::string& path,
 QEL_API void QelWriteModel(const QelModel& model, std::ostream& out, QelFileFormat format,
                            QelWriteOptions* options = nullptr);
 
+/// What a model file held.
+struct QelModelFileCounts {
+  long rows = 0;      ///< rows (the objective not counted)
+  long columns = 0;   ///< columns (variables)
+  long integers = 0;  ///< integer and Boolean columns
+  long nonzeros = 0;  ///< coefficients in the rows
+  long sets = 0;      ///< special ordered sets
+};
+
 /// Reads the model in the file `path` into `env` (format Auto: by
 /// extension). Returns the new model; its members are the objective, the
-/// rows, the sets and the unused variables, all new objects of `env`.
+/// rows, the sets and the unused variables, all new objects of `env`. With
+/// `counts`, tells what the file held.
 QEL_API QelModel QelReadModel(QelEnv env, const std::string& path,
-                              QelFileFormat format = QelFileFormat::Auto);
+                              QelFileFormat format = QelFileFormat::Auto,
+                              QelModelFileCounts* counts = nullptr);
 /// Reads a model from `in` (format not Auto); `fileName` names the input in
 /// error messages.
 QEL_API QelModel QelReadModel(QelEnv env, std::istream& in, QelFileFormat format,
