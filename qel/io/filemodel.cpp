@@ -272,6 +272,10 @@ class Flattener {
         gather(sub);
       } else if (auto* r = QelDynamicCast<QelRangeI>(x)) {
         std::string why = check(r->getExpr(), false);
+        // MPS ranges always give lb <= ub.
+        if (why.empty() && _format != QelFileFormat::Lp && r->getLB() > r->getUB() &&
+            !QelIsFileInfinite(r->getLB()) && !QelIsFileInfinite(r->getUB()))
+          why = "a range whose lower bound is above its upper bound";
         if (why.empty())
           _members.push_back(x);
         else

@@ -250,7 +250,7 @@ bool NameChar(unsigned char c) {
 
 class Lexer {
  public:
-  Lexer(std::string_view text, const std::string& file) : _text(text), _file(file) {}
+  explicit Lexer(std::string_view text) : _text(text) {}
 
   const Token& peek(int k = 0) {
     while (_count <= k) {
@@ -435,7 +435,6 @@ class Lexer {
   }
 
   std::string_view _text;
-  const std::string& _file;
   size_t _pos = 0;
   long _line = 1;
   bool _startOfLine = true;
@@ -452,7 +451,7 @@ struct Expr {
 
 class LpReader {
  public:
-  LpReader(std::string_view text, const std::string& file) : _lex(text, file), _file(file) {
+  LpReader(std::string_view text, const std::string& file) : _lex(text), _file(file) {
     // "\Problem name: X" on the first line names the model.
     static const char tag[] = "\\Problem name: ";
     if (text.substr(0, sizeof tag - 1) == tag) {
