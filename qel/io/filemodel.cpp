@@ -153,11 +153,9 @@ bool LpReserved(const std::string& s) {
   for (const char* w : words)
     if (EqualsNoCase(s, w)) return true;
   // e12 could be read as an exponent.
-  if ((s[0] == 'e' || s[0] == 'E') && std::all_of(s.begin() + 1, s.end(), [](char c) {
-        return std::isdigit(static_cast<unsigned char>(c));
-      }))
-    return true;
-  return false;
+  return (s[0] == 'e' || s[0] == 'E') && std::all_of(s.begin() + 1, s.end(), [](char c) {
+           return std::isdigit(static_cast<unsigned char>(c));
+         });
 }
 
 // A name valid for `format`, before uniqueness.
@@ -466,6 +464,18 @@ QelNumLinTermI* NewTerm(QelEnvI* env, double constant, const Terms& terms,
   return t;
 }
 
+// A new set of `s`, recorded in `undo` before its members are added.
+template <class Handle>
+void AddSet(QelEnv env, const QelFileSos& s, const std::vector<QelNumVarI*>& vars,
+            BuildUndo& undo) {
+  Handle h(env, NameOrNull(s.name));
+  undo.members.push_back(h.getImpl());
+  for (size_t i = 0; i < s.cols.size(); ++i) {
+    h.getImpl()->addVar(QelNumVar(vars[s.cols[i]]));
+    if (i < s.weights.size()) h.getImpl()->addVal(s.weights[i]);
+  }
+}
+
 struct TermRange {
   const QelFileTerm* b;
   const QelFileTerm* e;
@@ -507,22 +517,10 @@ QelModel QelBuildModel(QelEnv env, const QelFileModel& file) {
       undo.members.push_back(range.getImpl());
     }
     for (const QelFileSos& s : file.sos) {
-      QelExtractableI* set = nullptr;
-      if (s.type == 1) {
-        QelSOS1 h(env, NameOrNull(s.name));
-        undo.members.push_back(set = h.getImpl());
-        for (size_t i = 0; i < s.cols.size(); ++i) {
-          h.getImpl()->addVar(QelNumVar(vars[s.cols[i]]));
-          if (i < s.weights.size()) h.getImpl()->addVal(s.weights[i]);
-        }
-      } else {
-        QelSOS2 h(env, NameOrNull(s.name));
-        undo.members.push_back(set = h.getImpl());
-        for (size_t i = 0; i < s.cols.size(); ++i) {
-          h.getImpl()->addVar(QelNumVar(vars[s.cols[i]]));
-          if (i < s.weights.size()) h.getImpl()->addVal(s.weights[i]);
-        }
-      }
+      if (s.type == 1)
+        AddSet<QelSOS1>(env, s, vars, undo);
+      else
+        AddSet<QelSOS2>(env, s, vars, undo);
       for (std::int64_t c : s.cols) used[c] = 1;
     }
     QelModel model(env, NameOrNull(file.name));

@@ -147,10 +147,10 @@ class QelTextSink {
   std::string _buf;
 };
 
-/// Writes `file` in free MPS.
-QEL_API void QelWriteMps(const QelFileModel& file, std::ostream& out);
-/// Writes `file` in the LP format.
-QEL_API void QelWriteLp(const QelFileModel& file, std::ostream& out);
+/// Writes `f` in free MPS to `stream`.
+QEL_API void QelWriteMps(const QelFileModel& f, std::ostream& stream);
+/// Writes `f` in the LP format to `stream`.
+QEL_API void QelWriteLp(const QelFileModel& f, std::ostream& stream);
 /// Parses MPS text (`fixed`: fixed columns) into the flat form.
 QEL_API QelFileModel QelParseMps(std::string_view text, const std::string& fileName, bool fixed);
 /// Parses LP text into the flat form.

@@ -126,13 +126,10 @@ void QelWriteLp(const QelFileModel& f, std::ostream& stream) {
       else
         w.constant(0);
     }
-    if (ranged) {
-      out << " <= ";
-      out.number(r.ub);
-    } else if (!lbInf && !ubInf) {
+    if (!lbInf && !ubInf && r.lb == r.ub) {
       out << " = ";
       out.number(r.lb);
-    } else if (!ubInf) {
+    } else if (!ubInf) {  // a ranged row too: its lower bound is written
       out << " <= ";
       out.number(r.ub);
     } else if (!lbInf) {
@@ -446,7 +443,7 @@ class Lexer {
 struct Expr {
   double constant = 0;
   std::vector<QelFileTerm> terms;
-  bool quad = false;
+  bool variables = false;  // a variable was met, even with coefficient 0
 };
 
 class LpReader {
@@ -592,6 +589,7 @@ class LpReader {
       if (v.kind == Kind::Name && !IsInf(v) && _lex.peek(1).kind != Kind::Colon &&
           (!haveNumber || v.line == _numberLine)) {
         std::int64_t c = column(_lex.next().text);
+        e.variables = true;
         if (coef != 0) e.terms.push_back({c, sign * coef});
       } else if (haveNumber) {
         e.constant += sign * coef;
@@ -687,10 +685,10 @@ class LpReader {
       double ub = QelFileInfinity;
       Expr rhs;
       const std::vector<QelFileTerm>* terms = &lhs.terms;
-      if (lhs.terms.empty()) {
+      if (!lhs.variables) {
         // number op expression [op number]
         expr(rhs, false);
-        if (rhs.terms.empty()) expected("a variable", _lex.peek());
+        if (!rhs.variables) expected("a variable", _lex.peek());
         terms = &rhs.terms;
         double v = lhs.constant - rhs.constant;
         if (k1 == Kind::Le)

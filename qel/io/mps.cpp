@@ -173,9 +173,7 @@ void QelWriteMps(const QelFileModel& f, std::ostream& stream) {
       // negative UP on a default lower bound as a free lower bound.
       bound("LO", c, &c.lb);
     }
-    if (!ubInf)
-      bound("UP", c, &c.ub);
-    else if (c.ub < 0)
+    if (!ubInf || c.ub < 0)
       bound("UP", c, &c.ub);
     else if (c.type == QelVarType::Int)
       bound("PL", c, nullptr);

@@ -419,6 +419,19 @@ TEST(LpReading, SectionsCommentsAndContinuedLines) {
   env.end();
 }
 
+TEST(LpReading, ZeroCoefficientsStillMakeAVariableSide) {
+  // "0 x >= 0" has a variable on the left even though no term is kept (an
+  // MPS row with no nonzeros is written so); found by the MPS fuzzer.
+  QelEnv env;
+  QelModel m = Read(env, "min\n obj: x\nst\n c: 0 x >= 2\n d: 3 <= 0 x\nend\n", QelFileFormat::Lp);
+  EXPECT_EQ(Canonical(m),
+            "objective obj min const 0 terms 1 x\n"
+            "var x float [0, 1e+20]\n"
+            "row c [2, 1e+20] const 0 terms\n"
+            "row d [3, 1e+20] const 0 terms\n");
+  env.end();
+}
+
 TEST(ModelFileErrors, MissingFileAndUnknownExtension) {
   QelEnv env;
   try {
