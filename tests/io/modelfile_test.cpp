@@ -419,6 +419,45 @@ TEST(LpReading, SectionsCommentsAndContinuedLines) {
   env.end();
 }
 
+TEST(MpsReading, EveryBoundType) {
+  QelEnv env;
+  std::string text =
+      "NAME\nROWS\n N obj\nCOLUMNS\n"
+      "    up obj 1\n    lo obj 1\n    fx obj 1\n    fr obj 1\n    mi obj 1\n"
+      "    pl obj 1\n    bv obj 1\n    li obj 1\n    ui obj 1\n    lomi obj 1\n"
+      "RHS\nBOUNDS\n"
+      " UP BND up 4\n LO BND lo -2.5\n FX BND fx 7\n FR BND fr\n MI BND mi\n"
+      " UP BND pl 3\n PL BND pl\n BV BND bv\n LI BND li -4\n UI BND ui 9\n"
+      " LO BND lomi 1\n UP BND lomi -3\n"
+      "ENDATA\n";
+  QelModel m = Read(env, text, QelFileFormat::Mps);
+  std::string c = Canonical(m);
+  for (const char* line :
+       {"var up float [0, 4]", "var lo float [-2.5, 1e+20]", "var fx float [7, 7]",
+        "var fr float [-1e+20, 1e+20]", "var mi float [-1e+20, 1e+20]", "var pl float [0, 1e+20]",
+        "var bv bool [0, 1]", "var li int [-4, 1e+20]", "var ui int [0, 9]",
+        // An explicit lower bound is kept under a negative UP.
+        "var lomi float [1, -3]"})
+    EXPECT_NE(c.find(std::string(line) + "\n"), std::string::npos) << line << "\n" << c;
+  env.end();
+}
+
+TEST(LpReading, KeywordVariants) {
+  QelEnv env;
+  const char* text =
+      "MINIMUM\n obj: a + b + c\nST\n c1: a + b >= 1\nSUBJECT TO\n c2: b + c >= 1\n"
+      "BOUND\n a <= INF\nINTEGERS\n a\nGENERALS\n b\nBINARIES\n c\nEND\n";
+  QelModel m = Read(env, text, QelFileFormat::Lp);
+  EXPECT_EQ(Canonical(m),
+            "objective obj min const 0 terms 1 a 1 b 1 c\n"
+            "var a int [0, 1e+20]\n"
+            "var b int [0, 1e+20]\n"
+            "var c bool [0, 1]\n"
+            "row c1 [1, 1e+20] const 0 terms 1 a 1 b\n"
+            "row c2 [1, 1e+20] const 0 terms 1 b 1 c\n");
+  env.end();
+}
+
 TEST(LpReading, ZeroCoefficientsStillMakeAVariableSide) {
   // "0 x >= 0" has a variable on the left even though no term is kept (an
   // MPS row with no nonzeros is written so); found by the MPS fuzzer.
