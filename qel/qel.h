@@ -33,6 +33,7 @@
 #include <qel/model/model.h>
 #include <qel/objective/multicriterion.h>
 #include <qel/objective/objective.h>
+#include <qel/io/modelfile.h>
 #include <qel/objective/objectivechange.h>
 
 #endif

@@ -1,0 +1,9 @@
+NAME          bad
+ROWS
+ N  obj
+ L  c
+COLUMNS
+    x         obj       1              c         1
+BOUNDS
+ XX BND       x         4
+ENDATA
