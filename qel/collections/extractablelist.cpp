@@ -230,9 +230,12 @@ void QelExtractableList::clear() {
   if (_head == nullptr) return;
   _env->recordLocation(&_head);
   _env->recordLocation(&_tail);
+  // Each node goes back to the environment it was made in: its member's,
+  // which for a model over several environments is not always the list's.
+  // A refused release leaves the head on the nodes not yet released.
   while (_head != nullptr) {
     Node* next = _head->next;
-    release(_head, _env);
+    release(_head, _head->extractable->getEnv());
     _head = next;
   }
   _head = nullptr;

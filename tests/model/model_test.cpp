@@ -465,3 +465,41 @@ TEST(ModelRefusedMemory, RemovingAnArrayIsAllOrNothing) {
   });
   EXPECT_GE(refusals, 3);
 }
+
+// ---- members of several environments ------------------------------------------
+
+TEST(ModelOverTwoEnvironments, EveryNodeGoesBackToTheEnvironmentItCameFrom) {
+  QelEnv a, b;
+  QelInt baseA = BytesInUse(a);
+  QelInt baseB = BytesInUse(b);
+  ItemI* inA = Item(a);
+  ItemI* inB = Item(b);
+  QelInt itemsA = BytesInUse(a);
+  QelInt itemsB = BytesInUse(b);
+  // Destruction.
+  QelModel m(a, "m");
+  QelInt modelA = BytesInUse(a);
+  m.add(inA);
+  m.add(inB);
+  m.add(inB);
+  EXPECT_EQ(BytesInUse(a), modelA + 16);
+  EXPECT_EQ(BytesInUse(b), itemsB + 32);
+  m.end();
+  EXPECT_EQ(BytesInUse(a), itemsA);
+  EXPECT_EQ(BytesInUse(b), itemsB);
+  // The emptying of endElements: the model's nodes of b go back to b.
+  QelModel n(a, "n");
+  n.add(inA);
+  n.add(inB);
+  QelExtractableArray models(a, 1, QelExtractable(n));
+  models.endElements();
+  models.end();
+  EXPECT_EQ(BytesInUse(a), itemsA);
+  EXPECT_EQ(BytesInUse(b), itemsB);
+  inA->end();
+  inB->end();
+  EXPECT_EQ(BytesInUse(a), baseA);
+  EXPECT_EQ(BytesInUse(b), baseB);
+  a.end();
+  b.end();
+}
