@@ -154,11 +154,12 @@ class QEL_API QelExtractableI : public QelRttiEnvObjectI {
   void setProperties(QelNamedPropertySetI* set);
   /// Removes every property.
   void removeAllProperties() { setProperties(nullptr); }
-  /// Adds `p` (the set owns it).
+  /// Adds `p` (the set owns it); a `p` already in the set changes nothing.
   void addProperty(QelNamedPropertyI* p);
   /// Adds a copy of `p` (the caller keeps `p`).
   void addClonedProperty(QelNamedPropertyI* p);
-  /// Adds copies of every property of `other` (null does nothing).
+  /// Adds copies of every property of `other` (null, or the object's own
+  /// set, does nothing).
   void addProperties(QelNamedPropertySetI* other);
   /// The property called `name`; throws QelNamedPropertySet::NotPresent.
   QelNamedPropertyI* getProperty(const char* name) const;
