@@ -31,7 +31,10 @@ QelExtractableI::~QelExtractableI() {
   // operator delete reports the refusal, and what the object held stays in
   // the environment's memory until the environment ends.
   if (!_env->acceptsCallingThread()) return;
-  if (QelDecisionExprMap* map = _env->getDecisionExprMapOrNull()) map->remove(this);
+  // A map without buckets holds no entry (an empty map gives its buckets
+  // back): the destruction then allocates nothing.
+  QelDecisionExprMap* map = _env->getDecisionExprMapOrNull();
+  if (map != nullptr && map->hasBuckets()) map->remove(this);
   releaseExtension();
 }
 
