@@ -1,4 +1,6 @@
 // The model: membership, notices, removal sweeps, cloning, printing.
+#include <algorithm>
+#include <cstdlib>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -502,4 +504,73 @@ TEST(ModelOverTwoEnvironments, EveryNodeGoesBackToTheEnvironmentItCameFrom) {
   EXPECT_EQ(BytesInUse(b), baseB);
   a.end();
   b.end();
+}
+
+// ---- the order a logging allocator sees -------------------------------------------
+
+namespace {
+
+// Logs what the environment asks of it: "alloc <size>", "free <size>",
+// "record".
+struct EventLog : QelCustomAllocatorI {
+  std::vector<std::string> events;
+  void* alloc(size_t size) override {
+    events.push_back("alloc " + std::to_string(size));
+    return std::malloc(size == 0 ? 1 : size);
+  }
+  void free(void* p, size_t size) override {
+    events.push_back("free " + std::to_string(size));
+    std::free(p);
+  }
+  void recordLocation(void*) override { events.push_back("record"); }
+};
+
+}  // namespace
+
+TEST(ModelLinkOrder, ReportRewriteThenReleaseOnEveryRemovalPath) {
+  EventLog log;
+  QelEnv env;
+  env.getImpl()->setCustomAllocator(&log);
+  {
+    QelModel m(env, "m");
+    ItemI* a = Item(env);
+    ItemI* b = Item(env);
+    ItemI* c = Item(env);
+    m.add(a);
+    m.add(b);
+    m.add(c);
+    RecordingAlgorithmI* rec = MakeRecorder(env);
+    rec->extract(m.getImpl());
+    // Single removal of the last member: the tail field and the link are
+    // reported, then the node is released (the notice's array is
+    // bookkeeping, which the allocator does not serve).
+    log.events.clear();
+    m.remove(c);
+    EXPECT_EQ(log.events, (std::vector<std::string>{"record", "record", "free 16"}));
+    EXPECT_EQ(rec->notices.back(), "QelRemoveFromModel");
+    // Bulk removal: each link is reported before its node goes.
+    QelExtractableArray going(env, 1, QelExtractable(a));
+    log.events.clear();
+    m.remove(going);
+    auto firstFree16 = std::find(log.events.begin(), log.events.end(), "free 16");
+    ASSERT_NE(firstFree16, log.events.end());
+    ASSERT_NE(firstFree16, log.events.begin());
+    EXPECT_EQ(*(firstFree16 - 1), "record");
+    going.end();
+    // The atRemove sweep of an ending member.
+    log.events.clear();
+    QelExtractable(b).end();
+    std::vector<std::string> nodeEvents;
+    for (const std::string& ev : log.events)
+      if (ev == "record" || ev == "free 16") nodeEvents.push_back(ev);
+    EXPECT_EQ(nodeEvents, (std::vector<std::string>{"record", "free 16", "record"}));
+    EXPECT_TRUE(m.getImpl()->getMembers().isEmpty());
+    delete rec;
+    m.end();
+    a->end();
+    c->end();
+  }
+  EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), 0);
+  env.getImpl()->setCustomAllocator(nullptr);
+  env.end();
 }
