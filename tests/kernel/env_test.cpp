@@ -922,6 +922,6 @@ TEST(EnvDecisionMap, NodesAndBucketsComeFromTheCustomAllocator) {
   b->end();
   EXPECT_EQ(e->getDecisionExprMap()->getCount(), 0);
   EXPECT_EQ(allocator.held(), 0);
-  for (const std::string& error : allocator.errors) ADD_FAILURE() << error;
+  for (const std::string& error : allocator.errors()) ADD_FAILURE() << error;
   env.end();
 }
