@@ -1182,7 +1182,11 @@ class Run {
       return false;
     }
     if (!at(at(o).kept).agg.empty()) {
+      // Copy-on-write comes first: a shared aggregate is copied, and the
+      // objective keeps the copy.
       expectThrow<QelWrongUsage>("coefficient of an aggregate", call);
+      own(o);
+      settleKept(o);
       return false;
     }
     return true;
