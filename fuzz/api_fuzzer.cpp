@@ -20,7 +20,16 @@
 // second environment, into a fresh one that is then ended, and arrays by
 // replaceByClone; install column-wise additions (objective, set,
 // all-different and all-min-distance entries chained); set values and
-// evaluate; call operations on empty handles.
+// evaluate; call operations on empty handles. Aliased arguments: an
+// object's property set given to itself, a property added to the set that
+// holds it. Models and sets deleted directly instead of ended. Ends and
+// model additions from a second thread, which must be refused with nothing
+// changed. And scratch episodes over two or three environments of their
+// own, some with a custom allocator that counts and refuses requests:
+// models holding members of other environments, themselves, or models that
+// hold them; arrays holding an object twice; ends, direct deletes and
+// operations from another thread; after every refusal the tables must be
+// clean, and at the end each environment must have its memory back.
 //
 // The fuzzer keeps its own account (the shadow) of every object: what it
 // holds, the uses it takes of shared expressions, the members of models,
@@ -51,17 +60,21 @@
 #include <cstring>
 #include <functional>
 #include <map>
+#include <memory>
 #include <ostream>
 #include <set>
 #include <sstream>
 #include <streambuf>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <typeinfo>
 #include <utility>
 #include <vector>
 
 #include <qel/qel.h>
+
+#include "../tests/support/ledger.h"
 
 namespace qelfuzz {
 namespace {
@@ -246,6 +259,28 @@ QelEnvConfig SingleBlocks() {
   config.freeLists = false;
   return config;
 }
+
+// A custom allocator that counts what it is asked, refuses the request
+// named by refuseAt, and keeps its blocks' books in a ledger (every block
+// must come back once, with its size).
+class LoggingAllocator : public QelCustomAllocatorI {
+ public:
+  void* alloc(size_t size) override {
+    ++requests;
+    if (refuseAt != 0 && requests == refuseAt) {
+      refused = true;
+      throw QelMemoryException();
+    }
+    return ledger.take(size);
+  }
+  void free(void* p, size_t size) override { ledger.give(p, size); }
+  void recordLocation(void*) override { ++records; }
+  long requests = 0;
+  long refuseAt = 0;  // 0: refuse nothing
+  bool refused = false;
+  long records = 0;
+  qeltest::BlockLedger ledger;
+};
 
 // ---- one run ---------------------------------------------------------------
 
@@ -644,7 +679,7 @@ class Run {
   double number() { return static_cast<double>(static_cast<int>(_in.byte() % 9) - 4); }
 
   void step() {
-    unsigned op = _in.byte() % 43;
+    unsigned op = _in.byte() % 47;
     switch (op) {
       case 0:
         newVar(Kind::IntVar);
@@ -771,6 +806,18 @@ class Run {
         break;
       case 41:
         emptyHandles();
+        break;
+      case 43:
+        ownProperties();
+        break;
+      case 44:
+        deleteDirectly();
+        break;
+      case 45:
+        fromAnotherThread();
+        break;
+      case 46:
+        scratch();
         break;
       default:
         newModel();
@@ -1135,7 +1182,11 @@ class Run {
       return false;
     }
     if (!at(at(o).kept).agg.empty()) {
+      // Copy-on-write comes first: a shared aggregate is copied, and the
+      // objective keeps the copy.
       expectThrow<QelWrongUsage>("coefficient of an aggregate", call);
+      own(o);
+      settleKept(o);
       return false;
     }
     return true;
@@ -1407,6 +1458,289 @@ class Run {
       removal(live, false);
     }
     a.end();
+  }
+
+  // ---- aliased arguments, direct deletes, another thread -------------------------
+  // A set given to itself, a property added to the set that holds it: the
+  // set stays as it was.
+  void ownProperties() {
+    int x = pickAny();
+    if (x < 0) return;
+    Obj& o = at(x);
+    note(id(x) + " gets its own properties again");
+    o.impl->addProperties(o.impl->getProperties());
+    if (!o.props.empty()) {
+      auto p = o.props.begin();
+      std::advance(p, _in.below(static_cast<long>(o.props.size())));
+      o.impl->addProperty(o.impl->getProperty(p->first.c_str()));
+    }
+    QelNamedPropertySetI* set = o.impl->getProperties();
+    long n = 0;
+    for (QelNamedPropertyI* q = set != nullptr ? set->getFirst() : nullptr; q != nullptr && n <= 64;
+         q = q->getNext())
+      ++n;
+    QEL_FUZZ_REQUIRE(n == static_cast<long>(o.props.size()),
+                     id(x) + ": the property set changed when given to itself");
+  }
+
+  // `delete` instead of end(): the same removal, the same notices. Models
+  // and sets only: their destructors give no use of an expression back.
+  void deleteDirectly() {
+    int x = pick([](const Obj& o) {
+      return o.kind == Kind::Model || o.kind == Kind::SOS1 || o.kind == Kind::SOS2;
+    });
+    if (x < 0) return;
+    note("delete " + id(x));
+    delete at(x).impl;
+    removal({x}, false);
+  }
+
+  // An operation from a thread that is not the environment's: refused, and
+  // nothing changes.
+  void fromAnotherThread() {
+    int x = pickAny();
+    if (x < 0) return;
+    int m = pickKind([](Kind k) { return k == Kind::Model; });
+    bool add = m >= 0 && _in.flag();
+    note(std::string("from another thread: ") +
+         (add ? "add " + id(x) + " to " + id(m) : "end " + id(x)));
+    QelExtractableI* xi = at(x).impl;
+    QelModelI* mi = add ? static_cast<QelModelI*>(at(m).impl) : nullptr;
+    std::string outcome = OnAnotherThread([&] {
+      if (mi != nullptr)
+        mi->add(xi);
+      else
+        xi->end();
+    });
+    QEL_FUZZ_REQUIRE(outcome == "refused", "from another thread: " + outcome);
+  }
+
+  // Runs `f` on a thread of its own: "done", "refused" (the environment's
+  // QelEnvAllocatorThreadMismatch), or what else it threw.
+  static std::string OnAnotherThread(const std::function<void()>& f) {
+    std::string outcome;
+    std::thread t([&] {
+      try {
+        f();
+        outcome = "done";
+      } catch (const QelEnvAllocatorThreadMismatch&) {
+        outcome = "refused";
+      } catch (const std::exception& e) {
+        outcome = std::string("threw ") + e.what();
+      }
+    });
+    t.join();
+    return outcome;
+  }
+
+  // ---- scratch environments ----------------------------------------------------
+  // Two or three environments of their own, some with a logging and
+  // refusing allocator: variables and models of each, models holding
+  // members of the others, themselves, or models that hold them; arrays
+  // holding an object twice; ends, direct deletes and operations from
+  // another thread. Every refusal must leave the tables clean; at the end
+  // every object is ended and each environment must have its memory back.
+  struct Scratch {
+    QelEnvI* env;
+    QelExtractableI* x;
+    QelInt id;
+    bool model;
+  };
+
+  void scratch() {
+    long nEnv = 2 + _in.below(2);
+    std::vector<std::unique_ptr<LoggingAllocator>> allocators;
+    std::vector<QelEnv> envs;
+    std::vector<QelInt> baseline;
+    std::vector<bool> leftOver(static_cast<size_t>(nEnv), false);
+    for (long k = 0; k < nEnv; ++k) {
+      envs.emplace_back(SingleBlocks());
+      allocators.emplace_back(_in.flag() ? new LoggingAllocator() : nullptr);
+      if (allocators.back()) envs.back().getImpl()->setCustomAllocator(allocators.back().get());
+      envs.back().getImpl()->setOneByOne(_in.below(3) == 0 ? 1 : 0);
+      baseline.push_back(envs.back().getImpl()->getBytesInUse());
+    }
+    note("scratch: " + std::to_string(nEnv) + " environments");
+    std::vector<Scratch> pool;
+    auto alive = [](const Scratch& s) { return s.env->getExtractable(s.id) == s.x; };
+    auto prune = [&] {
+      pool.erase(
+          std::remove_if(pool.begin(), pool.end(), [&](const Scratch& s) { return !alive(s); }),
+          pool.end());
+    };
+    auto pickIn = [&](bool modelOnly) -> Scratch* {
+      std::vector<size_t> c;
+      for (size_t i = 0; i < pool.size(); ++i)
+        if (!modelOnly || pool[i].model) c.push_back(i);
+      if (c.empty()) return nullptr;
+      return &pool[c[static_cast<size_t>(_in.below(static_cast<long>(c.size())))]];
+    };
+    // A removal reaches the holders of the object's own environment only:
+    // the models of other environments let a member go before it ends.
+    auto detach = [&](const QelExtractableI* x) {
+      for (const Scratch& m : pool)
+        if (m.model && alive(m) && m.env != x->getEnv())
+          while (static_cast<QelModelI*>(m.x)->holds(x))
+            static_cast<QelModelI*>(m.x)->remove(const_cast<QelExtractableI*>(x));
+    };
+    auto checkTables = [&](const std::string& where) {
+      for (QelEnv& e : envs) checkTable(e.getImpl());
+      for (const Scratch& s : pool)
+        QEL_FUZZ_REQUIRE(!alive(s) || s.x->getId() == s.id, "scratch: " + where + ": id changed");
+    };
+    long steps = 1 + _in.below(12);
+    for (long k = 0; k < steps && !_in.exhausted(); ++k) {
+      long op = _in.below(9);
+      QelEnvI* e = envs[static_cast<size_t>(_in.below(nEnv))].getImpl();
+      LoggingAllocator* a = static_cast<LoggingAllocator*>(e->getCustomAllocator());
+      // Arm a refusal some requests ahead, now and then.
+      if (a != nullptr && _in.below(4) == 0) a->refuseAt = a->requests + 1 + _in.below(4);
+      std::string what = "scratch op " + std::to_string(op);
+      try {
+        switch (op) {
+          case 0: {
+            QelExtractableI* v = QelIntVar(QelEnv(e), 0, 3).getImpl();
+            pool.push_back({e, v, v->getId(), false});
+            break;
+          }
+          case 1: {
+            QelExtractableI* m = QelModel(QelEnv(e)).getImpl();
+            pool.push_back({e, m, m->getId(), true});
+            break;
+          }
+          case 2: {
+            // A model gets any object: of another environment, itself, or a
+            // model that already holds it.
+            Scratch* m = pickIn(true);
+            Scratch* x = pickIn(false);
+            if (m == nullptr || x == nullptr) break;
+            // The environment of the member makes the node, and its
+            // allocator is told the two link locations first.
+            auto* told = static_cast<LoggingAllocator*>(x->env->getCustomAllocator());
+            long before = told != nullptr ? told->records : 0;
+            static_cast<QelModelI*>(m->x)->add(x->x);
+            QEL_FUZZ_REQUIRE(told == nullptr || told->records == before + 2,
+                             "scratch: an append reported other than two link locations");
+            break;
+          }
+          case 3: {
+            // An array of the model's environment holding objects twice.
+            Scratch* m = pickIn(true);
+            Scratch* x = pickIn(false);
+            Scratch* y = pickIn(false);
+            if (m == nullptr || x == nullptr || y == nullptr) break;
+            QelExtractableArray xs(QelEnv(m->env), 0);
+            try {
+              xs.add(QelExtractable(x->x));
+              xs.add(QelExtractable(y->x));
+              xs.add(QelExtractable(x->x));
+              if (_in.flag())
+                static_cast<QelModelI*>(m->x)->add(xs);
+              else
+                static_cast<QelModelI*>(m->x)->remove(xs);
+            } catch (...) {
+              xs.end();
+              throw;
+            }
+            xs.end();
+            break;
+          }
+          case 4: {
+            Scratch* m = pickIn(true);
+            Scratch* x = pickIn(false);
+            if (m == nullptr || x == nullptr) break;
+            static_cast<QelModelI*>(m->x)->remove(x->x);
+            break;
+          }
+          case 5: {
+            Scratch* x = pickIn(false);
+            if (x == nullptr) break;
+            detach(x->x);
+            x->x->end();
+            break;
+          }
+          case 6: {
+            Scratch* x = pickIn(false);
+            if (x == nullptr) break;
+            detach(x->x);
+            delete x->x;
+            break;
+          }
+          case 7: {
+            // Several objects of one environment ended together, one of
+            // them twice.
+            Scratch* x = pickIn(false);
+            if (x == nullptr) break;
+            QelExtractableArray xs(QelEnv(x->env), 0);
+            try {
+              xs.add(QelExtractable(x->x));
+              for (const Scratch& s : pool)
+                if (s.env == x->env && _in.flag()) xs.add(QelExtractable(s.x));
+              xs.add(QelExtractable(x->x));
+              for (long i = 0; i < xs.getSize(); ++i) detach(xs.getElement(i));
+              xs.endElements();
+            } catch (...) {
+              xs.end();
+              throw;
+            }
+            xs.end();
+            break;
+          }
+          default: {
+            // From another thread: refused. A direct delete is refused
+            // after the object's destructors ran: it counts as ended, and
+            // its memory stays with its environment until that ends.
+            Scratch* x = pickIn(false);
+            if (x == nullptr) break;
+            int kind = static_cast<int>(_in.below(3));
+            Scratch* m = pickIn(true);
+            if (kind == 1 && m == nullptr) kind = 0;
+            if (kind == 2) {
+              // What the object held (a model's nodes, in its members'
+              // environments) stays where it was.
+              std::fill(leftOver.begin(), leftOver.end(), true);
+              detach(x->x);
+            }
+            std::string outcome = OnAnotherThread([&] {
+              if (kind == 0) x->x->end();
+              if (kind == 1) static_cast<QelModelI*>(m->x)->add(x->x);
+              if (kind == 2) delete x->x;
+            });
+            QEL_FUZZ_REQUIRE(outcome == "refused", "scratch, another thread: " + outcome);
+            break;
+          }
+        }
+      } catch (const QelMemoryException&) {
+        QEL_FUZZ_REQUIRE(a != nullptr && a->refused, what + ": a refusal nobody asked for");
+      }
+      if (a != nullptr) {
+        a->refuseAt = 0;
+        a->refused = false;
+      }
+      checkTables(what);
+      prune();
+    }
+    // Everything ends; each environment gets its memory back (but for the
+    // blocks of objects whose delete another thread made).
+    prune();
+    for (const Scratch& x : pool) detach(x.x);
+    for (size_t k = 0; k < envs.size(); ++k) {
+      endAll(envs[k]);
+      QelEnvI* e = envs[k].getImpl();
+      QEL_FUZZ_REQUIRE(e->getNumberOfExtractables() == 0, "scratch: objects left");
+      if (!leftOver[k]) {
+        if (LoggingAllocator* a = allocators[k].get()) {
+          QEL_FUZZ_REQUIRE(a->ledger.held() == 0,
+                           "scratch: the allocator did not get every block back");
+        } else {
+          QEL_FUZZ_REQUIRE(e->getBytesInUse() == baseline[k], "scratch: memory left");
+        }
+      }
+      if (LoggingAllocator* a = allocators[k].get()) {
+        QEL_FUZZ_REQUIRE(a->ledger.errors.empty(), "scratch: " + a->ledger.errors.front());
+      }
+    }
+    for (QelEnv& e : envs) e.end();
   }
 
   void removeFromAll() {

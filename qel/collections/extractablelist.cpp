@@ -131,10 +131,11 @@ void QelExtractableList::remove(const QelExtractableArray& xs, QelExtractableArr
     Node* node = *link;
     QelExtractableI* m = node->extractable;
     out->rawAt(i) = reinterpret_cast<std::uintptr_t>(m);
-    // Release before unlinking: a refused release leaves the list intact.
-    Node* next = node->next;
+    // The link is reported, rewritten, then the node is released; a release
+    // the node's environment would refuse (thread, allocation off) is found
+    // before the rewrite and leaves this node and those after it in place.
     try {
-      release(node, m->getEnv());
+      m->getEnv()->checkThread();
     } catch (...) {
       // The entries still holding links get their members (every node
       // after this one is still in place).
@@ -148,7 +149,8 @@ void QelExtractableList::remove(const QelExtractableArray& xs, QelExtractableArr
       throw;
     }
     first->recordLocation(link);
-    *link = next;
+    *link = node->next;
+    release(node, m->getEnv());
     gone = node;
     goneLink = link;
   }
@@ -177,7 +179,11 @@ void QelExtractableList::removeAt(Node** link) {
   QelEnvI* first = _head->extractable->getEnv();
   Node* node = *link;
   Node* next = node->next;
-  release(node, node->extractable->getEnv());
+  // The links are reported and rewritten before the node is released; a
+  // release the node's environment would refuse is found first and leaves
+  // the list as it was.
+  QelEnvI* owner = node->extractable->getEnv();
+  owner->checkThread();
   if (next == nullptr) {
     // The last node went: the tail moves back to the link that held it
     // (the predecessor's next field, or the head link).
@@ -186,6 +192,7 @@ void QelExtractableList::removeAt(Node** link) {
   }
   first->recordLocation(link);
   *link = next;
+  release(node, owner);
 }
 
 QelBool QelExtractableList::removeFirst(QelExtractableI* x) {
@@ -207,12 +214,13 @@ void QelExtractableList::sweepMarked() {
       link = &node->next;
       continue;
     }
-    // Release before unlinking, to the environment the node was made in (its
-    // member's): a refused release leaves this node and those after it in
-    // place, with the tail on the last of them.
-    Node* next = node->next;
+    // The link is reported, rewritten, then the node is released to the
+    // environment it was made in (its member's). A release that environment
+    // would refuse is found before the rewrite: this node and those after
+    // it stay in place, with the tail on the last of them.
+    QelEnvI* owner = node->extractable->getEnv();
     try {
-      release(node, node->extractable->getEnv());
+      owner->checkThread();
     } catch (...) {
       first->recordLocation(&_tail);
       _tail = link;
@@ -220,7 +228,8 @@ void QelExtractableList::sweepMarked() {
       throw;
     }
     first->recordLocation(link);
-    *link = next;
+    *link = node->next;
+    release(node, owner);
   }
   first->recordLocation(&_tail);
   _tail = link;
@@ -230,9 +239,12 @@ void QelExtractableList::clear() {
   if (_head == nullptr) return;
   _env->recordLocation(&_head);
   _env->recordLocation(&_tail);
+  // Each node goes back to the environment it was made in: its member's,
+  // which for a model over several environments is not always the list's.
+  // A refused release leaves the head on the nodes not yet released.
   while (_head != nullptr) {
     Node* next = _head->next;
-    release(_head, _env);
+    release(_head, _head->extractable->getEnv());
     _head = next;
   }
   _head = nullptr;

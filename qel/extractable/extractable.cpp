@@ -1,4 +1,5 @@
 // The extractable base object.
+#include <exception>
 #include <ostream>
 
 #include <qel/change/change.h>
@@ -24,9 +25,45 @@ QelExtractableI::QelExtractableI(QelEnvI* env, const char* name)
 }
 
 QelExtractableI::~QelExtractableI() {
-  if (_id >= 0) _env->removeFromAllAndDestroy(this, 1);
-  if (QelDecisionExprMap* map = _env->getDecisionExprMapOrNull()) map->remove(this);
+  // The object stays registered: unregistering it is the business of end()
+  // and of operator delete. When the environment refuses the calling thread
+  // (another thread, allocation off) nothing of its memory is touched here:
+  // operator delete reports the refusal, and what the object held stays in
+  // the environment's memory until the environment ends.
+  if (!_env->acceptsCallingThread()) return;
+  // A map without buckets holds no entry (an empty map gives its buckets
+  // back): the destruction then allocates nothing.
+  QelDecisionExprMap* map = _env->getDecisionExprMapOrNull();
+  if (map != nullptr && map->hasBuckets()) map->remove(this);
   releaseExtension();
+}
+
+void QelExtractableI::operator delete(void* p, size_t size) noexcept(false) {
+  // The destructors have run; the block still holds the environment and the
+  // id (no destructor writes them).
+  QelEnvI* env = EnvOfBlock(p);
+  QelExtractableI* x = static_cast<QelExtractableI*>(p);
+  if (!env->acceptsCallingThread()) {
+    // Refused: the object counts as ended (its slot is free, any holder
+    // drops it at its next sweep), its block stays with the environment.
+    // When a destructor already threw the refusal, it is the one reported.
+    env->unregister(x);
+    if (std::uncaught_exceptions() == 0) env->checkThread();
+    return;
+  }
+  if (x->_id >= 0) {
+    // Deleted directly, not through end(): removed from everything now.
+    try {
+      env->removeFromAllAndDestroy(x, 1);
+    } catch (...) {
+      // A listener failed (the removal finished first), or the removal could
+      // not start: either way the block goes back and the slot is free.
+      env->unregister(x);
+      env->free(p, size);
+      throw;
+    }
+  }
+  env->free(p, size);
 }
 
 void QelExtractableI::releaseExtension() {

@@ -40,11 +40,17 @@ class QEL_API QelExtractableI : public QelRttiEnvObjectI {
   /// not null, names it without notice.
   QelExtractableI(QelEnvI* env, const char* name = nullptr);
   /// Removes the decision-expression cache entry and releases the extension
-  /// record. An object still registered (deleted directly, or whose derived
-  /// constructor threw) is first removed from everything with flag 1, while
-  /// its base part is still whole; otherwise it sends no notice. The memory
+  /// record; sends no notice and leaves the object registered. The memory
   /// goes back to the environment through operator delete.
   ~QelExtractableI() override;
+  using QelRttiEnvObjectI::operator delete;
+  /// Gives the block of a deleted object back to its environment. An object
+  /// still registered (deleted directly, not through end()) is first removed
+  /// from everything with flag 1. On a thread other than the environment's
+  /// allocator thread, or with allocation disabled, throws
+  /// QelEnvAllocatorThreadMismatch or QelEnvAllocationDisabled: the object
+  /// is then unregistered and its block stays with the environment.
+  static void operator delete(void* p, size_t size) noexcept(false);
 
   // ---- virtual operations, in table order ----------------------------
   /// A copy of this object in `env`; the base throws
@@ -148,11 +154,12 @@ class QEL_API QelExtractableI : public QelRttiEnvObjectI {
   void setProperties(QelNamedPropertySetI* set);
   /// Removes every property.
   void removeAllProperties() { setProperties(nullptr); }
-  /// Adds `p` (the set owns it).
+  /// Adds `p` (the set owns it); a `p` already in the set changes nothing.
   void addProperty(QelNamedPropertyI* p);
   /// Adds a copy of `p` (the caller keeps `p`).
   void addClonedProperty(QelNamedPropertyI* p);
-  /// Adds copies of every property of `other` (null does nothing).
+  /// Adds copies of every property of `other` (null, or the object's own
+  /// set, does nothing).
   void addProperties(QelNamedPropertySetI* other);
   /// The property called `name`; throws QelNamedPropertySet::NotPresent.
   QelNamedPropertyI* getProperty(const char* name) const;

@@ -92,6 +92,10 @@ void QelNamedPropertySetI::end() {
 }
 
 void QelNamedPropertySetI::addProperty(QelNamedPropertyI* p) {
+  // A property already in the set stays where it is: replacing it by name
+  // would end it and link the freed node back.
+  for (QelNamedPropertyI* q = _head; q != nullptr; q = q->_next)
+    if (q == p) return;
   // A name stays unique: the property of the same name goes.
   removeProperty(p->getName());
   p->_next = nullptr;
@@ -169,7 +173,10 @@ void QelExtractableI::addClonedProperty(QelNamedPropertyI* p) {
 }
 
 void QelExtractableI::addProperties(QelNamedPropertySetI* other) {
-  if (other == nullptr) return;
+  // The object's own set: each property would be replaced by an equal copy
+  // of itself, in the same place, so the set is already what it would be.
+  // (Copying while walking it would reach the copies and never end.)
+  if (other == nullptr || other == getProperties()) return;
   for (QelNamedPropertyI* p = other->getFirst(); p != nullptr; p = p->getNext())
     addClonedProperty(p);
 }

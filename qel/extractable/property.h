@@ -136,7 +136,7 @@ class QEL_API QelNamedPropertySetI {
   /// Ends every property and gives the set's memory back.
   void end();
   /// Adds `p`, which the set owns from now on; a property of the same name
-  /// is replaced (and ended).
+  /// is replaced (and ended). A `p` already in the set changes nothing.
   void addProperty(QelNamedPropertyI* p);
   /// Adds a copy of `p` (the caller keeps `p`).
   void addClonedProperty(const QelNamedPropertyI* p);

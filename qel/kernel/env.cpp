@@ -347,9 +347,21 @@ QelDecisionExprMap::Node* QelDecisionExprMap::find(const QelExtractableI* key) c
 }
 
 void QelDecisionExprMap::insert(const QelExtractableI* key, QelInt value) {
-  ensureBuckets();
+  // A refused insertion leaves the map as it was, without a bucket array
+  // when it had none.
   long b = bucketOf(key, _bucketCount);
-  Node* n = static_cast<Node*>(_alloc->alloc(sizeof(Node)));
+  bool made = _buckets == nullptr;
+  ensureBuckets();
+  Node* n;
+  try {
+    n = static_cast<Node*>(_alloc->alloc(sizeof(Node)));
+  } catch (...) {
+    if (made) {
+      _alloc->free(_buckets, sizeof(Node*) * static_cast<size_t>(_bucketCount));
+      _buckets = nullptr;
+    }
+    throw;
+  }
   n->next = _buckets[b];
   n->key = key;
   n->value = value;
@@ -392,14 +404,23 @@ void QelDecisionExprMap::remove(const QelExtractableI* key) {
       prev->next = n->next;
     _alloc->free(n, sizeof(Node));
     --_count;
+    if (_count == 0) {
+      // The storage is the general allocator's: an empty map gives its
+      // bucket array back, so that the environment's memory comes back to
+      // where it was once the objects it cached are gone.
+      _alloc->free(_buckets, sizeof(Node*) * static_cast<size_t>(_bucketCount));
+      _buckets = nullptr;
+    }
     return;
   }
 }
 
 QelDecisionExprMap* QelEnvI::getDecisionExprMap() {
   if (_decisionMap == nullptr) {
+    // The map itself is bookkeeping; its nodes and buckets are storage of
+    // the general allocator, which a custom allocator serves when installed.
     void* p = _internalAllocObject.alloc(sizeof(QelDecisionExprMap));
-    _decisionMap = new (p) QelDecisionExprMap(&_internalAllocObject, 64);
+    _decisionMap = new (p) QelDecisionExprMap(_genAlloc, 64);
   }
   return _decisionMap;
 }

@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <new>
 #include <thread>
+#include <type_traits>
 #include <utility>
 
 #include <qel/kernel/exception.h>
@@ -231,6 +232,9 @@ class QEL_API QelEnvI {
     if (!matchesAllocatorThread()) throw QelEnvAllocatorThreadMismatch();
     if (_allocationDisabled) throw QelEnvAllocationDisabled();
   }
+  /// Whether alloc and free would serve the calling thread now (its
+  /// allocator thread, allocation on).
+  QelBool acceptsCallingThread() const { return matchesAllocatorThread() && !_allocationDisabled; }
   /// Whether the calling thread may allocate in this environment.
   QelBool matchesAllocatorThread() const { return CurrentThreadKey() == _allocatorThread; }
   /// Makes the calling thread the environment's allocator thread.
@@ -524,6 +528,10 @@ T* QelNewObject(QelEnvI* env, Args&&... args) {
   try {
     return new (p) T(std::forward<Args>(args)...);
   } catch (...) {
+    // An extractable is registered by its base constructor, and its
+    // destructor leaves it registered: nothing can know it yet, so it only
+    // gives its slot back.
+    if constexpr (std::is_base_of<QelExtractableI, T>::value) env->unregister(static_cast<T*>(p));
     env->free(p, sizeof(T));
     throw;
   }

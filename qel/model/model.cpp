@@ -35,17 +35,16 @@ QelBool QelModelI::holds(const QelExtractableI* x) const {
 }
 
 void QelModelI::remove(QelExtractableI* x) {
-  // One walk finds the node; the notice's array is made before the node
-  // goes, so that a refused allocation leaves the model as it was.
+  // One walk finds the node; it is unlinked and released, and only then is
+  // the notice's array made. A refused release leaves the model as it was.
+  // The array lives in the environment's bookkeeping memory, which a custom
+  // allocator does not serve: once the node is gone, no refusal can leave
+  // the removal done but untold.
   QelExtractableList::Node** link = _members.findLink(x);
   if (link == nullptr) return;
-  QelExtractableArray removed(QelEnv(_env), 1, QelExtractable(x));
-  try {
-    _members.removeAt(link);
-  } catch (...) {
-    removed.end();
-    throw;
-  }
+  _members.removeAt(link);
+  QelExtractableArray removed(QelMemoryManager(_env->getInternalAllocator()), 1);
+  removed.set(0, QelExtractable(x));
   QelRemoveFromModel change(this, removed, true);
   notify(change);
 }

@@ -129,11 +129,11 @@ void QelObjectiveI::refuseAggregate() const {
     throw QelWrongUsage("You can not change the coefficient of an aggregate expression");
 }
 
-QelNumLinTermI* QelObjectiveI::ownCoefficients(bool zeroOneNormalization) {
-  // Refused before anything is copied.
-  refuseAggregate();
+QelNumLinTermI* QelObjectiveI::ownCoefficients() {
+  // Copy-on-write comes first: a shared aggregate is copied, and when the
+  // change is then refused the objective keeps that copy.
   QelNumLinTermI* term = ownExpr();
-  if (zeroOneNormalization) term->zolNormalization();
+  refuseAggregate();
   return term;
 }
 
@@ -170,12 +170,13 @@ void QelObjectiveI::setExpr(QelNumExprArg expr) {
 
 void QelObjectiveI::setCoef(QelNumVar x, double coef) {
   refuseMultiCriterion("QelObjective::setCoef");
-  refuseAggregate();
   if (x.getImpl() == nullptr) throw QelEmptyHandleException();
   QelNumExprI* former = _expr;
+  QelNumLinTermI* term = ownCoefficients();
   double kernelCoef;
   try {
-    kernelCoef = ownCoefficients(true)->setCoef(x, coef);
+    term->zolNormalization();
+    kernelCoef = term->setCoef(x, coef);
   } catch (...) {
     disown(former);
     throw;
@@ -186,21 +187,24 @@ void QelObjectiveI::setCoef(QelNumVar x, double coef) {
 
 void QelObjectiveI::setCoef(QelNumVarArray xs, QelNumArray coefs) {
   refuseMultiCriterion("QelObjective::setCoef");
-  // What the linear term would refuse is refused before anything is copied.
-  refuseAggregate();
+  // What the linear term would refuse for its arguments is refused before
+  // anything is copied.
   if (coefs.getSize() != xs.getSize())
     throw QelWrongUsage("QelNumLinTermI::setCoef: arrays of different sizes");
   for (long i = 0; i < xs.getSize(); ++i)
     if (xs.getElement(i) == nullptr) throw QelEmptyHandleException();
-  // The answer array lives where the variables' array does (the
-  // objective's environment when there is no array at all).
-  QelNumArray kernelCoefs(xs.getImpl() != nullptr ? xs.getEnv() : QelEnv(_env), xs.getSize());
   QelNumExprI* former = _expr;
+  QelNumLinTermI* term = ownCoefficients();
+  // The answer array, made after the copy, lives where the variables'
+  // array does (the objective's environment when there is no array at all).
+  QelNumArray kernelCoefs;
   try {
-    ownCoefficients(true)->setCoef(xs, coefs, kernelCoefs);
+    term->zolNormalization();
+    kernelCoefs = QelNumArray(xs.getImpl() != nullptr ? xs.getEnv() : QelEnv(_env), xs.getSize());
+    term->setCoef(xs, coefs, kernelCoefs);
   } catch (...) {
     disown(former);
-    kernelCoefs.end();
+    if (kernelCoefs.getImpl() != nullptr) kernelCoefs.end();
     throw;
   }
   try {
@@ -217,14 +221,14 @@ void QelObjectiveI::setCoef(QelNumVarArray xs, QelNumArray coefs) {
 void QelObjectiveI::setQuadCoef(QelNumVar x, QelNumVar y, double coef) {
   // The quadratic setter reports itself under the linear setter's name.
   refuseMultiCriterion("QelObjective::setCoef");
-  refuseAggregate();
   if (x.getImpl() == nullptr || y.getImpl() == nullptr) throw QelEmptyHandleException();
   // Unlike the linear setters, no 0-1 normalization: the quadratic terms
   // stay as they were written.
   QelNumExprI* former = _expr;
+  QelNumLinTermI* term = ownCoefficients();
   double kernelCoef;
   try {
-    kernelCoef = ownCoefficients(false)->setQuadCoef(x, y, coef);
+    kernelCoef = term->setQuadCoef(x, y, coef);
   } catch (...) {
     disown(former);
     throw;
@@ -238,15 +242,17 @@ void QelObjectiveI::addVar(QelNumVarI* v, double coef) {
   if (v == nullptr) throw QelEmptyHandleException();
   // The bookkeeping word must come out as it went in, whatever the copy and
   // the append do to it.
-  QelInt saved = static_cast<QelNumLinTermI*>(_expr)->getBookkeeping();
-  // The node is made before the expression is copied: a refused allocation
-  // leaves the objective as it was.
-  QelLinTermNode* node = v->getEnv()->newTerm(v, coef);
-  QelNumLinTermI* term;
+  QelNumExprI* former = _expr;
+  QelInt saved = static_cast<QelNumLinTermI*>(former)->getBookkeeping();
+  // Copy-on-write, then the new term; a refused term gives the copy up, so
+  // the objective is left as it was.
+  QelNumLinTermI* term = ownExpr();
+  QelLinTermNode* node;
   try {
-    term = ownExpr();
+    node = v->getEnv()->newTerm(v, coef);
   } catch (...) {
-    v->getEnv()->free(node, sizeof(QelLinTermNode));
+    disown(former);
+    static_cast<QelNumLinTermI*>(former)->setBookkeeping(saved);
     throw;
   }
   term->appendTerm(node);

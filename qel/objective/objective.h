@@ -166,7 +166,7 @@ class QEL_API QelObjectiveI : public QelExtractableI {
   void disown(QelNumExprI* former) noexcept;
   void refuseMultiCriterion(const char* operation) const;
   void refuseAggregate() const;
-  QelNumLinTermI* ownCoefficients(bool zeroOneNormalization);
+  QelNumLinTermI* ownCoefficients();
   static QelNumExprI* keep(QelNumExprI* expr);
 
   QelObjective::Sense _sense;

@@ -557,3 +557,82 @@ TEST(ExtractableHandle, EqualityComparesTheObjects) {
 }
 
 }  // namespace
+
+// ---- deleting directly where the environment refuses ----------------------------
+
+namespace {
+
+// An algorithm whose listener fails on every notice.
+class ThrowingListenerI : public RecordingAlgorithmI {
+ public:
+  using RecordingAlgorithmI::RecordingAlgorithmI;
+  void notifyChange(const QelExtractableI* x, const QelChange& c) override {
+    RecordingAlgorithmI::notifyChange(x, c);
+    throw QelWrongUsage("listener failed");
+  }
+};
+
+}  // namespace
+
+TEST(ExtractableDirectDelete, FromAnotherThreadIsRefusedWithAnExceptionNotATerminate) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  BaseOnlyI* bare = Make(env);            // its destructors free nothing
+  BaseOnlyI* named = Make(env, "named");  // its destructor would free the name
+  BaseOnlyI* keep = Make(env);
+  QelInt bareId = bare->getId();
+  QelInt namedId = named->getId();
+  EXPECT_EQ(qeltest::OutcomeOnAnotherThread([&] { delete bare; }), "refused");
+  EXPECT_EQ(qeltest::OutcomeOnAnotherThread([&] { delete named; }), "refused");
+  // Both count as ended: their slots are free, nothing else changed.
+  EXPECT_EQ(e->getExtractable(bareId), nullptr);
+  EXPECT_EQ(e->getExtractable(namedId), nullptr);
+  EXPECT_EQ(e->getNumberOfExtractables(), 1);
+  EXPECT_EQ(e->getExtractable(keep->getId()), keep);
+  // The environment goes on working on its own thread.
+  BaseOnlyI* next = Make(env, "next");
+  EXPECT_TRUE(next->getId() == bareId || next->getId() == namedId);
+  next->end();
+  keep->end();
+  EXPECT_EQ(e->getNumberOfExtractables(), 0);
+  env.end();
+}
+
+TEST(ExtractableDirectDelete, WithAllocationDisabledIsRefusedWithAnException) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  BaseOnlyI* x = Make(env, "x");
+  QelInt id = x->getId();
+  e->setAllocationDisabled(true);
+  EXPECT_THROW(delete x, QelEnvAllocationDisabled);
+  e->setAllocationDisabled(false);
+  EXPECT_EQ(e->getExtractable(id), nullptr);
+  EXPECT_EQ(e->getNumberOfExtractables(), 0);
+  env.end();
+}
+
+TEST(ExtractableDirectDelete, AFailingListenerLeavesNoStaleCacheEntryAndNoMemory) {
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  QelInt before = BytesInUse(env);
+  BaseOnlyI* x = Make(env, "x");
+  BaseOnlyI* other = Make(env);
+  EXPECT_FALSE(x->isDecisionExpr());
+  EXPECT_FALSE(other->isDecisionExpr());
+  QelDecisionExprMap* map = e->getDecisionExprMapOrNull();
+  ASSERT_NE(map, nullptr);
+  ASSERT_EQ(map->getCount(), 2);
+  auto* rec = QelNewObject<ThrowingListenerI>(e, e);
+  rec->extract(x);
+  const QelExtractableI* address = x;
+  QelInt id = x->getId();
+  EXPECT_EQ(MessageOf<QelWrongUsage>([&] { delete x; }), "listener failed");
+  // The entry keyed by the freed address went with the object.
+  EXPECT_EQ(map->getCount(), 1);
+  EXPECT_EQ(map->find(address), nullptr);
+  EXPECT_EQ(e->getExtractable(id), nullptr);
+  delete rec;
+  other->end();
+  EXPECT_EQ(BytesInUse(env), before);
+  env.end();
+}

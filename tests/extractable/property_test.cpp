@@ -440,3 +440,46 @@ TEST(PropertyRemoval, RefusedByTheEnvironmentTheSetKeepsTheProperty) {
   EXPECT_EQ(BytesInUse(env), 0);
   env.end();
 }
+
+// ---- a set given to itself ---------------------------------------------------
+
+TEST(PropertyAliasing, AddingTheObjectsOwnSetEndsAndChangesNothing) {
+  QelEnv env;
+  PropLeafI* x = Leaf(env);
+  x->setIntProperty("i", 1);
+  x->setStringProperty("s", "text");
+  QelNamedPropertyI* s = x->getProperty("s");
+  x->addProperties(x->getProperties());
+  EXPECT_EQ(Names(x->getProperties()), (std::vector<std::string>{"i", "s"}));
+  EXPECT_EQ(x->getIntProperty("i"), 1);
+  EXPECT_STREQ(x->getStringProperty("s"), "text");
+  EXPECT_EQ(x->getProperty("s"), s);
+  x->end();
+  EXPECT_EQ(BytesInUse(env), 0);
+  env.end();
+}
+
+TEST(PropertyAliasing, AddingAPropertyAlreadyInTheSetKeepsItLinkedOnce) {
+  QelEnv env;
+  QelGenAlloc* alloc = env.getImpl()->getGeneralAllocator();
+  PropLeafI* x = Leaf(env);
+  QelNamedNumPropertyI* p = QelNamedNumPropertyI::Make(alloc, "p", 2.5);
+  QelNamedIntPropertyI* unnamed = QelNamedIntPropertyI::Make(alloc, nullptr, 4);
+  x->addProperty(p);
+  x->addProperty(unnamed);
+  x->setIntProperty("q", 3);
+  x->addProperty(p);
+  x->addProperty(unnamed);
+  EXPECT_EQ(x->getProperties()->getSize(), 3);
+  EXPECT_EQ(x->getProperty("p"), p);
+  EXPECT_EQ(x->getNumProperty("p"), 2.5);
+  // Each property is linked once: the walk ends after three.
+  long walked = 0;
+  for (QelNamedPropertyI* q = x->getProperties()->getFirst(); q != nullptr && walked < 10;
+       q = q->getNext())
+    ++walked;
+  EXPECT_EQ(walked, 3);
+  x->end();
+  EXPECT_EQ(BytesInUse(env), 0);
+  env.end();
+}

@@ -889,3 +889,39 @@ TEST(EnvClone, ACopyThatCannotCompleteLeavesNoCloneBehind) {
       });
   EXPECT_EQ(refusals, 4);
 }
+
+// ---- where the decision-expression map keeps its storage ---------------------------
+
+TEST(EnvDecisionMap, NodesAndBucketsComeFromTheCustomAllocator) {
+  qeltest::RequestCounter counter;
+  qeltest::RefusingAllocator allocator(counter);
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  e->setCustomAllocator(&allocator);
+  EnvLeafI* a = Leaf(env);
+  EnvLeafI* b = Leaf(env);
+  QelInt objects = allocator.held();
+  QelInt internal = e->getInternalBytes();
+  // The first entry makes the bucket array and a node there: refusing
+  // either refuses the query, and the map holds nothing.
+  for (long n = 1; n <= 2; ++n) {
+    counter.refuseAfter(n);
+    EXPECT_THROW(a->isDecisionExpr(), QelMemoryException) << "request " << n;
+    counter.stop();
+    EXPECT_EQ(e->getDecisionExprMap()->getCount(), 0);
+  }
+  EXPECT_FALSE(a->isDecisionExpr());
+  EXPECT_FALSE(b->isDecisionExpr());
+  EXPECT_EQ(e->getDecisionExprMap()->getCount(), 2);
+  // Buckets and two nodes of three words, all seen by the allocator.
+  EXPECT_EQ(allocator.held() - objects,
+            static_cast<QelInt>(64 * sizeof(void*) + 2 * sizeof(QelDecisionExprMap::Node)));
+  EXPECT_LE(e->getInternalBytes() - internal, static_cast<QelInt>(sizeof(QelDecisionExprMap)));
+  // Ending the objects gives every node and the buckets back.
+  a->end();
+  b->end();
+  EXPECT_EQ(e->getDecisionExprMap()->getCount(), 0);
+  EXPECT_EQ(allocator.held(), 0);
+  for (const std::string& error : allocator.errors()) ADD_FAILURE() << error;
+  env.end();
+}

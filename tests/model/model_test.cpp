@@ -1,4 +1,6 @@
 // The model: membership, notices, removal sweeps, cloning, printing.
+#include <algorithm>
+#include <cstdlib>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -464,4 +466,111 @@ TEST(ModelRefusedMemory, RemovingAnArrayIsAllOrNothing) {
     return refused;
   });
   EXPECT_GE(refusals, 3);
+}
+
+// ---- members of several environments ------------------------------------------
+
+TEST(ModelOverTwoEnvironments, EveryNodeGoesBackToTheEnvironmentItCameFrom) {
+  QelEnv a, b;
+  QelInt baseA = BytesInUse(a);
+  QelInt baseB = BytesInUse(b);
+  ItemI* inA = Item(a);
+  ItemI* inB = Item(b);
+  QelInt itemsA = BytesInUse(a);
+  QelInt itemsB = BytesInUse(b);
+  // Destruction.
+  QelModel m(a, "m");
+  QelInt modelA = BytesInUse(a);
+  m.add(inA);
+  m.add(inB);
+  m.add(inB);
+  EXPECT_EQ(BytesInUse(a), modelA + 16);
+  EXPECT_EQ(BytesInUse(b), itemsB + 32);
+  m.end();
+  EXPECT_EQ(BytesInUse(a), itemsA);
+  EXPECT_EQ(BytesInUse(b), itemsB);
+  // The emptying of endElements: the model's nodes of b go back to b.
+  QelModel n(a, "n");
+  n.add(inA);
+  n.add(inB);
+  QelExtractableArray models(a, 1, QelExtractable(n));
+  models.endElements();
+  models.end();
+  EXPECT_EQ(BytesInUse(a), itemsA);
+  EXPECT_EQ(BytesInUse(b), itemsB);
+  inA->end();
+  inB->end();
+  EXPECT_EQ(BytesInUse(a), baseA);
+  EXPECT_EQ(BytesInUse(b), baseB);
+  a.end();
+  b.end();
+}
+
+// ---- the order a logging allocator sees -------------------------------------------
+
+namespace {
+
+// Logs what the environment asks of it: "alloc <size>", "free <size>",
+// "record".
+struct EventLog : QelCustomAllocatorI {
+  std::vector<std::string> events;
+  void* alloc(size_t size) override {
+    events.push_back("alloc " + std::to_string(size));
+    return std::malloc(size == 0 ? 1 : size);
+  }
+  void free(void* p, size_t size) override {
+    events.push_back("free " + std::to_string(size));
+    std::free(p);
+  }
+  void recordLocation(void*) override { events.push_back("record"); }
+};
+
+}  // namespace
+
+TEST(ModelLinkOrder, ReportRewriteThenReleaseOnEveryRemovalPath) {
+  EventLog log;
+  QelEnv env;
+  env.getImpl()->setCustomAllocator(&log);
+  {
+    QelModel m(env, "m");
+    ItemI* a = Item(env);
+    ItemI* b = Item(env);
+    ItemI* c = Item(env);
+    m.add(a);
+    m.add(b);
+    m.add(c);
+    RecordingAlgorithmI* rec = MakeRecorder(env);
+    rec->extract(m.getImpl());
+    // Single removal of the last member: the tail field and the link are
+    // reported, then the node is released (the notice's array is
+    // bookkeeping, which the allocator does not serve).
+    log.events.clear();
+    m.remove(c);
+    EXPECT_EQ(log.events, (std::vector<std::string>{"record", "record", "free 16"}));
+    EXPECT_EQ(rec->notices.back(), "QelRemoveFromModel");
+    // Bulk removal: each link is reported before its node goes.
+    QelExtractableArray going(env, 1, QelExtractable(a));
+    log.events.clear();
+    m.remove(going);
+    auto firstFree16 = std::find(log.events.begin(), log.events.end(), "free 16");
+    ASSERT_NE(firstFree16, log.events.end());
+    ASSERT_NE(firstFree16, log.events.begin());
+    EXPECT_EQ(*(firstFree16 - 1), "record");
+    going.end();
+    // The atRemove sweep of an ending member.
+    log.events.clear();
+    QelExtractable(b).end();
+    std::vector<std::string> nodeEvents;
+    for (const std::string& ev : log.events)
+      if (ev == "record" || ev == "free 16") nodeEvents.push_back(ev);
+    EXPECT_EQ(nodeEvents, (std::vector<std::string>{"record", "free 16", "record"}));
+    EXPECT_TRUE(m.getImpl()->getMembers().isEmpty());
+    delete rec;
+    m.end();
+    a->end();
+    c->end();
+  }
+  EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), 0);
+  env.getImpl()->setCustomAllocator(nullptr);
+  env.end();
 }

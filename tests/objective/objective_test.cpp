@@ -524,7 +524,7 @@ TEST_F(ObjectiveTest, SettingACoefficientLeavesAnotherOwnersExpressionUnchanged)
   EndAndCheckMemory();
 }
 
-TEST_F(ObjectiveTest, AggregatesAreRefusedBeforeAnyCopyOnWrite) {
+TEST_F(ObjectiveTest, AggregatesAreRefusedAfterCopyOnWrite) {
   QelNumExpr product = (x * y) * z;  // neither linear nor quadratic
   QelNumExpr agg = product + 1.0;    // a linear term holding the product
   ASSERT_TRUE(static_cast<QelNumLinTermI*>(agg.getImpl())->containsAggregate());
@@ -532,10 +532,6 @@ TEST_F(ObjectiveTest, AggregatesAreRefusedBeforeAnyCopyOnWrite) {
   QelObjective alone(env, agg);
   EXPECT_EQ(MessageOf<QelWrongUsage>([&] { alone.setLinearCoef(x, 1.0); }), kAggregate);
   EXPECT_EQ(ExprOf(alone), agg.getImpl());
-  // Shared: refused before anything is copied; the objective keeps the
-  // shared expression and its use of it.
-  Hold(agg);
-  QelInt objects = env.getImpl()->getNumberOfExtractables();
   WatchingAlgorithmI* rec = MakeWatcher(env);
   rec->extract(alone.getImpl());
   QelNumExprArray xs(env, 1, QelExtractable(x));
@@ -546,17 +542,79 @@ TEST_F(ObjectiveTest, AggregatesAreRefusedBeforeAnyCopyOnWrite) {
       std::function<void()>([&] { alone.setQuadCoef(x, y, 1.0); }),
   };
   for (const std::function<void()>& attempt : attempts) {
+    // Shared: each setter first copies the expression, then refuses; the
+    // objective keeps the copy and the other owner keeps the original.
+    Hold(agg);
+    ASSERT_EQ(ExprOf(alone), agg.getImpl());
+    EXPECT_EQ(agg.getImpl()->getUseCount(), 2);
+    QelInt objects = env.getImpl()->getNumberOfExtractables();
     EXPECT_EQ(MessageOf<QelWrongUsage>(attempt), kAggregate);
-    EXPECT_EQ(ExprOf(alone), agg.getImpl());
+    QelNumExprI* copy = ExprOf(alone);
+    EXPECT_NE(copy, agg.getImpl());
+    EXPECT_TRUE(static_cast<QelNumLinTermI*>(copy)->containsAggregate());
+    EXPECT_EQ(copy->getUseCount(), 1);
+    EXPECT_EQ(agg.getImpl()->getUseCount(), 1);
+    EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), objects + 1);
+    // The copy is unshared: a second attempt refuses in place.
+    EXPECT_EQ(MessageOf<QelWrongUsage>(attempt), kAggregate);
+    EXPECT_EQ(ExprOf(alone), copy);
+    // Back to the original for the next setter: the copy goes.
+    alone.setExpr(agg);
+    Release(agg);
+    EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), objects);
   }
-  EXPECT_EQ(agg.getImpl()->getUseCount(), 2);
-  EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), objects);  // no copy was made
-  EXPECT_TRUE(rec->notices.empty());
+  // Refusals send nothing; the three setExpr calls are the only notices.
+  EXPECT_EQ(rec->notices, std::vector<std::string>(3, "QelSetObjExpr"));
   delete rec;
   xs.end();
   coefs.end();
   alone.end();
-  Release(agg);  // ends agg, which gives back the product's last use
+  EndAndCheckMemory();
+}
+
+TEST_F(ObjectiveTest, SettersAndAddVarCopyTheSharedExpressionBeforeAllocatingAnythingElse) {
+  // A custom allocator that logs the size of every request: the copy of a
+  // shared expression is the first thing made.
+  struct SizeLog : QelCustomAllocatorI {
+    std::vector<size_t> sizes;
+    void* alloc(size_t size) override {
+      sizes.push_back(size);
+      return std::malloc(size);
+    }
+    void free(void* p, size_t) override { std::free(p); }
+  } log;
+  QelEnv logged;
+  logged.getImpl()->setCustomAllocator(&log);
+  {
+    QelNumVar u(logged, 0, 1, "u");
+    QelNumVar v(logged, 0, 1, "v");
+    QelNumExpr shared = Term(logged, 1.0, {{2.0, u.getImpl()}});
+    Hold(shared);  // the test is the other owner
+    QelObjective obj(logged, shared);
+    QelNumExprArray us(logged, 1, QelExtractable(u));
+    QelNumArray coefs(logged, 1);
+    auto ops = {
+        std::function<void()>([&] { obj.setLinearCoefs(QelNumVarArray(us), coefs); }),
+        std::function<void()>([&] { obj.getImpl()->addVar(v.getImpl(), 3.0); }),
+    };
+    for (const std::function<void()>& op : ops) {
+      obj.setExpr(shared);  // the objective and the test share it again
+      ASSERT_EQ(shared.getImpl()->getUseCount(), 2);
+      log.sizes.clear();
+      op();
+      ASSERT_FALSE(log.sizes.empty());
+      EXPECT_EQ(log.sizes.front(), sizeof(QelNumLinTermI));
+      EXPECT_NE(ExprOf(obj), shared.getImpl());
+    }
+    obj.end();
+    us.end();
+    coefs.end();
+    logged.getImpl()->release(shared.getImpl());  // the last use: it ends
+    u.end();
+    v.end();
+  }
+  EXPECT_EQ(logged.getImpl()->getNumberOfExtractables(), 0);
+  logged.end();
   EndAndCheckMemory();
 }
 

@@ -652,15 +652,33 @@ REFUSED(ObjectiveSetCoefsWithAnEmptyElement, QelEmptyHandleException, kEmpty,
         cost.setLinearCoefs(withHole, twoCoefs))
 REFUSED(ObjectiveSetQuadCoefOfEmptyVariable, QelEmptyHandleException, kEmpty,
         cost.setQuadCoef(QelNumVar(), y, 1))
-REFUSED(ObjectiveSetCoefOfAnAggregate, QelWrongUsage,
-        "You can not change the coefficient of an aggregate expression",
-        aggCost.setLinearCoef(x, 1))
-REFUSED(ObjectiveSetCoefsOfAnAggregate, QelWrongUsage,
-        "You can not change the coefficient of an aggregate expression",
-        aggCost.setLinearCoefs(yz, twoCoefs))
-REFUSED(ObjectiveSetQuadCoefOfAnAggregate, QelWrongUsage,
-        "You can not change the coefficient of an aggregate expression",
-        aggCost.setQuadCoef(x, y, 1))
+// The aggregate is shared (with aggRange): each setter copies it first, then
+// refuses; the objective keeps the copy and sends nothing.
+TEST_F(BadInput, ObjectiveSettersOfASharedAggregateRefuseAfterCopying) {
+  const char* const refusal = "You can not change the coefficient of an aggregate expression";
+  std::vector<std::function<void()>> setters = {[&] { aggCost.setLinearCoef(x, 1); },
+                                                [&] { aggCost.setLinearCoefs(yz, twoCoefs); },
+                                                [&] { aggCost.setQuadCoef(x, y, 1); }};
+  for (const std::function<void()>& setter : setters) {
+    QelNumExprI* shared = aggRange.getImpl()->getExpr();
+    aggCost.setExpr(QelNumExpr(shared));
+    ASSERT_EQ(aggCost.getImpl()->getExpr(), shared);
+    QelInt objects = env.getImpl()->getNumberOfExtractables();
+    QelInt uses = shared->getUseCount();
+    size_t notices = rec->notices.size();
+    EXPECT_EQ(qeltest::MessageOf<QelWrongUsage>(setter), refusal);
+    QelNumExprI* copy = aggCost.getImpl()->getExpr();
+    EXPECT_NE(copy, shared);
+    EXPECT_EQ(copy->getUseCount(), 1);
+    EXPECT_EQ(shared->getUseCount(), uses - 1);
+    EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), objects + 1);
+    EXPECT_EQ(rec->notices.size(), notices);
+    // Unshared now: refused in place, nothing more is copied.
+    EXPECT_EQ(qeltest::MessageOf<QelWrongUsage>(setter), refusal);
+    EXPECT_EQ(aggCost.getImpl()->getExpr(), copy);
+    EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), objects + 1);
+  }
+}
 REFUSED(ObjectiveSetConstOfANonLinearExpression, QelWrongUsage,
         "QelTestIsLinear: expression is not linear", squareCost.setConst(1))
 REFUSED(ObjectiveGetConstOfANonLinearExpression, QelWrongUsage,

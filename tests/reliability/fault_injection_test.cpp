@@ -220,7 +220,7 @@ RunResult RunWithRefusal(long failAt, Findings& findings, const RunResult* refer
                                                   " (in step \"" + result.failedStep + "\") left " +
                                                   std::to_string(a->held()) +
                                                   " bytes with the objects once everything ended");
-      for (const std::string& e : a->errors)
+      for (const std::string& e : a->errors())
         findings.add("(end of the scenario)", "request " + std::to_string(failAt) + ": " + e);
     }
   }

@@ -16,14 +16,13 @@
 #ifndef QEL_TESTS_SUPPORT_REFUSING_H
 #define QEL_TESTS_SUPPORT_REFUSING_H
 
-#include <cstdlib>
-#include <sstream>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <qel/qel.h>
+
+#include "support/ledger.h"
 
 namespace qeltest {
 
@@ -51,49 +50,23 @@ class RefusingAllocator : public QelCustomAllocatorI {
   explicit RefusingAllocator(RequestCounter& counter) : _counter(counter) {}
   RefusingAllocator(const RefusingAllocator&) = delete;
   RefusingAllocator& operator=(const RefusingAllocator&) = delete;
-  /// Blocks still out go back to the heap (the environment was ended
-  /// without ending its objects).
-  ~RefusingAllocator() override {
-    for (auto& block : _live) std::free(block.first);
-  }
   void* alloc(size_t size) override {
     ++_counter.count;
     if (_counter.refuseAll || _counter.count == _counter.refuse) {
       _counter.refused = true;
       throw QelMemoryException();
     }
-    void* p = std::malloc(size == 0 ? 1 : size);
-    if (p == nullptr) throw QelMemoryException();
-    _live[p] = size;
-    taken += static_cast<QelInt>(size);
-    return p;
+    return _ledger.take(size);
   }
-  void free(void* p, size_t size) override {
-    if (p == nullptr) return;
-    auto it = _live.find(p);
-    if (it == _live.end()) {
-      errors.push_back("a block that was not handed out came back");
-      return;
-    }
-    if (it->second != size) {
-      std::ostringstream os;
-      os << "a block of " << it->second << " bytes came back as " << size << " bytes";
-      errors.push_back(os.str());
-    }
-    given += static_cast<QelInt>(it->second);
-    std::free(p);
-    _live.erase(it);
-  }
+  void free(void* p, size_t size) override { _ledger.give(p, size); }
   /// Bytes handed out and not given back.
-  QelInt held() const { return taken - given; }
-
-  QelInt taken = 0;                 ///< bytes handed out
-  QelInt given = 0;                 ///< bytes given back
-  std::vector<std::string> errors;  ///< blocks that came back wrongly
+  QelInt held() const { return _ledger.held(); }
+  /// Blocks that came back wrongly.
+  const std::vector<std::string>& errors() const { return _ledger.errors; }
 
  private:
   RequestCounter& _counter;
-  std::unordered_map<void*, size_t> _live;
+  BlockLedger _ledger;
 };
 
 /// Ends every live object of `env` together (so that its objects give all
@@ -123,7 +96,7 @@ long ForEachRefusal(Body body) {
     env.getImpl()->setCustomAllocator(&allocator);
     bool refused = body(env, counter, n);
     EXPECT_EQ(allocator.held(), 0) << "refusing request " << n << " of the operation";
-    for (const std::string& e : allocator.errors) ADD_FAILURE() << e;
+    for (const std::string& e : allocator.errors()) ADD_FAILURE() << e;
     env.end();
     if (!refused) break;
     ++refusals;
