@@ -1,7 +1,10 @@
 // The Gecode engine (see gecode.h for what it takes and how it follows
 // changes).
+#include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <memory>
+#include <numeric>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -59,11 +62,71 @@ bool FitsInt(double v) {
   return std::isfinite(v) && v >= Gecode::Int::Limits::min && v <= Gecode::Int::Limits::max;
 }
 
-class QelGecodeI : public QelEngineI {
-  QEL_RTTI_DECL(QelGecodeI, QelEngineI)
+// The items of one pack, for the pack-aware search and its bound.
+struct PackItems {
+  std::vector<int> bins;     // the root variables holding each item's bin
+  std::vector<int> weights;  // each item's weight
+};
+
+// Martello and Toth's lower bound L2 on the number of bins of capacity `c`
+// that the items of `w` need: for each threshold k <= c/2, the items above
+// c - k need a bin each, so do the items above c/2, and the items between k
+// and c/2 fill the room those leave plus further bins.
+long BinLowerBound(std::vector<int> w, long c) {
+  if (c <= 0 || w.empty()) return 0;
+  std::sort(w.begin(), w.end(), std::greater<int>());
+  long total = std::accumulate(w.begin(), w.end(), 0L);
+  long best = (total + c - 1) / c;
+  std::vector<long> thresholds{0};
+  for (int x : w)
+    if (2L * x <= c) thresholds.push_back(x);
+  for (long k : thresholds) {
+    long big = 0;        // items above c - k
+    long middle = 0;     // items above c/2, up to c - k
+    long middleSum = 0;  //   their weight
+    long smallSum = 0;   // weight of the items from k up to c/2
+    for (int x : w) {
+      if (x > c - k)
+        ++big;
+      else if (2L * x > c) {
+        ++middle;
+        middleSum += x;
+      } else if (x >= k)
+        smallSum += x;
+    }
+    long spill = smallSum - (middle * c - middleSum);
+    long bound = big + middle + (spill > 0 ? (spill + c - 1) / c : 0);
+    best = std::max(best, bound);
+  }
+  return best;
+}
+
+// Stops the search at the engine's limits.
+class Limits : public Gecode::Search::Stop {
+ public:
+  Limits(const QelGecodeSearch& s, double seconds)
+      : _nodes(s.nodeLimit), _fails(s.failLimit), _seconds(seconds) {}
+  bool stop(const Gecode::Search::Statistics& st, const Gecode::Search::Options&) override {
+    if (_nodes > 0 && st.node >= _nodes) return true;
+    if (_fails > 0 && st.fail >= _fails) return true;
+    return _seconds > 0 && elapsed() >= _seconds;
+  }
+  double elapsed() const {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - _start).count();
+  }
+
+ private:
+  unsigned long _nodes;
+  unsigned long _fails;
+  double _seconds;
+  std::chrono::steady_clock::time_point _start = std::chrono::steady_clock::now();
+};
+
+class GecodeEngine : public QelGecodeI {
+  QEL_RTTI_DECL(GecodeEngine, QelGecodeI)
 
  public:
-  explicit QelGecodeI(QelEnvI* env) : QelEngineI(env, "Gecode") { makeRoot(); }
+  explicit GecodeEngine(QelEnvI* env) : QelGecodeI(env) { makeRoot(); }
 
   using QelEngineI::applyNotice;
   using QelEngineI::extractObject;
@@ -154,15 +217,25 @@ class QelGecodeI : public QelEngineI {
     // variables must be distinct: shared ones get copies.
     std::unordered_set<int> taken;
     Gecode::IntVarArgs loads = varArgs(p->getLoad(), p, &taken, true);
-    Gecode::IntVarArgs bins = varArgs(where, p, &taken, true);
+    PackItems items;
+    Gecode::IntVarArgs bins = varArgs(where, p, &taken, true, &items.bins);
     Gecode::binpacking(*_root, loads, bins, sizes);
+    // The items need at least `needed` bins, however they are placed: a
+    // bound the used count and the used set's cardinality both get (the
+    // bin-packing propagator alone does not tell them).
+    int capacity = 0;
+    for (int j = 0; j < loads.size(); ++j) capacity = std::max(capacity, loads[j].max());
+    for (int i = 0; i < sizes.size(); ++i) items.weights.push_back(sizes[i]);
+    long needed = BinLowerBound(items.weights, capacity);
     if (p->getUsed() != nullptr) {
       GExpr used = toExpr(*_root, p->getUsed(), p, true);
       if (!QelIsIntegerValue(used.offset))
         throw refuse(p, "the used count has a non-integral constant");
       Gecode::IntVar count = Gecode::expr(*_root, used.expr + static_cast<int>(used.offset));
       Gecode::nvalues(*_root, bins, Gecode::IRT_EQ, count);
+      if (bins.size() > 0) Gecode::rel(*_root, count, Gecode::IRT_GQ, static_cast<int>(needed));
     }
+    _packs.push_back(std::move(items));
     if (QelIntSetVarI* s = p->getUsedSet()) {
       QelIntArray possible = s->getPossible();
       Gecode::IntArgs values(static_cast<int>(possible.getSize()));
@@ -174,6 +247,9 @@ class QelGecodeI : public QelEngineI {
       Gecode::rel(*_root, Gecode::SOT_UNION, bins, set);
       if (s->getCardVar() != nullptr)
         Gecode::cardinality(*_root, set, var(*_root, s->getCardVar(), true));
+      if (bins.size() > 0)
+        Gecode::cardinality(*_root, set, static_cast<unsigned int>(needed),
+                            Gecode::Set::Limits::card);
       _setIndex[s] = static_cast<int>(_root->sets.size());
       _root->sets.push_back(set);
     }
@@ -301,6 +377,7 @@ class QelGecodeI : public QelEngineI {
     _varIndex.clear();
     _bounds.clear();
     _setIndex.clear();
+    _packs.clear();
   }
 
   // Integer bounds of `v` in Gecode's range (infinite bounds, from 1e20 on,
@@ -371,7 +448,7 @@ class QelGecodeI : public QelEngineI {
     return home.vars[static_cast<size_t>(it->second)];
   }
 
-  static int IntCoef(QelGecodeI* self, const QelExtractableI* owner, double c) {
+  static int IntCoef(GecodeEngine* self, const QelExtractableI* owner, double c) {
     if (!QelIsIntegerValue(c) || !FitsInt(c))
       throw self->refuse(owner, "the coefficient " + std::to_string(c) +
                                     " is not an integer within Gecode's range");
@@ -430,8 +507,10 @@ class QelGecodeI : public QelEngineI {
   // The expressions of `exprs` as Gecode variables of the root. With
   // `distinct`, a variable is used once only (further uses, and variables
   // already in `taken`, get a copy equal to it).
+  // `indices`, when given, receives the root index of each variable.
   Gecode::IntVarArgs varArgs(const QelExtractableArray& exprs, const QelExtractableI* owner,
-                             std::unordered_set<int>* taken, bool distinct = false) {
+                             std::unordered_set<int>* taken, bool distinct = false,
+                             std::vector<int>* indices = nullptr) {
     std::unordered_set<int> local;
     if (taken == nullptr) taken = &local;
     Gecode::IntVarArgs out;
@@ -443,6 +522,7 @@ class QelGecodeI : public QelEngineI {
         int index = _varIndex.at(v);
         if (!distinct || taken->insert(index).second) {
           out << _root->vars[static_cast<size_t>(index)];
+          if (indices != nullptr) indices->push_back(index);
           continue;
         }
       }
@@ -451,6 +531,7 @@ class QelGecodeI : public QelEngineI {
         throw refuse(owner, "an expression has a non-integral constant");
       Gecode::IntVar copy(*_root, Gecode::Int::Limits::min, Gecode::Int::Limits::max);
       Gecode::rel(*_root, copy == g.expr + static_cast<int>(g.offset));
+      if (indices != nullptr) indices->push_back(static_cast<int>(_root->vars.size()));
       _root->vars.push_back(copy);
       out << copy;
     }
@@ -462,7 +543,148 @@ class QelGecodeI : public QelEngineI {
     return nullptr;
   }
 
+  // The variable selection asked for (first-fail when automatic).
+  Gecode::IntVarBranch varBranch(Gecode::Rnd& rnd) const {
+    switch (_search.variable) {
+      case QelGecodeVarSelect::InOrder:
+        return Gecode::INT_VAR_NONE();
+      case QelGecodeVarSelect::LargestDegree:
+        return Gecode::INT_VAR_DEGREE_MAX();
+      case QelGecodeVarSelect::DomainOverAfc:
+        return Gecode::INT_VAR_AFC_SIZE_MAX();
+      case QelGecodeVarSelect::Random:
+        return Gecode::INT_VAR_RND(rnd);
+      case QelGecodeVarSelect::Automatic:
+      case QelGecodeVarSelect::SmallestDomain:
+        break;
+    }
+    return Gecode::INT_VAR_SIZE_MIN();
+  }
+
+  // The value selection asked for (smallest value when automatic).
+  Gecode::IntValBranch valBranch(Gecode::Rnd& rnd) const {
+    switch (_search.value) {
+      case QelGecodeValSelect::Largest:
+        return Gecode::INT_VAL_MAX();
+      case QelGecodeValSelect::Median:
+        return Gecode::INT_VAL_MED();
+      case QelGecodeValSelect::SplitLower:
+        return Gecode::INT_VAL_SPLIT_MIN();
+      case QelGecodeValSelect::SplitUpper:
+        return Gecode::INT_VAL_SPLIT_MAX();
+      case QelGecodeValSelect::Random:
+        return Gecode::INT_VAL_RND(rnd);
+      case QelGecodeValSelect::Automatic:
+      case QelGecodeValSelect::Smallest:
+        break;
+    }
+    return Gecode::INT_VAL_MIN();
+  }
+
+  // The branchings of the searched space: with automatic variable
+  // selection, the items of the packs first, heaviest first, each into the
+  // first bin that takes it; then the model's variables with the chosen
+  // selections; then the auxiliary variables and the sets, so that every
+  // variable has a value in a solution; the criteria last.
+  void postBranching(ModelSpace& work) const {
+    Gecode::Rnd rnd(_search.seed);
+    std::vector<char> done(work.vars.size(), 0);
+    if (_search.variable == QelGecodeVarSelect::Automatic) {
+      for (const PackItems& pack : _packs) {
+        std::vector<size_t> order(pack.bins.size());
+        std::iota(order.begin(), order.end(), size_t{0});
+        std::stable_sort(order.begin(), order.end(),
+                         [&pack](size_t a, size_t b) { return pack.weights[a] > pack.weights[b]; });
+        Gecode::IntVarArgs items;
+        for (size_t i : order) {
+          auto index = static_cast<size_t>(pack.bins[i]);
+          if (done[index] != 0) continue;
+          done[index] = 1;
+          items << work.vars[index];
+        }
+        if (items.size() > 0) Gecode::branch(work, items, Gecode::INT_VAR_NONE(), valBranch(rnd));
+      }
+    }
+    std::vector<char> isModel(work.vars.size(), 0);
+    for (const auto& entry : _varIndex) isModel[static_cast<size_t>(entry.second)] = 1;
+    Gecode::IntVarArgs model;
+    Gecode::IntVarArgs aux;
+    for (size_t i = 0; i < work.vars.size(); ++i)
+      if (done[i] == 0) (isModel[i] != 0 ? model : aux) << work.vars[i];
+    if (model.size() > 0) Gecode::branch(work, model, varBranch(rnd), valBranch(rnd));
+    if (aux.size() > 0) Gecode::branch(work, aux, Gecode::INT_VAR_NONE(), Gecode::INT_VAL_MIN());
+    if (!work.sets.empty()) {
+      Gecode::SetVarArgs sets;
+      for (const auto& set : work.sets) sets << set;
+      Gecode::branch(work, sets, Gecode::SET_VAR_NONE(), Gecode::SET_VAL_MIN_INC());
+    }
+    if (work.costs.size() > 0)
+      Gecode::branch(work, work.costs, Gecode::INT_VAR_NONE(), Gecode::INT_VAL_MIN());
+  }
+
+  // Makes `s` the held solution.
+  void storeSolution(const ModelSpace& s, const std::vector<double>& offsets) {
+    for (const auto& entry : _varIndex)
+      setValue(entry.first, s.vars[static_cast<size_t>(entry.second)].val());
+    for (const auto& entry : _setIndex) {
+      std::vector<QelInt> value;
+      for (Gecode::SetVarGlbValues it(s.sets[static_cast<size_t>(entry.second)]); it(); ++it)
+        value.push_back(it.val());
+      setSetValue(entry.first, value);
+    }
+    std::vector<double> objValues;
+    for (int i = 0; i < s.costs.size(); ++i)
+      objValues.push_back(s.costs[i].val() + offsets[static_cast<size_t>(i)]);
+    setEngineObjValues(objValues);
+  }
+
+  // Runs the search engine `E` over `work` until it is exhausted or
+  // stopped: keeps the last (best) solution, or hands every solution to the
+  // enumeration. Returns whether a solution was found and sets `stopped`.
+  template <class E>
+  bool run(ModelSpace* work, const Gecode::Search::Options& options,
+           const std::vector<double>& offsets, bool optimize, bool& stopped) {
+    E engine(work, options);
+    std::unique_ptr<ModelSpace> best;
+    bool cut = false;  // stopped by the solution limit or the callback
+    while (ModelSpace* s = engine.next()) {
+      best.reset(s);
+      ++_searchStats.solutions;
+      if (_enumerate != nullptr) {
+        storeSolution(*best, offsets);
+        ++_enumerated;
+        if (!(*_enumerate)(*this) || _enumerated == _enumerateLimit) {
+          cut = true;
+          break;
+        }
+      } else if (!optimize) {
+        break;
+      }
+      if (_search.solutionLimit > 0 && _searchStats.solutions >= _search.solutionLimit) {
+        cut = true;
+        break;
+      }
+    }
+    Gecode::Search::Statistics st = engine.statistics();
+    _searchStats.nodes = st.node;
+    _searchStats.fails = st.fail;
+    _searchStats.restarts = st.restart;
+    _searchStats.depth = st.depth;
+    stopped = cut || engine.stopped();
+    if (best && _enumerate == nullptr) storeSolution(*best, offsets);
+    return _searchStats.solutions > 0;
+  }
+
   QelEngineStatus search() {
+    _searchStats = QelGecodeSearchStats();
+    auto started = std::chrono::steady_clock::now();
+    QelEngineStatus status = searchRoot();
+    _searchStats.seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    return status;
+  }
+
+  QelEngineStatus searchRoot() {
     if (_root->status() == Gecode::SS_FAILED) return QelEngineStatus::Infeasible;
     std::unique_ptr<ModelSpace> work(static_cast<ModelSpace*>(_root->clone()));
     const QelObjectiveI* obj = getObjective();
@@ -478,57 +700,35 @@ class QelGecodeI : public QelEngineI {
       work->costs = Gecode::IntVarArray(*work, costs);
       work->sense = obj->getSense() == QelObjective::Minimize ? 1 : -1;
     }
-    // Branch on the model's variables first, then on the auxiliary ones and
-    // the sets, so that every variable has a value in a solution.
-    std::vector<bool> isModel(work->vars.size(), false);
-    for (const auto& entry : _varIndex) isModel[static_cast<size_t>(entry.second)] = true;
-    Gecode::IntVarArgs model;
-    Gecode::IntVarArgs aux;
-    for (size_t i = 0; i < work->vars.size(); ++i) (isModel[i] ? model : aux) << work->vars[i];
-    if (model.size() > 0)
-      Gecode::branch(*work, model, Gecode::INT_VAR_SIZE_MIN(), Gecode::INT_VAL_MIN());
-    if (aux.size() > 0) Gecode::branch(*work, aux, Gecode::INT_VAR_NONE(), Gecode::INT_VAL_MIN());
-    if (!work->sets.empty()) {
-      Gecode::SetVarArgs sets;
-      for (const auto& s : work->sets) sets << s;
-      Gecode::branch(*work, sets, Gecode::SET_VAR_NONE(), Gecode::SET_VAL_MIN_INC());
-    }
-    if (work->costs.size() > 0)
-      Gecode::branch(*work, work->costs, Gecode::INT_VAR_NONE(), Gecode::INT_VAL_MIN());
+    postBranching(*work);
 
     Gecode::Search::Options options;
-    options.threads = 1;
-    std::unique_ptr<Gecode::Search::Stop> stop;
-    if (getTimeLimit() > 0) {
-      stop = std::make_unique<Gecode::Search::TimeStop>(
-          static_cast<unsigned long long>(getTimeLimit() * 1000.0));
-      options.stop = stop.get();
+    options.threads = _search.threads;
+    Limits limits(_search, getTimeLimit());
+    options.stop = &limits;
+    bool restarts = _search.restart != QelGecodeRestart::None && _enumerate == nullptr;
+    if (restarts) {
+      options.cutoff =
+          _search.restart == QelGecodeRestart::Luby
+              ? Gecode::Search::Cutoff::luby(_search.restartScale)
+              : Gecode::Search::Cutoff::geometric(_search.restartScale, _search.restartBase);
     }
-    std::unique_ptr<ModelSpace> best;
+    bool optimize = obj != nullptr;
     bool stopped = false;
-    if (obj != nullptr) {
-      Gecode::BAB<ModelSpace> engine(work.get(), options);
-      while (ModelSpace* s = engine.next()) best.reset(s);
-      stopped = engine.stopped();
-    } else {
-      Gecode::DFS<ModelSpace> engine(work.get(), options);
-      best.reset(engine.next());
-      stopped = engine.stopped();
-    }
-    if (!best) return stopped ? QelEngineStatus::Unknown : QelEngineStatus::Infeasible;
-
-    for (const auto& entry : _varIndex)
-      setValue(entry.first, best->vars[static_cast<size_t>(entry.second)].val());
-    for (const auto& entry : _setIndex) {
-      std::vector<QelInt> value;
-      for (Gecode::SetVarGlbValues it(best->sets[static_cast<size_t>(entry.second)]); it(); ++it)
-        value.push_back(it.val());
-      setSetValue(entry.first, value);
-    }
-    std::vector<double> objValues;
-    for (int i = 0; i < best->costs.size(); ++i)
-      objValues.push_back(best->costs[i].val() + offsets[static_cast<size_t>(i)]);
-    setEngineObjValues(objValues);
+    bool found = false;
+    if (optimize)
+      found = restarts ? run<Gecode::RBS<ModelSpace, Gecode::BAB>>(work.get(), options, offsets,
+                                                                   true, stopped)
+                       : run<Gecode::BAB<ModelSpace>>(work.get(), options, offsets, true, stopped);
+    else
+      found = restarts ? run<Gecode::RBS<ModelSpace, Gecode::DFS>>(work.get(), options, offsets,
+                                                                   false, stopped)
+                       : run<Gecode::DFS<ModelSpace>>(work.get(), options, offsets, false, stopped);
+    _searchStats.stopped = stopped;
+    if (!found) return stopped ? QelEngineStatus::Unknown : QelEngineStatus::Infeasible;
+    // A satisfaction model is solved by its first solution; an optimization
+    // or an enumeration only when the search was exhausted.
+    if (!optimize && _enumerate == nullptr) return QelEngineStatus::Optimal;
     return stopped ? QelEngineStatus::Feasible : QelEngineStatus::Optimal;
   }
 
@@ -536,13 +736,33 @@ class QelGecodeI : public QelEngineI {
   std::unordered_map<const QelNumVarI*, int> _varIndex;
   std::unordered_map<const QelNumVarI*, Bounds> _bounds;
   std::unordered_map<const QelIntSetVarI*, int> _setIndex;
+  std::vector<PackItems> _packs;
 };
 
-QEL_RTTI_DEF(QelGecodeI)
+QEL_RTTI_DEF(GecodeEngine)
 
 }  // namespace
 
-QelEngineI* QelNewGecodeEngine(QelEnv env) {
+QEL_RTTI_DEF(QelGecodeI)
+
+long QelGecodeI::enumerate(const SolutionCallback& callback, long maxSolutions) {
+  if (getObjective() != nullptr)
+    throw QelWrongUsage("QelGecodeI::enumerate: the model has an objective; use solve()");
+  if (maxSolutions < 0) throw QelWrongUsage("QelGecodeI::enumerate: negative solution count");
+  // solve() brings the form up to date and runs the search, which visits
+  // every solution while _enumerate is set.
+  struct Reset {
+    QelGecodeI* self;
+    ~Reset() { self->_enumerate = nullptr; }
+  } reset{this};
+  _enumerate = &callback;
+  _enumerateLimit = maxSolutions;
+  _enumerated = 0;
+  solve();
+  return _enumerated;
+}
+
+QelGecodeI* QelNewGecodeEngine(QelEnv env) {
   if (env.getImpl() == nullptr) throw QelEmptyHandleException("QelEnv: using empty handle");
-  return QelNewObject<QelGecodeI>(env.getImpl(), env.getImpl());
+  return QelNewObject<GecodeEngine>(env.getImpl(), env.getImpl());
 }
