@@ -75,9 +75,8 @@ std::string QelEngineLog::EndLine(const char* engine, const QelSolveReport& r) {
   else
     os << (solution ? Number(r.objective) : "-");
   os << "  bound " << (r.hasObjective ? Number(r.bestBound) : "-") << "  gap "
-     << Percent(r.hasObjective && solution ? r.gap : -1) << "  nodes " << r.nodes
-     << "  iterations " << r.iterations << "  solutions " << r.solutions << "  time "
-     << Seconds(r.time);
+     << Percent(r.hasObjective && solution ? r.gap : -1) << "  nodes " << r.nodes << "  iterations "
+     << r.iterations << "  solutions " << r.solutions << "  time " << Seconds(r.time);
   return os.str();
 }
 
@@ -215,8 +214,7 @@ bool QelEngineI::reportProgress(const QelEngineProgress& progress, bool force) {
     _lastLogLine = progress.time;
     logLine(1, QelEngineLog::ProgressLine(_engineName, progress));
   }
-  if (_callback && !_report.stoppedByCallback &&
-      _callback(progress) == QelProgressReply::Stop)
+  if (_callback && !_report.stoppedByCallback && _callback(progress) == QelProgressReply::Stop)
     _report.stoppedByCallback = true;
   return _report.stoppedByCallback;
 }
@@ -225,8 +223,10 @@ void QelEngineI::logStart() {
   if (_params.logLevel < 1) return;
   std::map<std::string, long> byClass;
   for (const QelExtractableI* m : getMembers()) {
-    if (QelDynamicCast<const QelNumVarI>(m) != nullptr || QelDynamicCast<const QelObjectiveI>(m) != nullptr ||
-        QelDynamicCast<const QelIntSetVarI>(m) != nullptr || QelDynamicCast<const QelIntervalVarI>(m) != nullptr)
+    if (QelDynamicCast<const QelNumVarI>(m) != nullptr ||
+        QelDynamicCast<const QelObjectiveI>(m) != nullptr ||
+        QelDynamicCast<const QelIntSetVarI>(m) != nullptr ||
+        QelDynamicCast<const QelIntervalVarI>(m) != nullptr)
       continue;
     ++byClass[m->getRttiTypeName()];
   }

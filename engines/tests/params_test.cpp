@@ -254,8 +254,9 @@ TEST_F(ParamsTest, ReportAndRemovedObjective) {
   EXPECT_EQ(handle.solve(), QelEngineStatus::Optimal);
   EXPECT_FALSE(handle.getReport().hasObjective);
   EXPECT_TRUE(handle.getReport().objectiveRemoved);
-  EXPECT_NE(log.str().find("[Scripted] the model's objective was removed: solved without objective"),
-            std::string::npos)
+  EXPECT_NE(
+      log.str().find("[Scripted] the model's objective was removed: solved without objective"),
+      std::string::npos)
       << log.str();
   EXPECT_NE(log.str().find("end: Optimal  objective none (the objective was removed)"),
             std::string::npos)
@@ -313,11 +314,13 @@ TEST(ParamsLog, LineShapes) {
   QelFormSize size{3, 5, 4};
   EXPECT_EQ(QelEngineLog::StartLine("X", size, {{"QelPackI", 1}, {"QelRangeI", 2}}),
             "[X] start: 3 rows, 5 columns (4 integer); QelPackI 1, QelRangeI 2");
-  EXPECT_EQ(QelEngineLog::StartLine("X", {}, {}), "[X] start: 0 rows, 0 columns (0 integer); no constraints");
+  EXPECT_EQ(QelEngineLog::StartLine("X", {}, {}),
+            "[X] start: 0 rows, 0 columns (0 integer); no constraints");
   QelEngineProgress p;
   p.time = 12.345;
   p.nodes = 7;
-  EXPECT_EQ(QelEngineLog::ProgressLine("X", p), "[X] 12.35 s  nodes 7  incumbent -  bound -  gap -");
+  EXPECT_EQ(QelEngineLog::ProgressLine("X", p),
+            "[X] 12.35 s  nodes 7  incumbent -  bound -  gap -");
   QelSolveReport r;
   r.status = QelEngineStatus::Infeasible;
   r.time = 0.5;
