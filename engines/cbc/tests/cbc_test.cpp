@@ -4,6 +4,7 @@
 #include <string>
 
 #include <engines/cbc/cbc.h>
+#include <engines/common/linear.h>
 #include <engines/tests/support/enginetest.h>
 
 using namespace enginetest;
@@ -354,3 +355,76 @@ TEST_F(CbcTest, InfeasibleAndUnboundedModels) {
 }
 
 }  // namespace
+
+// A piecewise-linear cost (SOS2 over the breakpoints) with integer
+// quantities under a two-criteria lexicographic objective; the answer is
+// compared with the two stages solved by hand, each with a single
+// objective, in fresh engines.
+struct PiecewiseLex {
+  explicit PiecewiseLex(QelEnv env) : model(env, "plex"), q(env, 3, 0, 6) {
+    // Three products, integer quantities q[i] in [0, 6], q0 + q1 + q2 >= 7;
+    // the cost of the total x = 2 q0 + q1 + 3 q2 is piecewise linear over
+    // the breakpoints 0, 5, 10, 20, 30 (slopes 1, 3, 0.5, 4).
+    const double bx[] = {0, 5, 10, 20, 30};
+    const double by[] = {0, 5, 20, 25, 65};
+    QelNumVarArray lambda(env, 5, 0, 1);
+    QelNumArray xs(env, 5), ys(env, 5);
+    QelSOS2 pieces(env, "pieces");
+    for (int k = 0; k < 5; ++k) {
+      xs.set(k, bx[k]);
+      ys.set(k, by[k]);
+      pieces->addVar(lambda[k]);
+      pieces->addVal(k);
+    }
+    QelNumExpr total = 2 * q[0] + q[1] + 3 * q[2];
+    model.add(pieces);
+    model.add(QelRange(env, 1, QelSum(lambda), 1, "convex"));
+    model.add(QelRange(env, 0, QelScalProd(lambda, xs) - total, 0, "x"));
+    model.add(QelRange(env, 7, q[0] + q[1] + q[2], QelInfiniteBound, "demand"));
+    model.add(QelRange(env, -QelInfiniteBound, q[0] - q[1], 2, "balance"));
+    cost = QelScalProd(lambda, ys);
+    second = q[2] - q[0];  // then prefer less of product 2, more of product 0
+    xs.end();
+    ys.end();
+  }
+  QelModel model;
+  QelIntVarArray q;
+  QelNumExpr cost, second;
+};
+
+TEST_F(CbcTest, LexicographicObjectiveOverSOS2AndIntegers) {
+  PiecewiseLex p(env);
+  // By hand: stage 1 minimizes the cost; stage 2 minimizes the second
+  // criterion with the cost kept at its optimum.
+  EnginePtr one(Make(env));
+  QelObjective first(env, p.cost, QelObjective::Minimize, "first");
+  p.model.add(first);
+  one->extract(p.model.getImpl());
+  ASSERT_EQ(one->solve(), QelEngineStatus::Optimal);
+  double bestCost = one->getObjValue();
+  p.model.remove(first);
+  one.reset();
+
+  EnginePtr two(Make(env));
+  QelRange keep(env, -QelInfiniteBound, p.cost, bestCost + 1e-7, "keep");
+  QelObjective secondObj(env, p.second, QelObjective::Minimize, "second");
+  p.model.add(keep);
+  p.model.add(secondObj);
+  two->extract(p.model.getImpl());
+  ASSERT_EQ(two->solve(), QelEngineStatus::Optimal);
+  double bestSecond = two->getObjValue();
+  p.model.remove(secondObj);
+  p.model.remove(keep);
+  two.reset();
+
+  QelObjective lex = QelMinimize(env, QelStaticLex(env, p.cost, p.second), "lex");
+  p.model.add(lex);
+  mip->extract(p.model.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(0), bestCost, 1e-6);
+  EXPECT_NEAR(mip->getObjValue(1), bestSecond, 1e-6);
+  EXPECT_EQ(CheckSolution(mip.get(), p.model.getImpl()), 5);
+  // Solved again (the stages' rows do not stay in the form).
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(1), bestSecond, 1e-6);
+}
