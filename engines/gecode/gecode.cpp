@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <memory>
+#include <mutex>
 #include <numeric>
 #include <string>
 #include <unordered_map>
@@ -62,6 +63,33 @@ bool FitsInt(double v) {
   return std::isfinite(v) && v >= Gecode::Int::Limits::min && v <= Gecode::Int::Limits::max;
 }
 
+// The names of the choices a setting takes by name.
+template <class T>
+using Names = std::vector<std::pair<const char*, T>>;
+
+Names<QelGecodeVarSelect> VarSelectNames() {
+  return {{"auto", QelGecodeVarSelect::Automatic},
+          {"inorder", QelGecodeVarSelect::InOrder},
+          {"firstfail", QelGecodeVarSelect::SmallestDomain},
+          {"degree", QelGecodeVarSelect::LargestDegree},
+          {"domafc", QelGecodeVarSelect::DomainOverAfc},
+          {"random", QelGecodeVarSelect::Random}};
+}
+
+Names<QelGecodeValSelect> ValSelectNames() {
+  return {
+      {"auto", QelGecodeValSelect::Automatic},      {"min", QelGecodeValSelect::Smallest},
+      {"max", QelGecodeValSelect::Largest},         {"median", QelGecodeValSelect::Median},
+      {"splitmin", QelGecodeValSelect::SplitLower}, {"splitmax", QelGecodeValSelect::SplitUpper},
+      {"random", QelGecodeValSelect::Random}};
+}
+
+Names<QelGecodeRestart> RestartNames() {
+  return {{"none", QelGecodeRestart::None},
+          {"luby", QelGecodeRestart::Luby},
+          {"geometric", QelGecodeRestart::Geometric}};
+}
+
 // The items of one pack, for the pack-aware search and its bound.
 struct PackItems {
   std::vector<int> bins;     // the root variables holding each item's bin
@@ -72,7 +100,9 @@ struct PackItems {
 // that the items of `w` need: for each threshold k <= c/2, the items above
 // c - k need a bin each, so do the items above c/2, and the items between k
 // and c/2 fill the room those leave plus further bins.
-long BinLowerBound(std::vector<int> w, long c) {
+}  // namespace
+
+long QelGecodeBinLowerBound(std::vector<int> w, long c) {
   if (c <= 0 || w.empty()) return 0;
   std::sort(w.begin(), w.end(), std::greater<int>());
   long total = std::accumulate(w.begin(), w.end(), 0L);
@@ -101,26 +131,7 @@ long BinLowerBound(std::vector<int> w, long c) {
   return best;
 }
 
-// Stops the search at the engine's limits.
-class Limits : public Gecode::Search::Stop {
- public:
-  Limits(const QelGecodeSearch& s, double seconds)
-      : _nodes(s.nodeLimit), _fails(s.failLimit), _seconds(seconds) {}
-  bool stop(const Gecode::Search::Statistics& st, const Gecode::Search::Options&) override {
-    if (_nodes > 0 && st.node >= _nodes) return true;
-    if (_fails > 0 && st.fail >= _fails) return true;
-    return _seconds > 0 && elapsed() >= _seconds;
-  }
-  double elapsed() const {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - _start).count();
-  }
-
- private:
-  unsigned long _nodes;
-  unsigned long _fails;
-  double _seconds;
-  std::chrono::steady_clock::time_point _start = std::chrono::steady_clock::now();
-};
+namespace {
 
 class GecodeEngine : public QelGecodeI {
   QEL_RTTI_DECL(GecodeEngine, QelGecodeI)
@@ -226,7 +237,7 @@ class GecodeEngine : public QelGecodeI {
     int capacity = 0;
     for (int j = 0; j < loads.size(); ++j) capacity = std::max(capacity, loads[j].max());
     for (int i = 0; i < sizes.size(); ++i) items.weights.push_back(sizes[i]);
-    long needed = BinLowerBound(items.weights, capacity);
+    long needed = QelGecodeBinLowerBound(items.weights, capacity);
     if (p->getUsed() != nullptr) {
       GExpr used = toExpr(*_root, p->getUsed(), p, true);
       if (!QelIsIntegerValue(used.offset))
@@ -365,6 +376,45 @@ class GecodeEngine : public QelGecodeI {
     }
   }
 
+  QelFormSize getFormSize() const override {
+    QelFormSize size;
+    if (!_root->failed())
+      for (Gecode::Propagators p(*_root, Gecode::PropagatorGroup::all); p(); ++p) ++size.rows;
+    size.columns = static_cast<long>(_root->vars.size());
+    size.integers = size.columns;
+    return size;
+  }
+
+ public:
+  std::vector<std::string> getEngineParamNames() const override {
+    return {"varSelect", "valSelect", "restart", "restartScale", "restartBase", "failLimit"};
+  }
+
+ protected:
+  bool setEngineParam(const std::string& name, const std::string& value) override {
+    if (name == "varSelect") {
+      _search.variable = Choice(name, value, VarSelectNames());
+    } else if (name == "valSelect") {
+      _search.value = Choice(name, value, ValSelectNames());
+    } else if (name == "restart") {
+      _search.restart = Choice(name, value, RestartNames());
+    } else if (name == "restartScale" || name == "failLimit") {
+      double v = paramNumber(name, value);
+      if (v < 0 || v != std::floor(v) || v > 1e15)
+        throw badParam(name, "\"" + value + "\" is not a whole number from 0 to 1e15");
+      if (name == "restartScale" && v < 1) throw badParam(name, "the scale must be at least 1");
+      (name == "failLimit" ? _search.failLimit : _search.restartScale) =
+          static_cast<unsigned long>(v);
+    } else if (name == "restartBase") {
+      double v = paramNumber(name, value);
+      if (!(v > 1 && v <= 100)) throw badParam(name, "the base must lie in (1, 100]");
+      _search.restartBase = v;
+    } else {
+      return false;
+    }
+    return true;
+  }
+
  private:
   struct Bounds {
     double lb;
@@ -378,6 +428,17 @@ class GecodeEngine : public QelGecodeI {
     _bounds.clear();
     _setIndex.clear();
     _packs.clear();
+  }
+
+  // The choice named `value` among `names`, or the error listing them.
+  template <class T>
+  T Choice(const std::string& name, const std::string& value, const Names<T>& names) const {
+    std::string known;
+    for (const auto& n : names) {
+      if (value == n.first) return n.second;
+      known += (known.empty() ? "" : ", ") + std::string(n.first);
+    }
+    throw badParam(name, "\"" + value + "\" is not one of " + known);
   }
 
   // Integer bounds of `v` in Gecode's range (infinite bounds, from 1e20 on,
@@ -543,6 +604,59 @@ class GecodeEngine : public QelGecodeI {
     return nullptr;
   }
 
+  // Stops the search at the engine's limits and reports its progress (the
+  // log's lines, the progress callback, which may ask to stop). Gecode's
+  // parallel search calls it from its threads: the figures are guarded.
+  class Limits : public Gecode::Search::Stop {
+   public:
+    Limits(GecodeEngine& engine, unsigned long nodes, unsigned long fails)
+        : _engine(engine), _nodes(nodes), _fails(fails) {}
+    bool stop(const Gecode::Search::Statistics& st, const Gecode::Search::Options&) override {
+      if (_nodes > 0 && st.node >= _nodes) return true;
+      if (_fails > 0 && st.fail >= _fails) return true;
+      std::lock_guard<std::mutex> lock(_mutex);
+      _progress.nodes = std::max(_progress.nodes, static_cast<long>(st.node));
+      if (_stopped) return true;
+      // The clock is read every 64 nodes, the figures reported every tenth
+      // of a second.
+      if ((++_calls & 63U) != 0) return false;
+      double now = _engine.elapsed();
+      if (_engine.getTimeLimit() > 0 && _engine.remainingTime() <= 0) return _stopped = true;
+      if (now - _reported < 0.1) return false;
+      _reported = now;
+      _progress.time = now;
+      _stopped = _engine.reportProgress(_progress);
+      return _stopped;
+    }
+    // A new solution: its figures, reported at once to the callback.
+    bool solution(double incumbent, long solutions, long nodes) {
+      std::lock_guard<std::mutex> lock(_mutex);
+      _progress.hasIncumbent = true;
+      _progress.incumbent = incumbent;
+      _progress.solutions = solutions;
+      _progress.nodes = std::max(_progress.nodes, nodes);
+      _progress.time = _engine.elapsed();
+      _stopped = _engine.reportProgress(_progress) || _stopped;
+      return _stopped;
+    }
+    // The bound the root propagation gives the first criterion.
+    void setBound(double bound) {
+      _progress.hasBound = true;
+      _progress.bound = bound;
+    }
+    const QelEngineProgress& progress() const { return _progress; }
+
+   private:
+    GecodeEngine& _engine;
+    unsigned long _nodes;
+    unsigned long _fails;
+    std::mutex _mutex;
+    QelEngineProgress _progress;
+    unsigned long _calls = 0;
+    double _reported = 0;
+    bool _stopped = false;
+  };
+
   // The variable selection asked for (first-fail when automatic).
   Gecode::IntVarBranch varBranch(Gecode::Rnd& rnd) const {
     switch (_search.variable) {
@@ -587,7 +701,7 @@ class GecodeEngine : public QelGecodeI {
   // selections; then the auxiliary variables and the sets, so that every
   // variable has a value in a solution; the criteria last.
   void postBranching(ModelSpace& work) const {
-    Gecode::Rnd rnd(_search.seed);
+    Gecode::Rnd rnd(static_cast<unsigned int>(std::max(0, getParams().randomSeed)));
     std::vector<char> done(work.vars.size(), 0);
     if (_search.variable == QelGecodeVarSelect::Automatic) {
       for (const PackItems& pack : _packs) {
@@ -643,27 +757,29 @@ class GecodeEngine : public QelGecodeI {
   // enumeration. Returns whether a solution was found and sets `stopped`.
   template <class E>
   bool run(ModelSpace* work, const Gecode::Search::Options& options,
-           const std::vector<double>& offsets, bool optimize, bool& stopped) {
+           const std::vector<double>& offsets, bool optimize, Limits& limits, bool& stopped) {
     E engine(work, options);
     std::unique_ptr<ModelSpace> best;
-    bool cut = false;  // stopped by the solution limit or the callback
+    bool cut = false;  // stopped by a limit of ours, the callback or the gap
+    auto solutionLimit = static_cast<unsigned long>(getParams().solutionLimit);
     while (ModelSpace* s = engine.next()) {
       best.reset(s);
       ++_searchStats.solutions;
+      double incumbent = best->costs.size() > 0 ? best->costs[0].val() + offsets[0] : 0;
+      if (limits.solution(incumbent, static_cast<long>(_searchStats.solutions),
+                          static_cast<long>(engine.statistics().node)))
+        cut = true;
       if (_enumerate != nullptr) {
         storeSolution(*best, offsets);
         ++_enumerated;
-        if (!(*_enumerate)(*this) || _enumerated == _enumerateLimit) {
-          cut = true;
-          break;
-        }
+        if (!(*_enumerate)(*this) || _enumerated == _enumerateLimit) cut = true;
       } else if (!optimize) {
         break;
-      }
-      if (_search.solutionLimit > 0 && _searchStats.solutions >= _search.solutionLimit) {
+      } else if (gapReached(limits.progress())) {
         cut = true;
-        break;
       }
+      if (solutionLimit > 0 && _searchStats.solutions >= solutionLimit) cut = true;
+      if (cut) break;
     }
     Gecode::Search::Statistics st = engine.statistics();
     _searchStats.nodes = st.node;
@@ -673,6 +789,16 @@ class GecodeEngine : public QelGecodeI {
     stopped = cut || engine.stopped();
     if (best && _enumerate == nullptr) storeSolution(*best, offsets);
     return _searchStats.solutions > 0;
+  }
+
+  // Whether the incumbent is within the gaps asked for of the bound.
+  bool gapReached(const QelEngineProgress& p) const {
+    if (!p.hasIncumbent || !p.hasBound) return false;
+    double gap = std::fabs(p.incumbent - p.bound);
+    const QelEngineParams& params = getParams();
+    if (params.absoluteGap >= 0 && gap <= params.absoluteGap) return true;
+    return params.relativeGap >= 0 &&
+           gap <= params.relativeGap * std::max(1e-10, std::fabs(p.incumbent));
   }
 
   QelEngineStatus search() {
@@ -701,10 +827,16 @@ class GecodeEngine : public QelGecodeI {
       work->sense = obj->getSense() == QelObjective::Minimize ? 1 : -1;
     }
     postBranching(*work);
+    Limits limits(*this, static_cast<unsigned long>(getParams().nodeLimit), _search.failLimit);
+    if (obj != nullptr) {
+      // The bound root propagation gives the first criterion.
+      if (work->status() == Gecode::SS_FAILED) return QelEngineStatus::Infeasible;
+      const Gecode::IntVar& first = work->costs[0];
+      limits.setBound((work->sense > 0 ? first.min() : first.max()) + offsets[0]);
+    }
 
     Gecode::Search::Options options;
-    options.threads = _search.threads;
-    Limits limits(_search, getTimeLimit());
+    options.threads = getParams().threads;
     options.stop = &limits;
     bool restarts = _search.restart != QelGecodeRestart::None && _enumerate == nullptr;
     if (restarts) {
@@ -716,19 +848,31 @@ class GecodeEngine : public QelGecodeI {
     bool optimize = obj != nullptr;
     bool stopped = false;
     bool found = false;
+    ModelSpace* root = work.get();
     if (optimize)
-      found = restarts ? run<Gecode::RBS<ModelSpace, Gecode::BAB>>(work.get(), options, offsets,
-                                                                   true, stopped)
-                       : run<Gecode::BAB<ModelSpace>>(work.get(), options, offsets, true, stopped);
+      found = restarts
+                  ? run<Gecode::RBS<ModelSpace, Gecode::BAB>>(root, options, offsets, true, limits,
+                                                              stopped)
+                  : run<Gecode::BAB<ModelSpace>>(root, options, offsets, true, limits, stopped);
     else
-      found = restarts ? run<Gecode::RBS<ModelSpace, Gecode::DFS>>(work.get(), options, offsets,
-                                                                   false, stopped)
-                       : run<Gecode::DFS<ModelSpace>>(work.get(), options, offsets, false, stopped);
+      found = restarts
+                  ? run<Gecode::RBS<ModelSpace, Gecode::DFS>>(root, options, offsets, false, limits,
+                                                              stopped)
+                  : run<Gecode::DFS<ModelSpace>>(root, options, offsets, false, limits, stopped);
+    QelSolveReport& r = report();
+    r.nodes = static_cast<long>(_searchStats.nodes);
+    r.solutions = static_cast<long>(_searchStats.solutions);
+    if (limits.progress().hasBound) r.bestBound = limits.progress().bound;
+    if (found && optimize && !stopped) r.bestBound = limits.progress().incumbent;
     _searchStats.stopped = stopped;
     if (!found) return stopped ? QelEngineStatus::Unknown : QelEngineStatus::Infeasible;
     // A satisfaction model is solved by its first solution; an optimization
     // or an enumeration only when the search was exhausted.
     if (!optimize && _enumerate == nullptr) return QelEngineStatus::Optimal;
+    // Stopped (by a gap, say) at an incumbent equal to the bound: proven.
+    if (optimize && _enumerate == nullptr && limits.progress().hasBound &&
+        limits.progress().incumbent == limits.progress().bound)
+      return QelEngineStatus::Optimal;
     return stopped ? QelEngineStatus::Feasible : QelEngineStatus::Optimal;
   }
 
@@ -762,7 +906,7 @@ long QelGecodeI::enumerate(const SolutionCallback& callback, long maxSolutions) 
   return _enumerated;
 }
 
-QelGecodeI* QelNewGecodeEngine(QelEnv env) {
+QelEngineI* QelNewGecodeEngine(QelEnv env) {
   if (env.getImpl() == nullptr) throw QelEmptyHandleException("QelEnv: using empty handle");
   return QelNewObject<GecodeEngine>(env.getImpl(), env.getImpl());
 }

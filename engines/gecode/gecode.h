@@ -30,8 +30,14 @@
 // searched first-fail (smallest domain first, smallest value first). A
 // QelGecodeSearch replaces the default: variable and value selection,
 // restarts with a Luby or geometric cutoff sequence (counted in failures),
-// and limits on nodes, failures, solutions and time; `threads` above 1 runs
-// Gecode's parallel search.
+// and a limit on failures. The shared settings apply as well: time, node
+// and solution limits, gaps (against the bound the root propagation gives
+// the first criterion), the seed of the random selections, and `threads`
+// above 1 for Gecode's parallel search (the node and failure limits then
+// count each thread's own nodes). At log level 1 the start line counts the
+// form's propagators as rows and its variables as columns; progress lines
+// and the progress callback come from the search, at most every tenth of a
+// second for the callback and every second for the log.
 //
 // Several solutions: enumerate(callback, n) visits every solution of a
 // model without objective (or the first n), setting the engine's values
@@ -52,6 +58,7 @@
 #define QEL_ENGINES_GECODE_GECODE_H
 
 #include <functional>
+#include <vector>
 
 #include <engines/common/engine.h>
 
@@ -83,18 +90,19 @@ enum class QelGecodeRestart {
   Geometric  ///< cutoffs scale * base^k
 };
 
-/// How the Gecode engine searches (0 for a limit: none).
+/// How the Gecode engine searches, beyond the shared settings (time, node
+/// and solution limits, threads, seed, gaps, log level: QelEngineParams).
+/// Each field can also be set by name through setParam: "varSelect"
+/// (auto, inorder, firstfail, degree, domafc, random), "valSelect" (auto,
+/// min, max, median, splitmin, splitmax, random), "restart" (none, luby,
+/// geometric), "restartScale", "restartBase", "failLimit".
 struct QelGecodeSearch {
   QelGecodeVarSelect variable = QelGecodeVarSelect::Automatic;  ///< variable selection
   QelGecodeValSelect value = QelGecodeValSelect::Automatic;     ///< value selection
   QelGecodeRestart restart = QelGecodeRestart::None;            ///< restart policy
   unsigned long restartScale = 100;  ///< failures of the first restart cutoff
   double restartBase = 1.5;          ///< growth of the geometric cutoff
-  unsigned long nodeLimit = 0;       ///< stop after this many nodes
-  unsigned long failLimit = 0;       ///< stop after this many failures
-  unsigned long solutionLimit = 0;   ///< stop after this many solutions
-  unsigned int threads = 1;          ///< search threads (0: one per core)
-  unsigned int seed = 0;             ///< seed of the random selections
+  unsigned long failLimit = 0;       ///< stop after this many failures (0: none)
 };
 
 /// What the last search of the Gecode engine did.
@@ -119,7 +127,7 @@ class QelGecodeI : public QelEngineI {
   /// An engine attached to `env`.
   explicit QelGecodeI(QelEnvI* env) : QelEngineI(env, "Gecode") {}
 
-  /// Sets how the next searches go.
+  /// Sets how the next searches go (the search settings of the engine's own).
   void setSearch(const QelGecodeSearch& search) { _search = search; }
   /// How the searches go.
   const QelGecodeSearch& getSearch() const { return _search; }
@@ -149,20 +157,30 @@ class QelGecodeI : public QelEngineI {
   long _enumerated = 0;
 };
 
-/// A new Gecode engine attached to `env` (destroy it with delete or
+/// Martello and Toth's lower bound on the number of bins of capacity `c`
+/// the items of weights `w` need (at least ceil(sum / c)); the engine posts
+/// it on the used count of a pack.
+long QelGecodeBinLowerBound(std::vector<int> w, long c);
+
+/// A new Gecode engine (a QelGecodeI) attached to `env` (destroy it with delete or
 /// QelEngine::end before the environment ends).
-QelGecodeI* QelNewGecodeEngine(QelEnv env);
+QelEngineI* QelNewGecodeEngine(QelEnv env);
 
 /// Handle on a Gecode engine.
 class QelGecode : public QelEngine {
  public:
   /// An empty handle.
   QelGecode() = default;
+  /// Martello and Toth's lower bound on the number of bins of capacity `c`
+  /// the items of weights `w` need (at least ceil(sum / c)); the engine posts
+  /// it on the used count of a pack.
+  long QelGecodeBinLowerBound(std::vector<int> w, long c);
+
   /// A new Gecode engine attached to `env`.
   explicit QelGecode(QelEnv env) : QelEngine(QelNewGecodeEngine(env)) {}
   /// The Gecode engine.
   QelGecodeI* getImpl() const { return static_cast<QelGecodeI*>(_impl); }
-  /// Sets how the next searches go.
+  /// Sets the engine's own search settings.
   void setSearch(const QelGecodeSearch& search) const { gecode()->setSearch(search); }
   /// Visits the solutions of a model without objective (see
   /// QelGecodeI::enumerate).

@@ -1,6 +1,8 @@
 // The Gecode engine: what it takes, what it refuses, and how it follows
 // changes (posted in place, or the root space rebuilt).
+#include <regex>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -366,9 +368,7 @@ TEST_F(GecodeTest, EightQueensHave92Solutions) {
   EXPECT_FALSE(Gecode(cp)->getSearchStats().stopped);
 
   // The same count in parallel.
-  QelGecodeSearch parallel;
-  parallel.threads = 2;
-  Gecode(cp)->setSearch(parallel);
+  cp->setThreads(2);
   EXPECT_EQ(Gecode(cp)->enumerate([](QelGecodeI&) { return true; }), 92);
   // Six queens have four solutions, through the handle.
   QelModel six(env, "six");
@@ -420,15 +420,15 @@ TEST_F(GecodeTest, LimitsStopTheSearchEarly) {
   ASSERT_GT(full.nodes, 400u);
   ASSERT_GT(full.solutions, 3u);
 
-  QelGecodeSearch s;
-  s.nodeLimit = 200;
-  Gecode(cp)->setSearch(s);
+  cp->setNodeLimit(200);
   QelEngineStatus status = cp->solve();
   EXPECT_TRUE(status == QelEngineStatus::Feasible || status == QelEngineStatus::Unknown);
   EXPECT_TRUE(Gecode(cp)->getSearchStats().stopped);
   EXPECT_LE(Gecode(cp)->getSearchStats().nodes, 210u);
+  EXPECT_EQ(cp->getReport().nodes, static_cast<long>(Gecode(cp)->getSearchStats().nodes));
+  cp->setNodeLimit(0);
 
-  s = QelGecodeSearch();
+  QelGecodeSearch s;
   s.failLimit = 50;
   Gecode(cp)->setSearch(s);
   status = cp->solve();
@@ -436,9 +436,8 @@ TEST_F(GecodeTest, LimitsStopTheSearchEarly) {
   EXPECT_LE(Gecode(cp)->getSearchStats().fails, 55u);
   EXPECT_LT(Gecode(cp)->getSearchStats().nodes, full.nodes);
 
-  s = QelGecodeSearch();
-  s.solutionLimit = 1;
-  Gecode(cp)->setSearch(s);
+  Gecode(cp)->setSearch(QelGecodeSearch());
+  cp->setSolutionLimit(1);
   ASSERT_EQ(cp->solve(), QelEngineStatus::Feasible);
   EXPECT_EQ(Gecode(cp)->getSearchStats().solutions, 1u);
   EXPECT_LT(cp->getObjValue(), best);
@@ -458,12 +457,12 @@ TEST_F(GecodeTest, EverySearchChoiceReachesTheOptimum) {
   const QelGecodeValSelect vals[] = {QelGecodeValSelect::Smallest,   QelGecodeValSelect::Largest,
                                      QelGecodeValSelect::Median,     QelGecodeValSelect::SplitLower,
                                      QelGecodeValSelect::SplitUpper, QelGecodeValSelect::Random};
+  cp->setRandomSeed(7);
   for (QelGecodeVarSelect v : vars)
     for (QelGecodeValSelect w : vals) {
       QelGecodeSearch s;
       s.variable = v;
       s.value = w;
-      s.seed = 7;
       Gecode(cp)->setSearch(s);
       ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal)
           << static_cast<int>(v) << " " << static_cast<int>(w);
@@ -483,9 +482,8 @@ TEST_F(GecodeTest, EverySearchChoiceReachesTheOptimum) {
   ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal);
   EXPECT_EQ(cp->getObjValue(), best);
   EXPECT_GT(Gecode(cp)->getSearchStats().restarts, 0u);
-  s = QelGecodeSearch();
-  s.threads = 2;
-  Gecode(cp)->setSearch(s);
+  Gecode(cp)->setSearch(QelGecodeSearch());
+  cp->setThreads(2);
   ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal);
   EXPECT_EQ(cp->getObjValue(), best);
   EXPECT_EQ(CheckSolution(cp.get(), m.getImpl()), 1);
@@ -550,6 +548,169 @@ TEST(GecodeBinPacking, InstancesAreTheSameEverywhere) {
   EXPECT_EQ(binpacking::SumBound({30, 60, 50, 40, 70}, 100), 3);
   EXPECT_EQ(binpacking::FirstFitDecreasing({51, 51, 51}, 100), 3);
   EXPECT_EQ(binpacking::SumBound({51, 51, 51}, 100), 2);
+}
+
+TEST(GecodeBinPacking, LowerBoundOnTheBins) {
+  // Items above half the capacity need a bin each, which the sum misses.
+  EXPECT_EQ(QelGecodeBinLowerBound({51, 51, 51}, 100), 3);
+  EXPECT_EQ(QelGecodeBinLowerBound({60, 60, 60, 60, 10}, 100), 4);
+  // Small items fill the room the large ones leave, then further bins.
+  EXPECT_EQ(QelGecodeBinLowerBound({70, 70, 30, 30, 30, 30}, 100), 3);
+  EXPECT_EQ(QelGecodeBinLowerBound({30, 60, 50, 40, 70}, 100), 3);
+  EXPECT_EQ(QelGecodeBinLowerBound({10, 10, 10}, 100), 1);
+  EXPECT_EQ(QelGecodeBinLowerBound({}, 100), 0);
+  // Never below the sum bound, never above first-fit decreasing.
+  for (std::uint32_t seed = 1; seed <= 20; ++seed) {
+    std::vector<int> w = binpacking::Weights(60, 20, 100, seed);
+    long bound = QelGecodeBinLowerBound(w, 150);
+    EXPECT_GE(bound, binpacking::SumBound(w, 150));
+    EXPECT_LE(bound, binpacking::FirstFitDecreasing(w, 150));
+  }
+}
+
+TEST_F(GecodeTest, SearchSettingsByName) {
+  cp->setParam("varSelect", "degree");
+  cp->setParam("valSelect", "splitmax");
+  cp->setParam("restart", "geometric");
+  cp->setParam("restartScale", 5.0);
+  cp->setParam("restartBase", "2.5");
+  cp->setParam("failLimit", "40");
+  const QelGecodeSearch& s = Gecode(cp)->getSearch();
+  EXPECT_EQ(s.variable, QelGecodeVarSelect::LargestDegree);
+  EXPECT_EQ(s.value, QelGecodeValSelect::SplitUpper);
+  EXPECT_EQ(s.restart, QelGecodeRestart::Geometric);
+  EXPECT_EQ(s.restartScale, 5u);
+  EXPECT_EQ(s.restartBase, 2.5);
+  EXPECT_EQ(s.failLimit, 40u);
+  EXPECT_EQ(cp->getEngineParamNames().size(), 6u);
+  try {
+    cp->setParam("varSelect", "widest");
+    ADD_FAILURE() << "no error";
+  } catch (const QelEngineError& e) {
+    EXPECT_TRUE(Contains(e.what(), "\"widest\" is not one of auto, inorder, firstfail"))
+        << e.what();
+  }
+  EXPECT_THROW(cp->setParam("restartBase", 1.0), QelEngineError);
+  EXPECT_THROW(cp->setParam("restartScale", 0.0), QelEngineError);
+  EXPECT_THROW(cp->setParam("failLimit", -3.0), QelEngineError);
+  EXPECT_THROW(cp->setParam("cuts", "off"), QelEngineError);
+  EXPECT_EQ(Gecode(cp)->getSearch().failLimit, 40u);  // unchanged by the errors
+  cp->setParam("threads", 2.0);
+  EXPECT_EQ(cp->getParams().threads, 2);
+}
+
+TEST_F(GecodeTest, LogLinesAtLevelOne) {
+  QelIntVarArray x;
+  QelModel m = Weighted(env, x);
+  cp->extract(m.getImpl());
+  std::ostringstream silent;
+  cp->setLogStream(silent);
+  ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(silent.str(), "");  // level 0
+
+  std::ostringstream log;
+  cp->setLogStream(log);
+  cp->setLogLevel(1);
+  ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal);
+  std::vector<std::string> lines;
+  std::istringstream in(log.str());
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  ASSERT_GE(lines.size(), 3u) << log.str();
+  // Start: the form's propagators and variables, the constraints by class.
+  std::smatch match;
+  ASSERT_TRUE(std::regex_match(
+      lines.front(), match,
+      std::regex(R"(\[Gecode\] start: (\d+) rows, (\d+) columns \((\d+) integer\); (.*))")))
+      << lines.front();
+  EXPECT_GT(std::stol(match[1]), 0);
+  EXPECT_GE(std::stol(match[2]), 8);
+  EXPECT_EQ(match[3], match[2]);
+  EXPECT_EQ(match[4], "QelAllDiffI 1");
+  // Progress: time, nodes, incumbent, bound (the root bound: 11 times the
+  // sum of the coefficients), gap.
+  const std::regex progress(
+      R"(\[Gecode\] \d+\.\d\d s  nodes \d+  incumbent (\d+)  bound 231  gap [0-9.]+%)");
+  ASSERT_TRUE(std::regex_match(lines[1], match, progress)) << lines[1];
+  // End: status, objective, bound, gap, nodes, solutions, time.
+  const QelSolveReport& r = cp->getReport();
+  std::string end = "[Gecode] end: Optimal  objective " + QelEngineLog::Number(r.objective) +
+                    "  bound " + QelEngineLog::Number(r.objective) + "  gap 0%  nodes " +
+                    std::to_string(r.nodes) + "  iterations 0  solutions " +
+                    std::to_string(r.solutions) + "  time ";
+  EXPECT_EQ(lines.back().substr(0, end.size()), end) << lines.back();
+  EXPECT_EQ(r.nodes, static_cast<long>(Gecode(cp)->getSearchStats().nodes));
+  EXPECT_GT(r.solutions, 1);
+  EXPECT_EQ(r.objective, cp->getObjValue());
+  // At most one progress line a second: this search takes far less.
+  long progressLines = 0;
+  for (const std::string& line : lines) progressLines += std::regex_match(line, progress) ? 1 : 0;
+  EXPECT_EQ(progressLines, 1);
+}
+
+TEST_F(GecodeTest, ProgressCallbackCanStopTheSearch) {
+  QelIntVarArray x;
+  QelModel m = Weighted(env, x);
+  cp->extract(m.getImpl());
+  ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal);
+  double best = cp->getObjValue();
+  long solutions = cp->getReport().solutions;
+
+  std::vector<QelEngineProgress> seen;
+  cp->setProgressCallback([&](const QelEngineProgress& p) {
+    seen.push_back(p);
+    return p.solutions >= 2 ? QelProgressReply::Stop : QelProgressReply::Continue;
+  });
+  ASSERT_EQ(cp->solve(), QelEngineStatus::Feasible);
+  EXPECT_TRUE(cp->getReport().stoppedByCallback);
+  EXPECT_EQ(cp->getReport().solutions, 2);
+  EXPECT_LT(cp->getReport().solutions, solutions);
+  EXPECT_LT(cp->getObjValue(), best);
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_TRUE(seen.back().hasIncumbent);
+  EXPECT_EQ(seen.back().incumbent, cp->getObjValue());
+  EXPECT_TRUE(seen.back().hasBound);
+  EXPECT_EQ(seen.back().bound, 231);
+  EXPECT_EQ(CheckSolution(cp.get(), m.getImpl()), 1);
+
+  // Removed: the search goes to the end again.
+  cp->setProgressCallback(nullptr);
+  ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(cp->getObjValue(), best);
+}
+
+TEST_F(GecodeTest, GapLimitsStopEarly) {
+  QelIntVarArray x;
+  QelModel m = Weighted(env, x);
+  cp->extract(m.getImpl());
+  ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal);
+  long solutions = cp->getReport().solutions;
+  // Any solution is within 1000 of the root bound (231).
+  cp->setAbsoluteGap(1000);
+  ASSERT_EQ(cp->solve(), QelEngineStatus::Feasible);
+  EXPECT_EQ(cp->getReport().solutions, 1);
+  EXPECT_EQ(cp->getReport().bestBound, 231);
+  // Within half of the incumbent: 231 - v <= v / 2 from v = 154 on.
+  cp->setAbsoluteGap(-1);
+  cp->setRelativeGap(0.5);
+  ASSERT_EQ(cp->solve(), QelEngineStatus::Feasible);
+  EXPECT_GE(cp->getObjValue(), 154);
+  EXPECT_LE(cp->getReport().gap, 0.5);
+  EXPECT_LT(cp->getReport().solutions, solutions);
+}
+
+TEST_F(GecodeTest, TimeLimitStopsALongSearch) {
+  // Fourteen queens enumerated, with a time limit far below what it takes.
+  QelModel q(env, "queens");
+  Queens(env, q, 14);
+  EnginePtr other(Make(env));
+  other->extract(q.getImpl());
+  other->setTimeLimit(0.2);
+  long found = Gecode(other)->enumerate([](QelGecodeI&) { return true; });
+  EXPECT_GT(found, 0);
+  EXPECT_LT(found, 365596);  // all the solutions of 14 queens
+  EXPECT_EQ(other->getStatus(), QelEngineStatus::Feasible);
+  EXPECT_TRUE(Gecode(other)->getSearchStats().stopped);
+  EXPECT_LT(other->getReport().time, 1.0);
 }
 
 }  // namespace
