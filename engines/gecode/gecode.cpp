@@ -33,6 +33,10 @@ class ModelSpace : public Gecode::Space {
     sets.resize(other.sets.size());
     for (size_t i = 0; i < sets.size(); ++i) sets[i].update(*this, other.sets[i]);
     costs.update(*this, other.costs);
+    items.resize(other.items.size());
+    for (size_t i = 0; i < items.size(); ++i) items[i].update(*this, other.items[i]);
+    bins = other.bins;
+    weights = other.weights;
   }
   Gecode::Space* copy() override { return new ModelSpace(*this); }
   // Branch and bound: the next solution is lexicographically better on the
@@ -50,7 +54,56 @@ class ModelSpace : public Gecode::Space {
   std::vector<Gecode::SetVar> sets;
   Gecode::IntVarArray costs;
   int sense = 1;  // 1: minimize, -1: maximize
+  // The items of the packs whose bins are interchangeable, and the number
+  // of bins of each, for the search that skips equivalent empty bins.
+  std::vector<Gecode::IntVarArray> items;
+  std::vector<int> bins;
+  std::vector<std::vector<int>> weights;  // in the order of `items`
 };
+
+// The load each bin of pack `pack` holds from the items placed so far.
+std::vector<long> PlacedLoads(const ModelSpace& space, int pack) {
+  const Gecode::IntVarArray& items = space.items[static_cast<size_t>(pack)];
+  const std::vector<int>& weights = space.weights[static_cast<size_t>(pack)];
+  std::vector<long> load(static_cast<size_t>(space.bins[static_cast<size_t>(pack)]), 0);
+  for (int i = 0; i < items.size(); ++i)
+    if (items[i].assigned() && items[i].val() >= 0 &&
+        items[i].val() < static_cast<int>(load.size()))
+      load[static_cast<size_t>(items[i].val())] += weights[static_cast<size_t>(i)];
+  return load;
+}
+
+// Value of the pack search: of the bins the item may still go into, the
+// fullest (best fit), the lowest of equally full ones.
+int BestBin(const Gecode::Space& home, Gecode::IntVar x, int pack) {
+  std::vector<long> load = PlacedLoads(static_cast<const ModelSpace&>(home), pack);
+  int best = x.min();
+  long bestLoad = -1;
+  for (Gecode::IntVarValues v(x); v(); ++v) {
+    if (v.val() < 0 || v.val() >= static_cast<int>(load.size())) continue;
+    if (load[static_cast<size_t>(v.val())] > bestLoad) {
+      best = v.val();
+      bestLoad = load[static_cast<size_t>(v.val())];
+    }
+  }
+  return best;
+}
+
+// Commit of the pack search: place the item into bin `b`, or keep it out
+// of `b` and of every bin holding the same load so far (the bins being
+// interchangeable, those are the same choice for the items left).
+void CommitItem(Gecode::Space& home, unsigned int alternative, Gecode::IntVar x, int pack, int b) {
+  if (alternative == 0) {
+    Gecode::rel(home, x, Gecode::IRT_EQ, b);
+    return;
+  }
+  std::vector<long> load = PlacedLoads(static_cast<const ModelSpace&>(home), pack);
+  Gecode::rel(home, x, Gecode::IRT_NQ, b);
+  if (b < 0 || b >= static_cast<int>(load.size())) return;
+  for (size_t e = 0; e < load.size(); ++e)
+    if (load[e] == load[static_cast<size_t>(b)])
+      Gecode::rel(home, x, Gecode::IRT_NQ, static_cast<int>(e));
+}
 
 // An expression in Gecode form: expr + offset (the offset gathers the
 // constants, which need not be integral).
@@ -92,8 +145,11 @@ Names<QelGecodeRestart> RestartNames() {
 
 // The items of one pack, for the pack-aware search and its bound.
 struct PackItems {
+  const QelPackI* pack = nullptr;
   std::vector<int> bins;     // the root variables holding each item's bin
   std::vector<int> weights;  // each item's weight
+  int binCount = 0;          // the number of bins
+  bool sameBins = false;     // whether every bin has the same load bounds
 };
 
 // Martello and Toth's lower bound L2 on the number of bins of capacity `c`
@@ -229,6 +285,7 @@ class GecodeEngine : public QelGecodeI {
     std::unordered_set<int> taken;
     Gecode::IntVarArgs loads = varArgs(p->getLoad(), p, &taken, true);
     PackItems items;
+    items.pack = p;
     Gecode::IntVarArgs bins = varArgs(where, p, &taken, true, &items.bins);
     Gecode::binpacking(*_root, loads, bins, sizes);
     // The items need at least `needed` bins, however they are placed: a
@@ -237,6 +294,11 @@ class GecodeEngine : public QelGecodeI {
     int capacity = 0;
     for (int j = 0; j < loads.size(); ++j) capacity = std::max(capacity, loads[j].max());
     for (int i = 0; i < sizes.size(); ++i) items.weights.push_back(sizes[i]);
+    items.binCount = loads.size();
+    items.sameBins = true;
+    for (int j = 1; j < loads.size(); ++j)
+      items.sameBins =
+          items.sameBins && loads[j].min() == loads[0].min() && loads[j].max() == loads[0].max();
     long needed = QelGecodeBinLowerBound(items.weights, capacity);
     if (p->getUsed() != nullptr) {
       GExpr used = toExpr(*_root, p->getUsed(), p, true);
@@ -703,6 +765,7 @@ class GecodeEngine : public QelGecodeI {
   void postBranching(ModelSpace& work) const {
     Gecode::Rnd rnd(static_cast<unsigned int>(std::max(0, getParams().randomSeed)));
     std::vector<char> done(work.vars.size(), 0);
+    bool symmetric = interchangeableBins();
     if (_search.variable == QelGecodeVarSelect::Automatic) {
       for (const PackItems& pack : _packs) {
         std::vector<size_t> order(pack.bins.size());
@@ -710,13 +773,36 @@ class GecodeEngine : public QelGecodeI {
         std::stable_sort(order.begin(), order.end(),
                          [&pack](size_t a, size_t b) { return pack.weights[a] > pack.weights[b]; });
         Gecode::IntVarArgs items;
+        std::vector<int> itemWeights;
         for (size_t i : order) {
           auto index = static_cast<size_t>(pack.bins[i]);
           if (done[index] != 0) continue;
           done[index] = 1;
           items << work.vars[index];
+          itemWeights.push_back(pack.weights[i]);
         }
-        if (items.size() > 0) Gecode::branch(work, items, Gecode::INT_VAR_NONE(), valBranch(rnd));
+        if (items.size() == 0) continue;
+        if (symmetric && _search.value == QelGecodeValSelect::Automatic) {
+          int index = static_cast<int>(work.items.size());
+          work.items.emplace_back(work, items);
+          work.bins.push_back(pack.binCount);
+          work.weights.push_back(itemWeights);
+          // With the empty bins taken lowest first, the bins used are the
+          // first ones: every item lies below the used count, which lets a
+          // tighter count restrict the bins at once.
+          GExpr used =
+              const_cast<GecodeEngine*>(this)->toExpr(work, pack.pack->getUsed(), pack.pack, false);
+          Gecode::IntVar count = Gecode::expr(work, used.expr + static_cast<int>(used.offset));
+          for (int i = 0; i < items.size(); ++i) Gecode::rel(work, items[i], Gecode::IRT_LE, count);
+          Gecode::branch(
+              work, items, Gecode::INT_VAR_NONE(),
+              Gecode::INT_VAL([index](const Gecode::Space& home, Gecode::IntVar x,
+                                      int) { return BestBin(home, x, index); },
+                              [index](Gecode::Space& home, unsigned int a, Gecode::IntVar x, int,
+                                      int b) { CommitItem(home, a, x, index, b); }));
+        } else {
+          Gecode::branch(work, items, Gecode::INT_VAR_NONE(), valBranch(rnd));
+        }
       }
     }
     std::vector<char> isModel(work.vars.size(), 0);
@@ -734,6 +820,31 @@ class GecodeEngine : public QelGecodeI {
     }
     if (work.costs.size() > 0)
       Gecode::branch(work, work.costs, Gecode::INT_VAR_NONE(), Gecode::INT_VAL_MIN());
+  }
+
+  // Whether the bins of the pack are interchangeable, so that the search
+  // may skip equivalent bins without losing an optimum: the model holds one
+  // pack (and variables), its bins have the same bounds and no used set,
+  // the objective is its used count, and the search optimizes (an
+  // enumeration must see every solution).
+  bool interchangeableBins() const {
+    const QelObjectiveI* obj = getObjective();
+    if (_enumerate != nullptr || obj == nullptr || _packs.size() != 1) return false;
+    if (obj->getNumCriteria() != 1) return false;
+    const QelNumExprI* criterion = obj->getCriterion(0);
+    bool objectiveIsUsed = false;
+    for (const PackItems& pack : _packs) {
+      if (!pack.sameBins || pack.pack->getUsedSet() != nullptr) return false;
+      objectiveIsUsed =
+          objectiveIsUsed || (criterion != nullptr && criterion == pack.pack->getUsed());
+    }
+    if (!objectiveIsUsed) return false;
+    for (const QelExtractableI* m : getMembers())
+      if (QelDynamicCast<const QelPackI>(m) == nullptr &&
+          QelDynamicCast<const QelNumVarI>(m) == nullptr &&
+          QelDynamicCast<const QelObjectiveI>(m) == nullptr)
+        return false;
+    return true;
   }
 
   // Makes `s` the held solution.
