@@ -143,6 +143,20 @@ Names<QelGecodeRestart> RestartNames() {
           {"geometric", QelGecodeRestart::Geometric}};
 }
 
+// The variable `e` is, alone (x, or 1 * x + 0), or null.
+const QelNumVarI* SingleVar(const QelNumExprI* e) {
+  if (e == nullptr) return nullptr;
+  if (const auto* v = QelDynamicCast<const QelNumVarI>(e)) return v;
+  const QelLinearParts* parts = nullptr;
+  if (const auto* t = QelDynamicCast<const QelNumLinTermI>(e)) parts = &t->getParts();
+  if (const auto* t = QelDynamicCast<const QelIntLinTermI>(e)) parts = &t->getParts();
+  if (parts == nullptr || parts->constant != 0.0 || parts->quadHead != nullptr ||
+      parts->aggHead != nullptr || parts->head == nullptr || parts->head->next != nullptr ||
+      parts->head->coef != 1.0)
+    return nullptr;
+  return parts->head->var;
+}
+
 // The items of one pack, for the pack-aware search and its bound.
 struct PackItems {
   const QelPackI* pack = nullptr;
@@ -794,6 +808,8 @@ class GecodeEngine : public QelGecodeI {
               const_cast<GecodeEngine*>(this)->toExpr(work, pack.pack->getUsed(), pack.pack, false);
           Gecode::IntVar count = Gecode::expr(work, used.expr + static_cast<int>(used.offset));
           for (int i = 0; i < items.size(); ++i) Gecode::rel(work, items[i], Gecode::IRT_LE, count);
+          // The fewest bins first: the first packing found is the best.
+          Gecode::branch(work, count, Gecode::INT_VAL_MIN());
           Gecode::branch(
               work, items, Gecode::INT_VAR_NONE(),
               Gecode::INT_VAL([index](const Gecode::Space& home, Gecode::IntVar x,
@@ -835,8 +851,8 @@ class GecodeEngine : public QelGecodeI {
     bool objectiveIsUsed = false;
     for (const PackItems& pack : _packs) {
       if (!pack.sameBins || pack.pack->getUsedSet() != nullptr) return false;
-      objectiveIsUsed =
-          objectiveIsUsed || (criterion != nullptr && criterion == pack.pack->getUsed());
+      const QelNumVarI* used = SingleVar(pack.pack->getUsed());
+      objectiveIsUsed = objectiveIsUsed || (used != nullptr && used == SingleVar(criterion));
     }
     if (!objectiveIsUsed) return false;
     for (const QelExtractableI* m : getMembers())

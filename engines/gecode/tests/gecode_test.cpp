@@ -517,7 +517,7 @@ TEST_F(GecodeTest, ValueSelectionDecidesTheFirstSolution) {
 TEST_F(GecodeTest, BinPackingIsSolvedToOptimality) {
   const long capacity = 150;
   for (std::uint32_t seed : {1u, 2u, 3u}) {
-    std::vector<int> w = binpacking::Weights(40, 20, 100, seed);
+    std::vector<int> w = binpacking::Weights(60, 20, 100, seed);
     long ffd = binpacking::FirstFitDecreasing(w, capacity);
     binpacking::Model bp = binpacking::Build(env, w, ffd, capacity);
     EnginePtr engine(Make(env));
@@ -529,6 +529,31 @@ TEST_F(GecodeTest, BinPackingIsSolvedToOptimality) {
     EXPECT_LE(bins, ffd);
     EXPECT_EQ(CheckSolution(engine.get(), bp.model.getImpl()), 1);
     EXPECT_LT(Gecode(engine)->getSearchStats().seconds, 20);
+  }
+}
+
+TEST_F(GecodeTest, BinPackingSearchKeepsTheOptimum) {
+  // The pack search skips bins holding the same load and keeps the items
+  // below the used count; a plain search over the same small models, which
+  // does neither, finds the same optimum.
+  const long capacity = 100;
+  for (std::uint32_t seed = 1; seed <= 6; ++seed) {
+    std::vector<int> w = binpacking::Weights(12, 15, 70, seed);
+    long ffd = binpacking::FirstFitDecreasing(w, capacity);
+    binpacking::Model bp = binpacking::Build(env, w, ffd, capacity);
+    EnginePtr packAware(Make(env));
+    packAware->extract(bp.model.getImpl());
+    ASSERT_EQ(packAware->solve(), QelEngineStatus::Optimal);
+    EXPECT_EQ(CheckSolution(packAware.get(), bp.model.getImpl()), 1);
+    EnginePtr plain(Make(env));
+    QelGecodeSearch s;
+    s.variable = QelGecodeVarSelect::InOrder;
+    s.value = QelGecodeValSelect::Smallest;
+    Gecode(plain)->setSearch(s);
+    plain->extract(bp.model.getImpl());
+    ASSERT_EQ(plain->solve(), QelEngineStatus::Optimal);
+    EXPECT_EQ(packAware->getObjValue(), plain->getObjValue()) << "seed " << seed;
+    EXPECT_LE(packAware->getReport().nodes, plain->getReport().nodes) << "seed " << seed;
   }
 }
 
