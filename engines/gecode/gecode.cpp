@@ -808,8 +808,10 @@ class GecodeEngine : public QelGecodeI {
               const_cast<GecodeEngine*>(this)->toExpr(work, pack.pack->getUsed(), pack.pack, false);
           Gecode::IntVar count = Gecode::expr(work, used.expr + static_cast<int>(used.offset));
           for (int i = 0; i < items.size(); ++i) Gecode::rel(work, items[i], Gecode::IRT_LE, count);
-          // The fewest bins first: the first packing found is the best.
-          Gecode::branch(work, count, Gecode::INT_VAL_MIN());
+          // The count first, from the most bins down: a packing comes at
+          // once, and each better count is then searched from the top of
+          // the tree rather than below the last packing.
+          Gecode::branch(work, count, Gecode::INT_VAL_MAX());
           Gecode::branch(
               work, items, Gecode::INT_VAR_NONE(),
               Gecode::INT_VAL([index](const Gecode::Space& home, Gecode::IntVar x,
