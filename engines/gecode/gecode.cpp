@@ -143,6 +143,84 @@ Names<QelGecodeRestart> RestartNames() {
           {"geometric", QelGecodeRestart::Geometric}};
 }
 
+// The model's variables the engine made, with the bounds they had: found
+// by the variable's id (dense in its environment) rather than hashed, since
+// extraction looks a variable up once per nonzero.
+class VarTable {
+ public:
+  struct Entry {
+    const QelNumVarI* var;
+    int index;  // among the root space's variables
+    double lb;
+    double ub;
+    QelVarType type;
+  };
+  // The entry of `v`, or null.
+  Entry* find(const QelNumVarI* v) {
+    int at = position(v);
+    return at < 0 ? nullptr : &_entries[static_cast<size_t>(at)];
+  }
+  void insert(const Entry& e) {
+    auto at = static_cast<int>(_entries.size());
+    _entries.push_back(e);
+    QelInt id = e.var->getId();
+    if (id >= 0 && static_cast<size_t>(id) >= _slot.size())
+      _slot.resize(std::max(static_cast<size_t>(id) + 1, 2 * _slot.size()), -1);
+    if (id >= 0 && _slot[static_cast<size_t>(id)] < 0)
+      _slot[static_cast<size_t>(id)] = at;
+    else
+      _other[e.var] = at;  // a variable of another environment with the same id
+  }
+  bool erase(const QelNumVarI* v) {
+    int at = position(v);
+    if (at < 0) return false;
+    setPosition(v, -1);
+    auto last = static_cast<int>(_entries.size()) - 1;
+    if (at != last) {
+      _entries[static_cast<size_t>(at)] = _entries.back();
+      setPosition(_entries[static_cast<size_t>(at)].var, at);
+    }
+    _entries.pop_back();
+    return true;
+  }
+  void clear() {
+    _entries.clear();
+    _slot.clear();
+    _other.clear();
+  }
+  std::vector<Entry>& entries() { return _entries; }
+  const std::vector<Entry>& entries() const { return _entries; }
+
+ private:
+  int position(const QelNumVarI* v) const {
+    QelInt id = v->getId();
+    if (id >= 0 && static_cast<size_t>(id) < _slot.size()) {
+      int at = _slot[static_cast<size_t>(id)];
+      if (at >= 0 && _entries[static_cast<size_t>(at)].var == v) return at;
+    }
+    if (_other.empty()) return -1;
+    auto it = _other.find(v);
+    return it == _other.end() ? -1 : it->second;
+  }
+  // Records the position of `v` (-1: none) where position() finds it.
+  void setPosition(const QelNumVarI* v, int at) {
+    QelInt id = v->getId();
+    if (id >= 0 && static_cast<size_t>(id) < _slot.size() && _slot[static_cast<size_t>(id)] >= 0 &&
+        _entries[static_cast<size_t>(_slot[static_cast<size_t>(id)])].var == v) {
+      _slot[static_cast<size_t>(id)] = at;
+      return;
+    }
+    if (at < 0)
+      _other.erase(v);
+    else
+      _other[v] = at;
+  }
+
+  std::vector<Entry> _entries;
+  std::vector<int> _slot;                             // by id: position in _entries, or -1
+  std::unordered_map<const QelNumVarI*, int> _other;  // variables whose id slot is taken
+};
+
 // The variable `e` is, alone (x, or 1 * x + 0), or null.
 const QelNumVarI* SingleVar(const QelNumExprI* e) {
   if (e == nullptr) return nullptr;
@@ -225,6 +303,7 @@ class GecodeEngine : public QelGecodeI {
 
   void* extractObject(const QelRangeI* r) override {
     if (r->getExpr() == nullptr) throw refuse(r, "the range has no expression");
+    if (postLinearRange(r)) return nullptr;
     GExpr g = toExpr(*_root, r->getExpr(), r, true);
     double lb = r->getLB() - g.offset;
     double ub = r->getUB() - g.offset;
@@ -404,8 +483,7 @@ class GecodeEngine : public QelGecodeI {
   void forget(const QelExtractableI* x) override {
     bool known = false;
     if (const auto* v = QelDynamicCast<const QelNumVarI>(x)) {
-      known = _varIndex.erase(v) != 0;
-      _bounds.erase(v);
+      known = _vars.erase(v);
     }
     if (const auto* s = QelDynamicCast<const QelIntSetVarI>(x))
       known = _setIndex.erase(s) != 0 || known;
@@ -413,9 +491,8 @@ class GecodeEngine : public QelGecodeI {
   }
 
   void syncVariables() override {
-    for (auto& entry : _bounds) {
-      const QelNumVarI* v = entry.first;
-      Bounds& b = entry.second;
+    for (VarTable::Entry& b : _vars.entries()) {
+      const QelNumVarI* v = b.var;
       if (v->getLB() == b.lb && v->getUB() == b.ub && v->getType() == b.type) continue;
       countSilentChange();
       if (v->getType() != b.type || v->getType() == QelVarType::Float) {
@@ -433,7 +510,7 @@ class GecodeEngine : public QelGecodeI {
         markDirty("the bounds of " + QelDescribe(v) + " left Gecode's range");
         return;
       }
-      Gecode::IntVar x = _root->vars[static_cast<size_t>(_varIndex.at(v))];
+      Gecode::IntVar x = _root->vars[static_cast<size_t>(b.index)];
       if (lo > hi)
         _root->fail();
       else
@@ -492,16 +569,9 @@ class GecodeEngine : public QelGecodeI {
   }
 
  private:
-  struct Bounds {
-    double lb;
-    double ub;
-    QelVarType type;
-  };
-
   void makeRoot() {
     _root = std::make_unique<ModelSpace>();
-    _varIndex.clear();
-    _bounds.clear();
+    _vars.clear();
     _setIndex.clear();
     _packs.clear();
   }
@@ -550,8 +620,7 @@ class GecodeEngine : public QelGecodeI {
   // The index of `v` among the root's variables, made (through the
   // variable's hook) when it is new.
   int varIndex(const QelNumVarI* v, const QelExtractableI* owner) {
-    auto it = _varIndex.find(v);
-    if (it != _varIndex.end()) return it->second;
+    if (const VarTable::Entry* e = _vars.find(v)) return e->index;
     if (v->getType() == QelVarType::Float)
       throw refuse(v,
                    "float variables are not supported; the engine takes integer and "
@@ -567,22 +636,21 @@ class GecodeEngine : public QelGecodeI {
     } else {
       _root->vars.emplace_back(*_root, lo, hi);
     }
-    _varIndex[v] = index;
-    _bounds[v] = {v->getLB(), v->getUB(), v->getType()};
+    _vars.insert({v, index, v->getLB(), v->getUB(), v->getType()});
     return index;
   }
 
   // The variable's Gecode variable in `home`; in the root it is made
   // through the variable's hook when new.
   Gecode::IntVar var(ModelSpace& home, const QelNumVarI* v, bool create) {
-    auto it = _varIndex.find(v);
-    if (it == _varIndex.end()) {
+    const VarTable::Entry* e = _vars.find(v);
+    if (e == nullptr) {
       if (!create || &home != _root.get())
         throw QelEngineError("Gecode engine: " + QelDescribe(v) + " was not extracted", v);
       extractThroughHook(v);
-      it = _varIndex.find(v);
+      e = _vars.find(v);
     }
-    return home.vars[static_cast<size_t>(it->second)];
+    return home.vars[static_cast<size_t>(e->index)];
   }
 
   static int IntCoef(GecodeEngine* self, const QelExtractableI* owner, double c) {
@@ -656,7 +724,7 @@ class GecodeEngine : public QelGecodeI {
       if (e == nullptr) throw refuse(owner, "it holds an empty expression");
       if (const auto* v = QelDynamicCast<const QelNumVarI>(e)) {
         var(*_root, v, true);
-        int index = _varIndex.at(v);
+        int index = _vars.find(v)->index;
         if (!distinct || taken->insert(index).second) {
           out << _root->vars[static_cast<size_t>(index)];
           if (indices != nullptr) indices->push_back(index);
@@ -673,6 +741,34 @@ class GecodeEngine : public QelGecodeI {
       out << copy;
     }
     return out;
+  }
+
+  // A range over a linear expression (no quadratic or nested terms) goes
+  // to Gecode's linear propagators at once, without building minimodel's
+  // expression tree; false for any other range.
+  bool postLinearRange(const QelRangeI* r) {
+    const QelLinearParts* parts = nullptr;
+    if (const auto* t = QelDynamicCast<const QelNumLinTermI>(r->getExpr())) parts = &t->getParts();
+    if (const auto* t = QelDynamicCast<const QelIntLinTermI>(r->getExpr())) parts = &t->getParts();
+    if (parts == nullptr || parts->quadHead != nullptr || parts->aggHead != nullptr) return false;
+    Gecode::IntArgs coefs;
+    Gecode::IntVarArgs xs;
+    for (const QelLinTermNode* n = parts->head; n != nullptr; n = n->next) {
+      if (n->coef == 0.0) continue;
+      coefs << IntCoef(this, r, n->coef);
+      xs << var(*_root, n->var, true);
+    }
+    double lb = r->getLB() - parts->constant;
+    double ub = r->getUB() - parts->constant;
+    bool postLb = bound(r, lb, true);
+    bool postUb = bound(r, ub, false);
+    if (postLb && postUb && std::ceil(lb) == std::floor(ub)) {
+      Gecode::linear(*_root, coefs, xs, Gecode::IRT_EQ, static_cast<int>(std::ceil(lb)));
+      return true;
+    }
+    if (postLb) Gecode::linear(*_root, coefs, xs, Gecode::IRT_GQ, static_cast<int>(std::ceil(lb)));
+    if (postUb) Gecode::linear(*_root, coefs, xs, Gecode::IRT_LQ, static_cast<int>(std::floor(ub)));
+    return true;
   }
 
   void* looseExpr(const QelNumExprI* e) {
@@ -824,7 +920,7 @@ class GecodeEngine : public QelGecodeI {
       }
     }
     std::vector<char> isModel(work.vars.size(), 0);
-    for (const auto& entry : _varIndex) isModel[static_cast<size_t>(entry.second)] = 1;
+    for (const VarTable::Entry& e : _vars.entries()) isModel[static_cast<size_t>(e.index)] = 1;
     Gecode::IntVarArgs model;
     Gecode::IntVarArgs aux;
     for (size_t i = 0; i < work.vars.size(); ++i)
@@ -867,8 +963,8 @@ class GecodeEngine : public QelGecodeI {
 
   // Makes `s` the held solution.
   void storeSolution(const ModelSpace& s, const std::vector<double>& offsets) {
-    for (const auto& entry : _varIndex)
-      setValue(entry.first, s.vars[static_cast<size_t>(entry.second)].val());
+    for (const VarTable::Entry& e : _vars.entries())
+      setValue(e.var, s.vars[static_cast<size_t>(e.index)].val());
     for (const auto& entry : _setIndex) {
       std::vector<QelInt> value;
       for (Gecode::SetVarGlbValues it(s.sets[static_cast<size_t>(entry.second)]); it(); ++it)
@@ -1006,8 +1102,7 @@ class GecodeEngine : public QelGecodeI {
   }
 
   std::unique_ptr<ModelSpace> _root;
-  std::unordered_map<const QelNumVarI*, int> _varIndex;
-  std::unordered_map<const QelNumVarI*, Bounds> _bounds;
+  VarTable _vars;
   std::unordered_map<const QelIntSetVarI*, int> _setIndex;
   std::vector<PackItems> _packs;
 };
