@@ -36,7 +36,7 @@
 #include <gecode/search.hh>
 
 #include <engines/gecode/gecode.h>
-#include <engines/gecode/tests/binpacking.h>
+#include <engines/gecode/tests/models.h>
 
 namespace {
 
@@ -208,18 +208,7 @@ void BM_QueensEngine(benchmark::State& state) {
   QelEnv env;
   QelGecode cp(env);
   QelModel m(env, "queens");
-  QelIntVarArray q(env, n, 0, n - 1);
-  QelIntExprArray up(env, 0);
-  QelIntExprArray down(env, 0);
-  for (long i = 0; i < n; ++i) {
-    up.add(q[i] + static_cast<QelInt>(i));
-    down.add(q[i] - static_cast<QelInt>(i));
-  }
-  m.add(QelAllDiff(env, q));
-  m.add(QelAllDiff(env, up));
-  m.add(QelAllDiff(env, down));
-  up.end();
-  down.end();
+  queens::Add(env, m, n);
   cp.extract(m);
   long count = 0;
   for (auto _ : state) count = cp.enumerate([](QelGecodeI&) { return true; });

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include <engines/gecode/gecode.h>
-#include <engines/gecode/tests/binpacking.h>
+#include <engines/gecode/tests/models.h>
 #include <engines/tests/support/enginetest.h>
 
 using namespace enginetest;
@@ -16,7 +16,16 @@ namespace {
 
 QelEngineI* Make(QelEnv env) { return QelNewGecodeEngine(env); }
 
+QelModel Weighted(QelEnv env, QelIntVarArray& x);
+
 struct GecodeTest : ::testing::Test {
+  // The weighted model (see Weighted), extracted.
+  QelModel extractWeighted() {
+    QelIntVarArray x;
+    QelModel m = Weighted(env, x);
+    cp->extract(m.getImpl());
+    return m;
+  }
   void TearDown() override {
     cp.reset();
     env.end();
@@ -317,22 +326,7 @@ TEST_F(GecodeTest, InfeasibleModelsAndSatisfactionProblems) {
   EXPECT_EQ(cp->getNumCriteria(), 0);
 }
 
-// The n-queens model: queen i in column q[i], no two on a line or diagonal.
-QelIntVarArray Queens(QelEnv env, QelModel& m, long n) {
-  QelIntVarArray q(env, n, 0, n - 1);
-  QelIntExprArray up(env, 0);
-  QelIntExprArray down(env, 0);
-  for (long i = 0; i < n; ++i) {
-    up.add(q[i] + static_cast<QelInt>(i));
-    down.add(q[i] - static_cast<QelInt>(i));
-  }
-  m.add(QelAllDiff(env, q, "columns"));
-  m.add(QelAllDiff(env, up, "up"));
-  m.add(QelAllDiff(env, down, "down"));
-  up.end();
-  down.end();
-  return q;
-}
+QelIntVarArray Queens(QelEnv env, QelModel& m, long n) { return queens::Add(env, m, n); }
 
 // A model whose search takes many nodes and improves its incumbent many
 // times: eight different values, the weighted sum maximized while the
@@ -403,17 +397,13 @@ TEST_F(GecodeTest, EnumerationStopsAtTheCountOrTheCallback) {
 }
 
 TEST_F(GecodeTest, EnumerationNeedsAModelWithoutObjective) {
-  QelIntVarArray x;
-  QelModel m = Weighted(env, x);
-  cp->extract(m.getImpl());
+  extractWeighted();
   EXPECT_THROW(Gecode(cp)->enumerate([](QelGecodeI&) { return true; }), QelWrongUsage);
   EXPECT_THROW(Gecode(cp)->enumerate([](QelGecodeI&) { return true; }, -1), QelWrongUsage);
 }
 
 TEST_F(GecodeTest, LimitsStopTheSearchEarly) {
-  QelIntVarArray x;
-  QelModel m = Weighted(env, x);
-  cp->extract(m.getImpl());
+  QelModel m = extractWeighted();
   ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal);
   double best = cp->getObjValue();
   QelGecodeSearchStats full = Gecode(cp)->getSearchStats();
@@ -445,9 +435,7 @@ TEST_F(GecodeTest, LimitsStopTheSearchEarly) {
 }
 
 TEST_F(GecodeTest, EverySearchChoiceReachesTheOptimum) {
-  QelIntVarArray x;
-  QelModel m = Weighted(env, x);
-  cp->extract(m.getImpl());
+  QelModel m = extractWeighted();
   ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal);
   double best = cp->getObjValue();
   const QelGecodeVarSelect vars[] = {QelGecodeVarSelect::InOrder,
@@ -625,9 +613,7 @@ TEST_F(GecodeTest, SearchSettingsByName) {
 }
 
 TEST_F(GecodeTest, LogLinesAtLevelOne) {
-  QelIntVarArray x;
-  QelModel m = Weighted(env, x);
-  cp->extract(m.getImpl());
+  extractWeighted();
   std::ostringstream silent;
   cp->setLogStream(silent);
   ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal);
@@ -673,9 +659,7 @@ TEST_F(GecodeTest, LogLinesAtLevelOne) {
 }
 
 TEST_F(GecodeTest, ProgressCallbackCanStopTheSearch) {
-  QelIntVarArray x;
-  QelModel m = Weighted(env, x);
-  cp->extract(m.getImpl());
+  QelModel m = extractWeighted();
   ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal);
   double best = cp->getObjValue();
   long solutions = cp->getReport().solutions;
@@ -704,9 +688,7 @@ TEST_F(GecodeTest, ProgressCallbackCanStopTheSearch) {
 }
 
 TEST_F(GecodeTest, GapLimitsStopEarly) {
-  QelIntVarArray x;
-  QelModel m = Weighted(env, x);
-  cp->extract(m.getImpl());
+  extractWeighted();
   ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal);
   long solutions = cp->getReport().solutions;
   // Any solution is within 1000 of the root bound (231).

@@ -1,10 +1,10 @@
-// Bin-packing instances for the Gecode engine's tests and benchmark: items
-// of uniform random weights, the same on every platform (std::mt19937 is
-// fully defined, and the weights are mapped from its raw output here rather
-// than through a library distribution, whose mapping varies), the first-fit
-// decreasing count and the simple lower bound, and the model in Qel form.
-#ifndef QEL_ENGINES_GECODE_TESTS_BINPACKING_H
-#define QEL_ENGINES_GECODE_TESTS_BINPACKING_H
+// Models for the Gecode engine's tests and benchmark: n queens, and
+// bin-packing instances with items of uniform random weights, the same on every platform
+// (std::mt19937 is fully defined, and the weights are mapped from its raw output here rather than
+// through a library distribution, whose mapping varies), the first-fit decreasing count and the
+// simple lower bound, and the model in Qel form.
+#ifndef QEL_ENGINES_GECODE_TESTS_MODELS_H
+#define QEL_ENGINES_GECODE_TESTS_MODELS_H
 
 #include <algorithm>
 #include <cstdint>
@@ -14,6 +14,28 @@
 #include <vector>
 
 #include <qel/qel.h>
+
+namespace queens {
+
+/// Adds to `m` the n-queens constraints (queen i in column q[i], no two on
+/// a line or a diagonal) and returns the queens.
+inline QelIntVarArray Add(QelEnv env, QelModel& m, long n) {
+  QelIntVarArray q(env, n, 0, n - 1);
+  QelIntExprArray up(env, 0);
+  QelIntExprArray down(env, 0);
+  for (long i = 0; i < n; ++i) {
+    up.add(q[i] + static_cast<QelInt>(i));
+    down.add(q[i] - static_cast<QelInt>(i));
+  }
+  m.add(QelAllDiff(env, q, "columns"));
+  m.add(QelAllDiff(env, up, "up"));
+  m.add(QelAllDiff(env, down, "down"));
+  up.end();
+  down.end();
+  return q;
+}
+
+}  // namespace queens
 
 namespace binpacking {
 
