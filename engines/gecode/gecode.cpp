@@ -241,7 +241,8 @@ struct PackItems {
   std::vector<int> bins;     // the root variables holding each item's bin
   std::vector<int> weights;  // each item's weight
   int binCount = 0;          // the number of bins
-  bool sameBins = false;     // whether every bin has the same load bounds
+  bool sameBins = false;     // whether the bins are interchangeable (same load
+                             // bounds, every item free to go into any bin)
 };
 
 // Martello and Toth's lower bound L2 on the number of bins of capacity `c`
@@ -392,6 +393,15 @@ class GecodeEngine : public QelGecodeI {
     for (int j = 1; j < loads.size(); ++j)
       items.sameBins =
           items.sameBins && loads[j].min() == loads[0].min() && loads[j].max() == loads[0].max();
+    // ... and every item may go into any bin: each is a variable of its
+    // own whose domain holds every bin.
+    for (int i = 0; i < bins.size() && items.sameBins; ++i) {
+      const auto* v = QelDynamicCast<const QelNumVarI>(
+          static_cast<const QelNumExprI*>(where.getElement(static_cast<long>(i))));
+      const VarTable::Entry* e = v == nullptr ? nullptr : _vars.find(v);
+      items.sameBins = e != nullptr && e->index == items.bins[static_cast<size_t>(i)] &&
+                       bins[i].min() <= 0 && bins[i].max() >= loads.size() - 1 && bins[i].range();
+    }
     long needed = QelGecodeBinLowerBound(items.weights, capacity);
     if (p->getUsed() != nullptr) {
       GExpr used = toExpr(*_root, p->getUsed(), p, true);

@@ -545,6 +545,27 @@ TEST_F(GecodeTest, BinPackingSearchKeepsTheOptimum) {
   }
 }
 
+TEST_F(GecodeTest, BinPackingWithAnItemTiedToABin) {
+  // Item 1 may only go into bin 1: the bins are no longer interchangeable,
+  // and the best packing puts both items there.
+  QelModel m(env, "tied");
+  QelIntVarArray load(env, 2, 0, 100);
+  QelIntVarArray where(env, 2, 0, 1);
+  where[1].getImpl()->setLB(1);
+  QelIntVar used(env, 0, 2, "used");
+  QelIntArray weight(env, 2);
+  weight.set(0, 50);
+  weight.set(1, 50);
+  m.add(QelPack(env, load.toIntExprArray(), where.toIntExprArray(), weight, used, "pack"));
+  weight.end();
+  m.add(QelObjective(env, used, QelObjective::Minimize, "bins"));
+  cp->extract(m.getImpl());
+  ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(cp->getObjValue(), 1);
+  EXPECT_EQ(cp->getValue(where[0].getImpl()), 1);
+  EXPECT_EQ(CheckSolution(cp.get(), m.getImpl()), 1);
+}
+
 TEST(GecodeBinPacking, InstancesAreTheSameEverywhere) {
   // The generator maps the raw output of std::mt19937, which the language
   // fixes: its 10000th output from the default seed is 4123659995.
