@@ -29,7 +29,8 @@ namespace {
 // The options CBC's driver knows, as its own table lists them.
 const std::vector<CbcOrClpParam>& DriverOptions() {
   static const std::vector<CbcOrClpParam> table = [] {
-    CbcModel model;
+    OsiClpSolverInterface empty;
+    CbcModel model(empty);
     CbcSolverUsefulData data;
     data.noPrinting_ = true;
     data.useSignalHandler_ = false;
@@ -873,6 +874,19 @@ class QelCbcI : public QelEngineI {
     return args;
   }
 
+  // The engine whose solve runs CBC's driver on this thread.
+  static thread_local QelCbcI* CurrentEngine;
+
+  // Called by the driver between its phases (after the initial LP, after
+  // preprocessing, before the search): a nonzero answer ends the solve, when
+  // the time is up or the progress callback asked to stop.
+  static int BetweenPhases(CbcModel*, int) {
+    QelCbcI* e = CurrentEngine;
+    if (e == nullptr) return 0;
+    bool outOfTime = e->getParams().timeLimit > 0 && e->remainingTime() <= 0;
+    return outOfTime || e->stopRequested() ? 1 : 0;
+  }
+
   // What one stage of the solve found.
   struct Outcome {
     QelEngineStatus status = QelEngineStatus::Unknown;
@@ -911,6 +925,11 @@ class QelCbcI : public QelEngineI {
     data.noPrinting_ = getParams().logLevel < 2;
     data.useSignalHandler_ = false;
     CbcMain0(model, data);
+    // The initial LP counts against the time limit too (wall-clock).
+    if (getParams().timeLimit > 0) {
+      if (auto* clp = dynamic_cast<OsiClpSolverInterface*>(model.solver()))
+        clp->getModelPtr()->setMaximumWallSeconds(0.95 * remainingTime());
+    }
     Progress progress(this, constant);
     if (report) model.passInEventHandler(&progress);
     if (getParams().logLevel < 2) {
@@ -920,7 +939,10 @@ class QelCbcI : public QelEngineI {
     std::vector<std::string> args = driverArguments();
     std::vector<const char*> argv;
     for (const std::string& a : args) argv.push_back(a.c_str());
-    CbcMain1(static_cast<int>(argv.size()), argv.data(), model, nullptr, data);
+    CurrentEngine = this;
+    CbcMain1(static_cast<int>(argv.size()), argv.data(), model, &BetweenPhases, data);
+    CurrentEngine = nullptr;
+    bool outOfTime = getParams().timeLimit > 0 && remainingTime() <= 0;
     if (report) {
       this->report().nodes += model.getNodeCount();
       this->report().iterations += model.getIterationCount();
@@ -937,6 +959,8 @@ class QelCbcI : public QelEngineI {
       out.status = model.status() == 0 && (secondary == 0 || closed) ? QelEngineStatus::Optimal
                                                                      : QelEngineStatus::Feasible;
       if (out.status == QelEngineStatus::Optimal) out.bound = out.objective;
+    } else if (outOfTime || stopRequested()) {
+      out.status = QelEngineStatus::Unknown;  // stopped before any solution
     } else if (model.isProvenInfeasible() || secondary == 1 ||
                model.isInitialSolveProvenPrimalInfeasible()) {
       out.status = QelEngineStatus::Infeasible;
@@ -1007,13 +1031,13 @@ class QelCbcI : public QelEngineI {
         lp.setObjective(coefs.data());
       }
       Outcome out = solveStage(lp, b, f != nullptr ? f->constant : 0);
+      if (s == 0 && f != nullptr) report().bestBound = out.bound + f->constant;
       if (out.x.empty()) return out.status;
       status = out.status;
       solution = std::move(out.x);
       if (f != nullptr) {
         values.push_back(out.objective + f->constant);
-        report().bestBound = out.bound + forms[0].constant;
-        if (s > 0) report().bestBound = values[0];
+        if (s > 0) report().bestBound = values[0];  // the first criterion is proven
       }
       if (status != QelEngineStatus::Optimal || s + 1 >= stages) break;
       // Keep this criterion at its optimum while the next ones are
@@ -1087,6 +1111,8 @@ class QelCbcI : public QelEngineI {
   std::unordered_map<const QelExtractableI*, std::vector<const QelNumVarI*>> _boundsUsed;
   std::vector<std::pair<std::string, std::string>> _options;  // CBC options set by name
 };
+
+thread_local QelCbcI* QelCbcI::CurrentEngine = nullptr;
 
 QEL_RTTI_DEF(QelCbcI)
 
