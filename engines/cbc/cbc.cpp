@@ -10,6 +10,10 @@
 #include <unordered_map>
 #include <vector>
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 #include <CbcEventHandler.hpp>
 #include <CbcModel.hpp>
 #include <CbcOrClpParam.hpp>
@@ -25,6 +29,35 @@
 #include <engines/common/linear.h>
 
 namespace {
+
+// Keeps the C library's heap from shrinking and growing at every node of a
+// search (see cbc.h: most of a search's time went to brk and page faults),
+// for the life of the object; the allocator's defaults come back after.
+class KeepHeap {
+ public:
+  explicit KeepHeap(bool on) : _on(on) {
+#ifdef __GLIBC__
+    if (_on) {
+      mallopt(M_TOP_PAD, 16 << 20);
+      mallopt(M_TRIM_THRESHOLD, 256 << 20);
+    }
+#endif
+  }
+  ~KeepHeap() {
+#ifdef __GLIBC__
+    if (_on) {
+      mallopt(M_TRIM_THRESHOLD, 128 << 10);
+      mallopt(M_TOP_PAD, 128 << 10);
+      malloc_trim(0);
+    }
+#endif
+  }
+  KeepHeap(const KeepHeap&) = delete;
+  KeepHeap& operator=(const KeepHeap&) = delete;
+
+ private:
+  bool _on;
+};
 
 // The options CBC's driver knows, as its own table lists them.
 const std::vector<CbcOrClpParam>& DriverOptions() {
@@ -53,6 +86,16 @@ class QelCbcI : public QelEngineI {
   using QelEngineI::extractObject;
   using QelEngineI::modifyObject;
   using QelEngineI::unextractObject;
+
+  // The LP as a solve would load it (for QelCbcLoad); returns its nonzeros.
+  long loadOnly() {
+    update();
+    compactIfWorthIt();
+    Built b = build();
+    long nnz = b.lp->getNumElements();
+    _loaded = std::move(b.lp);
+    return nnz;
+  }
 
   // ---- extraction handlers ------------------------------------------------
   void* extractObject(const QelNumVarI* v) override {
@@ -339,6 +382,12 @@ class QelCbcI : public QelEngineI {
   // options: its name, and its value (a keyword the option knows, or a
   // number in its range). Actions (solve, import, ...) are refused.
   bool setEngineParam(const std::string& name, const std::string& value) override {
+    if (name == "keepHeap") {
+      if (value != "on" && value != "off")
+        throw badParam(name, "\"" + value + "\" is not one of on, off");
+      _keepHeap = value == "on";
+      return true;
+    }
     const std::vector<CbcOrClpParam>& table = DriverOptions();
     auto it = std::find_if(table.begin(), table.end(), [&name](const CbcOrClpParam& p) {
       return p.matches(name) != 0 && p.type() < CLP_PARAM_ACTION_DIRECTORY;
@@ -420,7 +469,6 @@ class QelCbcI : public QelEngineI {
   void makeLp() {
     _cols.clear();
     _colById.clear();
-    _ownedCols.clear();
     _rowStart.assign(1, 0);
     _rowCol.clear();
     _rowVal.clear();
@@ -428,7 +476,7 @@ class QelCbcI : public QelEngineI {
     _rowUb.clear();
     _rowOwner.clear();
     _rowAlive.clear();
-    _ownedRows.clear();
+    _owned.clear();
     _deadEntries = 0;
     _liveCols = 0;
     _liveRows = 0;
@@ -513,9 +561,20 @@ class QelCbcI : public QelEngineI {
     c.type = integer ? QelVarType::Int : QelVarType::Float;
     auto index = static_cast<int>(_cols.size());
     _cols.push_back(c);
-    _ownedCols[owner].push_back(index);
+    extend(_owned[owner].cols, index);
     ++_liveCols;
     return index;
+  }
+
+  // Extends the index range `range` ([first, end), empty when first == end)
+  // to hold `i`.
+  static void extend(std::pair<int, int>& range, int i) {
+    if (range.first == range.second) {
+      range = {i, i + 1};
+    } else {
+      range.first = std::min(range.first, i);
+      range.second = std::max(range.second, i + 1);
+    }
   }
 
   // Rows go straight into one coefficient pool (row-major): entry() adds a
@@ -531,7 +590,7 @@ class QelCbcI : public QelEngineI {
     _rowUb.push_back(upper(ub));
     _rowOwner.push_back(owner);
     _rowAlive.push_back(1);
-    _ownedRows[owner].push_back(static_cast<int>(_rowLb.size() - 1));
+    extend(_owned[owner].rows, static_cast<int>(_rowLb.size() - 1));
     ++_liveRows;
   }
 
@@ -629,21 +688,19 @@ class QelCbcI : public QelEngineI {
   // Deletes every row and auxiliary column `m` made, and its set data: the
   // rows are marked dead in the pool (compact() takes them out).
   void deleteOwned(const QelExtractableI* m) {
-    auto rows = _ownedRows.find(m);
-    if (rows != _ownedRows.end()) {
-      for (int r : rows->second) {
-        auto ur = static_cast<size_t>(r);
-        if (_rowAlive[ur] == 0) continue;
-        _rowAlive[ur] = 0;
+    auto owned = _owned.find(m);
+    if (owned != _owned.end()) {
+      for (auto r = static_cast<size_t>(owned->second.rows.first);
+           r < static_cast<size_t>(owned->second.rows.second); ++r) {
+        if (_rowAlive[r] == 0 || _rowOwner[r] != m) continue;
+        _rowAlive[r] = 0;
         --_liveRows;
-        _deadEntries += _rowStart[ur + 1] - _rowStart[ur];
+        _deadEntries += _rowStart[r + 1] - _rowStart[r];
       }
-      _ownedRows.erase(rows);
-    }
-    auto cols = _ownedCols.find(m);
-    if (cols != _ownedCols.end()) {
-      for (int c : cols->second) killColumn(c);
-      _ownedCols.erase(cols);
+      // Model variables' columns made meanwhile lie in the range too.
+      for (int c = owned->second.cols.first; c < owned->second.cols.second; ++c)
+        if (_cols[static_cast<size_t>(c)].owner == m) killColumn(c);
+      _owned.erase(owned);
     }
     _sos.erase(m);
     _boundsUsed.erase(m);
@@ -675,7 +732,6 @@ class QelCbcI : public QelEngineI {
     std::vector<double> rowVal;
     std::vector<double> lb, ub;
     std::vector<const QelExtractableI*> owner;
-    _ownedRows.clear();
     for (size_t r = 0; r + 1 < _rowStart.size(); ++r) {
       if (_rowAlive[r] == 0) continue;
       for (size_t e = _rowStart[r]; e < _rowStart[r + 1]; ++e) {
@@ -688,7 +744,6 @@ class QelCbcI : public QelEngineI {
       lb.push_back(_rowLb[r]);
       ub.push_back(_rowUb[r]);
       owner.push_back(_rowOwner[r]);
-      _ownedRows[_rowOwner[r]].push_back(static_cast<int>(owner.size() - 1));
     }
     _rowStart.swap(start);
     _rowCol.swap(rowCol);
@@ -699,8 +754,12 @@ class QelCbcI : public QelEngineI {
     _rowAlive.assign(_rowOwner.size(), 1);
     _deadEntries = 0;
     _cols.swap(cols);
-    for (auto& owned : _ownedCols)
-      for (int& c : owned.second) c = newCol[static_cast<size_t>(c)];
+    // Each member's rows and columns stay together and in order.
+    _owned.clear();
+    for (size_t r = 0; r < _rowOwner.size(); ++r)
+      extend(_owned[_rowOwner[r]].rows, static_cast<int>(r));
+    for (size_t c = 0; c < _cols.size(); ++c)
+      if (_cols[c].owner != nullptr) extend(_owned[_cols[c].owner].cols, static_cast<int>(c));
     for (auto& set : _setColumns)
       for (auto& member : set.second.members)
         member.second = newCol[static_cast<size_t>(member.second)];
@@ -940,6 +999,7 @@ class QelCbcI : public QelEngineI {
     std::vector<const char*> argv;
     for (const std::string& a : args) argv.push_back(a.c_str());
     CurrentEngine = this;
+    KeepHeap heap(_keepHeap);
     CbcMain1(static_cast<int>(argv.size()), argv.data(), model, &BetweenPhases, data);
     CurrentEngine = nullptr;
     bool outOfTime = getParams().timeLimit > 0 && remainingTime() <= 0;
@@ -1093,7 +1153,6 @@ class QelCbcI : public QelEngineI {
 
   std::vector<Column> _cols;
   std::vector<int> _colById;  // variable id -> column (-1: none)
-  std::unordered_map<const QelExtractableI*, std::vector<int>> _ownedCols;
   // The rows, row-major in one pool.
   std::vector<size_t> _rowStart;
   std::vector<int> _rowCol;
@@ -1102,7 +1161,15 @@ class QelCbcI : public QelEngineI {
   std::vector<double> _rowUb;
   std::vector<const QelExtractableI*> _rowOwner;
   std::vector<char> _rowAlive;
-  std::unordered_map<const QelExtractableI*, std::vector<int>> _ownedRows;
+  // The rows and auxiliary columns of each member, as index ranges: a
+  // member's rows are made together, in one extraction, so they are
+  // contiguous (its auxiliary columns may be interleaved with the columns of
+  // model variables met meanwhile, hence the owner test when deleting).
+  struct Owned {
+    std::pair<int, int> rows{0, 0};  // [first, end)
+    std::pair<int, int> cols{0, 0};
+  };
+  std::unordered_map<const QelExtractableI*, Owned> _owned;
   size_t _deadEntries = 0;
   long _liveCols = 0;
   long _liveRows = 0;
@@ -1110,6 +1177,8 @@ class QelCbcI : public QelEngineI {
   std::unordered_map<const QelIntSetVarI*, SetColumns> _setColumns;
   std::unordered_map<const QelExtractableI*, std::vector<const QelNumVarI*>> _boundsUsed;
   std::vector<std::pair<std::string, std::string>> _options;  // CBC options set by name
+  std::unique_ptr<OsiClpSolverInterface> _loaded;             // the last loadOnly()
+  bool _keepHeap = true;                                      // the engine's own option keepHeap
 };
 
 thread_local QelCbcI* QelCbcI::CurrentEngine = nullptr;
@@ -1117,6 +1186,12 @@ thread_local QelCbcI* QelCbcI::CurrentEngine = nullptr;
 QEL_RTTI_DEF(QelCbcI)
 
 }  // namespace
+
+long QelCbcLoad(QelEngineI* engine) {
+  auto* cbc = QelDynamicCast<QelCbcI>(engine);
+  if (cbc == nullptr) throw QelWrongUsage("QelCbcLoad: not a CBC engine");
+  return cbc->loadOnly();
+}
 
 QelEngineI* QelNewCbcEngine(QelEnv env) {
   if (env.getImpl() == nullptr) throw QelEmptyHandleException("QelEnv: using empty handle");

@@ -284,6 +284,9 @@ class QelEngineI : public QelAlgorithmI {
 
   // ---- solving ----------------------------------------------------------
   /// Brings the form up to date (checks, stale members, rebuild when dirty)
+  /// without solving, as solve() does first.
+  void update() { prepare(); }
+  /// Brings the form up to date (checks, stale members, rebuild when dirty)
   /// and solves. The solution, when there is one, becomes the held values.
   QelEngineStatus solve();
   /// The status of the last solve.
