@@ -166,7 +166,8 @@ void Load_Qel(benchmark::State& state) {
     }
     env.end();
   }
-  if (nnz != static_cast<long>(d.index.size())) state.SkipWithError("the engine loaded another matrix");
+  if (nnz != static_cast<long>(d.index.size()))
+    state.SkipWithError("the engine loaded another matrix");
   state.counters["nnz"] = static_cast<double>(nnz);
 }
 BENCHMARK(Load_Qel)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
@@ -194,7 +195,12 @@ void Load_QelExtractOnly(benchmark::State& state) {
   }
   env.end();
 }
-BENCHMARK(Load_QelExtractOnly)->Arg(1000)->Arg(10000)->Arg(30000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(Load_QelExtractOnly)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(30000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond);
 
 // ---- (c) solving -----------------------------------------------------------
 
@@ -232,7 +238,6 @@ struct KeptHeap {
   ~KeptHeap() {
     mallopt(M_TRIM_THRESHOLD, 128 << 10);
     mallopt(M_TOP_PAD, 128 << 10);
-    malloc_trim(0);
   }
 };
 
@@ -305,9 +310,11 @@ void Facility(benchmark::State& state) {
       QelNumArray demand(env, 0);
       for (int j = 0; j < C; ++j) demand.add(1 + j % 7);
       for (int i = 0; i < F; ++i) {
-        m.add(QelRange(env, -QelInfiniteBound, QelScalProd(x[static_cast<size_t>(i)], demand) - 400 * y[i], 0));
+        m.add(QelRange(env, -QelInfiniteBound,
+                       QelScalProd(x[static_cast<size_t>(i)], demand) - 400 * y[i], 0));
         if (strong)
-          for (int j = 0; j < C; ++j) m.add(QelRange(env, -QelInfiniteBound, x[static_cast<size_t>(i)][j] - y[i], 0));
+          for (int j = 0; j < C; ++j)
+            m.add(QelRange(env, -QelInfiniteBound, x[static_cast<size_t>(i)][j] - y[i], 0));
       }
       demand.end();
       QelCbc mip(env);

@@ -48,7 +48,6 @@ class KeepHeap {
     if (_on) {
       mallopt(M_TRIM_THRESHOLD, 128 << 10);
       mallopt(M_TOP_PAD, 128 << 10);
-      malloc_trim(0);
     }
 #endif
   }

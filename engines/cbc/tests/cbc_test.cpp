@@ -666,3 +666,28 @@ TEST_F(CbcTest, TheTimeLimitBoundsTheWholeSolve) {
               s == QelEngineStatus::Unknown)
       << s;
 }
+
+TEST_F(CbcTest, ASolveAfterTheObjectiveWasRemovedSaysSo) {
+  QelModel m(env, "m");
+  QelIntVar x(env, 0, 5, "x");
+  m.add(QelRange(env, 2, x, 5, "low"));
+  QelObjective cost(env, x, QelObjective::Minimize, "cost");
+  m.add(cost);
+  mip->extract(m.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(mip->getObjValue(), 2);
+  std::ostringstream log;
+  mip->setLogStream(log);
+  mip->setLogLevel(1);
+  cost.end();
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);  // a solution, no objective
+  EXPECT_TRUE(mip->getReport().objectiveRemoved);
+  EXPECT_FALSE(mip->getReport().hasObjective);
+  EXPECT_THROW(mip->getObjValue(), QelWrongUsage);
+  EXPECT_TRUE(
+      Contains(log.str(), "[CBC] the model's objective was removed: solved without objective"))
+      << log.str();
+  EXPECT_TRUE(Contains(log.str(), "[CBC] end: Optimal  objective none (the objective was removed)"))
+      << log.str();
+  EXPECT_GE(mip->getValue(x.getImpl()), 2);
+}
