@@ -870,29 +870,35 @@ class QelCbcI : public QelEngineI {
   // stops the search when the engine asks to.
   class Progress : public CbcEventHandler {
    public:
-    Progress(QelCbcI* engine, double constant) : _engine(engine), _constant(constant) {}
+    // `sense`: 1 to minimize, -1 to maximize; `constant`: the criterion's
+    // constant (the LP's objective has none).
+    Progress(QelCbcI* engine, double sense, double constant)
+        : _engine(engine), _sense(sense), _constant(constant) {}
     CbcAction event(CbcEvent which) override {
       if (which != node && which != solution && which != heuristicSolution && which != treeStatus)
         return noAction;
       const CbcModel* m = getModel();
+      // The driver may minimize the negated objective of a maximization:
+      // its figures come back in the model's own sense.
+      double flip = m->getObjSense() == _sense ? 1.0 : -1.0;
       QelEngineProgress p;
       p.time = _engine->elapsed();
       p.nodes = m->getNodeCount();
       p.iterations = m->getIterationCount();
       p.solutions = m->getSolutionCount();
       p.hasIncumbent = m->bestSolution() != nullptr;
-      if (p.hasIncumbent) p.incumbent = m->getObjValue() + _constant;
+      if (p.hasIncumbent) p.incumbent = flip * m->getObjValue() + _constant;
       p.hasBound = true;
-      p.bound = m->getBestPossibleObjValue() + _constant;
+      p.bound = flip * m->getBestPossibleObjValue() + _constant;
       if (p.hasIncumbent)
-        p.bound =
-            m->getObjSense() > 0 ? std::min(p.bound, p.incumbent) : std::max(p.bound, p.incumbent);
-      return _engine->reportProgress(p, which != node && which != treeStatus) ? stop : noAction;
+        p.bound = _sense > 0 ? std::min(p.bound, p.incumbent) : std::max(p.bound, p.incumbent);
+      return _engine->reportProgress(p) ? stop : noAction;
     }
     CbcEventHandler* clone() const override { return new Progress(*this); }
 
    private:
     QelCbcI* _engine;
+    double _sense;
     double _constant;
   };
 
@@ -988,7 +994,7 @@ class QelCbcI : public QelEngineI {
       if (auto* clp = dynamic_cast<OsiClpSolverInterface*>(model.solver()))
         clp->getModelPtr()->setMaximumWallSeconds(0.95 * remainingTime());
     }
-    Progress progress(this, constant);
+    Progress progress(this, lp.getObjSense(), constant);
     if (report) model.passInEventHandler(&progress);
     if (getParams().logLevel < 2) {
       model.messageHandler()->setLogLevel(0);

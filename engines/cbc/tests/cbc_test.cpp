@@ -691,3 +691,13 @@ TEST_F(CbcTest, ASolveAfterTheObjectiveWasRemovedSaysSo) {
       << log.str();
   EXPECT_GE(mip->getValue(x.getImpl()), 2);
 }
+
+TEST_F(CbcLimitsTest, TwoThreadsAndASeedReachTheSameOptimum) {
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  double best = mip->getObjValue();
+  mip->setThreads(2);
+  mip->setRandomSeed(7);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), best, 1e-6);
+  EXPECT_EQ(CheckSolution(mip.get(), problem.model.getImpl()), 5);
+}
