@@ -10,6 +10,10 @@
 #include <unordered_map>
 #include <vector>
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 #include <CbcEventHandler.hpp>
 #include <CbcModel.hpp>
 #include <CbcOrClpParam.hpp>
@@ -26,10 +30,39 @@
 
 namespace {
 
+// Keeps the C library's heap from shrinking and growing at every node of a
+// search (see cbc.h: most of a search's time went to brk and page faults),
+// for the life of the object; the allocator's defaults come back after.
+class KeepHeap {
+ public:
+  explicit KeepHeap(bool on) : _on(on) {
+#ifdef __GLIBC__
+    if (_on) {
+      mallopt(M_TOP_PAD, 16 << 20);
+      mallopt(M_TRIM_THRESHOLD, 256 << 20);
+    }
+#endif
+  }
+  ~KeepHeap() {
+#ifdef __GLIBC__
+    if (_on) {
+      mallopt(M_TRIM_THRESHOLD, 128 << 10);
+      mallopt(M_TOP_PAD, 128 << 10);
+    }
+#endif
+  }
+  KeepHeap(const KeepHeap&) = delete;
+  KeepHeap& operator=(const KeepHeap&) = delete;
+
+ private:
+  bool _on;
+};
+
 // The options CBC's driver knows, as its own table lists them.
 const std::vector<CbcOrClpParam>& DriverOptions() {
   static const std::vector<CbcOrClpParam> table = [] {
-    CbcModel model;
+    OsiClpSolverInterface empty;
+    CbcModel model(empty);
     CbcSolverUsefulData data;
     data.noPrinting_ = true;
     data.useSignalHandler_ = false;
@@ -52,6 +85,16 @@ class QelCbcI : public QelEngineI {
   using QelEngineI::extractObject;
   using QelEngineI::modifyObject;
   using QelEngineI::unextractObject;
+
+  // The LP as a solve would load it (for QelCbcLoad); returns its nonzeros.
+  long loadOnly() {
+    update();
+    compactIfWorthIt();
+    Built b = build();
+    long nnz = b.lp->getNumElements();
+    _loaded = std::move(b.lp);
+    return nnz;
+  }
 
   // ---- extraction handlers ------------------------------------------------
   void* extractObject(const QelNumVarI* v) override {
@@ -338,6 +381,12 @@ class QelCbcI : public QelEngineI {
   // options: its name, and its value (a keyword the option knows, or a
   // number in its range). Actions (solve, import, ...) are refused.
   bool setEngineParam(const std::string& name, const std::string& value) override {
+    if (name == "keepHeap") {
+      if (value != "on" && value != "off")
+        throw badParam(name, "\"" + value + "\" is not one of on, off");
+      _keepHeap = value == "on";
+      return true;
+    }
     const std::vector<CbcOrClpParam>& table = DriverOptions();
     auto it = std::find_if(table.begin(), table.end(), [&name](const CbcOrClpParam& p) {
       return p.matches(name) != 0 && p.type() < CLP_PARAM_ACTION_DIRECTORY;
@@ -419,7 +468,6 @@ class QelCbcI : public QelEngineI {
   void makeLp() {
     _cols.clear();
     _colById.clear();
-    _ownedCols.clear();
     _rowStart.assign(1, 0);
     _rowCol.clear();
     _rowVal.clear();
@@ -427,7 +475,7 @@ class QelCbcI : public QelEngineI {
     _rowUb.clear();
     _rowOwner.clear();
     _rowAlive.clear();
-    _ownedRows.clear();
+    _owned.clear();
     _deadEntries = 0;
     _liveCols = 0;
     _liveRows = 0;
@@ -512,9 +560,20 @@ class QelCbcI : public QelEngineI {
     c.type = integer ? QelVarType::Int : QelVarType::Float;
     auto index = static_cast<int>(_cols.size());
     _cols.push_back(c);
-    _ownedCols[owner].push_back(index);
+    extend(_owned[owner].cols, index);
     ++_liveCols;
     return index;
+  }
+
+  // Extends the index range `range` ([first, end), empty when first == end)
+  // to hold `i`.
+  static void extend(std::pair<int, int>& range, int i) {
+    if (range.first == range.second) {
+      range = {i, i + 1};
+    } else {
+      range.first = std::min(range.first, i);
+      range.second = std::max(range.second, i + 1);
+    }
   }
 
   // Rows go straight into one coefficient pool (row-major): entry() adds a
@@ -530,7 +589,7 @@ class QelCbcI : public QelEngineI {
     _rowUb.push_back(upper(ub));
     _rowOwner.push_back(owner);
     _rowAlive.push_back(1);
-    _ownedRows[owner].push_back(static_cast<int>(_rowLb.size() - 1));
+    extend(_owned[owner].rows, static_cast<int>(_rowLb.size() - 1));
     ++_liveRows;
   }
 
@@ -628,21 +687,19 @@ class QelCbcI : public QelEngineI {
   // Deletes every row and auxiliary column `m` made, and its set data: the
   // rows are marked dead in the pool (compact() takes them out).
   void deleteOwned(const QelExtractableI* m) {
-    auto rows = _ownedRows.find(m);
-    if (rows != _ownedRows.end()) {
-      for (int r : rows->second) {
-        auto ur = static_cast<size_t>(r);
-        if (_rowAlive[ur] == 0) continue;
-        _rowAlive[ur] = 0;
+    auto owned = _owned.find(m);
+    if (owned != _owned.end()) {
+      for (auto r = static_cast<size_t>(owned->second.rows.first);
+           r < static_cast<size_t>(owned->second.rows.second); ++r) {
+        if (_rowAlive[r] == 0 || _rowOwner[r] != m) continue;
+        _rowAlive[r] = 0;
         --_liveRows;
-        _deadEntries += _rowStart[ur + 1] - _rowStart[ur];
+        _deadEntries += _rowStart[r + 1] - _rowStart[r];
       }
-      _ownedRows.erase(rows);
-    }
-    auto cols = _ownedCols.find(m);
-    if (cols != _ownedCols.end()) {
-      for (int c : cols->second) killColumn(c);
-      _ownedCols.erase(cols);
+      // Model variables' columns made meanwhile lie in the range too.
+      for (int c = owned->second.cols.first; c < owned->second.cols.second; ++c)
+        if (_cols[static_cast<size_t>(c)].owner == m) killColumn(c);
+      _owned.erase(owned);
     }
     _sos.erase(m);
     _boundsUsed.erase(m);
@@ -674,7 +731,6 @@ class QelCbcI : public QelEngineI {
     std::vector<double> rowVal;
     std::vector<double> lb, ub;
     std::vector<const QelExtractableI*> owner;
-    _ownedRows.clear();
     for (size_t r = 0; r + 1 < _rowStart.size(); ++r) {
       if (_rowAlive[r] == 0) continue;
       for (size_t e = _rowStart[r]; e < _rowStart[r + 1]; ++e) {
@@ -687,7 +743,6 @@ class QelCbcI : public QelEngineI {
       lb.push_back(_rowLb[r]);
       ub.push_back(_rowUb[r]);
       owner.push_back(_rowOwner[r]);
-      _ownedRows[_rowOwner[r]].push_back(static_cast<int>(owner.size() - 1));
     }
     _rowStart.swap(start);
     _rowCol.swap(rowCol);
@@ -698,8 +753,12 @@ class QelCbcI : public QelEngineI {
     _rowAlive.assign(_rowOwner.size(), 1);
     _deadEntries = 0;
     _cols.swap(cols);
-    for (auto& owned : _ownedCols)
-      for (int& c : owned.second) c = newCol[static_cast<size_t>(c)];
+    // Each member's rows and columns stay together and in order.
+    _owned.clear();
+    for (size_t r = 0; r < _rowOwner.size(); ++r)
+      extend(_owned[_rowOwner[r]].rows, static_cast<int>(r));
+    for (size_t c = 0; c < _cols.size(); ++c)
+      if (_cols[c].owner != nullptr) extend(_owned[_cols[c].owner].cols, static_cast<int>(c));
     for (auto& set : _setColumns)
       for (auto& member : set.second.members)
         member.second = newCol[static_cast<size_t>(member.second)];
@@ -811,29 +870,35 @@ class QelCbcI : public QelEngineI {
   // stops the search when the engine asks to.
   class Progress : public CbcEventHandler {
    public:
-    Progress(QelCbcI* engine, double constant) : _engine(engine), _constant(constant) {}
+    // `sense`: 1 to minimize, -1 to maximize; `constant`: the criterion's
+    // constant (the LP's objective has none).
+    Progress(QelCbcI* engine, double sense, double constant)
+        : _engine(engine), _sense(sense), _constant(constant) {}
     CbcAction event(CbcEvent which) override {
       if (which != node && which != solution && which != heuristicSolution && which != treeStatus)
         return noAction;
       const CbcModel* m = getModel();
+      // The driver may minimize the negated objective of a maximization:
+      // its figures come back in the model's own sense.
+      double flip = m->getObjSense() == _sense ? 1.0 : -1.0;
       QelEngineProgress p;
       p.time = _engine->elapsed();
       p.nodes = m->getNodeCount();
       p.iterations = m->getIterationCount();
       p.solutions = m->getSolutionCount();
       p.hasIncumbent = m->bestSolution() != nullptr;
-      if (p.hasIncumbent) p.incumbent = m->getObjValue() + _constant;
+      if (p.hasIncumbent) p.incumbent = flip * m->getObjValue() + _constant;
       p.hasBound = true;
-      p.bound = m->getBestPossibleObjValue() + _constant;
+      p.bound = flip * m->getBestPossibleObjValue() + _constant;
       if (p.hasIncumbent)
-        p.bound =
-            m->getObjSense() > 0 ? std::min(p.bound, p.incumbent) : std::max(p.bound, p.incumbent);
-      return _engine->reportProgress(p, which != node && which != treeStatus) ? stop : noAction;
+        p.bound = _sense > 0 ? std::min(p.bound, p.incumbent) : std::max(p.bound, p.incumbent);
+      return _engine->reportProgress(p) ? stop : noAction;
     }
     CbcEventHandler* clone() const override { return new Progress(*this); }
 
    private:
     QelCbcI* _engine;
+    double _sense;
     double _constant;
   };
 
@@ -871,6 +936,19 @@ class QelCbcI : public QelEngineI {
     args.emplace_back("-solve");
     args.emplace_back("-quit");
     return args;
+  }
+
+  // The engine whose solve runs CBC's driver on this thread.
+  static thread_local QelCbcI* CurrentEngine;
+
+  // Called by the driver between its phases (after the initial LP, after
+  // preprocessing, before the search): a nonzero answer ends the solve, when
+  // the time is up or the progress callback asked to stop.
+  static int BetweenPhases(CbcModel*, int) {
+    QelCbcI* e = CurrentEngine;
+    if (e == nullptr) return 0;
+    bool outOfTime = e->getParams().timeLimit > 0 && e->remainingTime() <= 0;
+    return outOfTime || e->stopRequested() ? 1 : 0;
   }
 
   // What one stage of the solve found.
@@ -911,7 +989,12 @@ class QelCbcI : public QelEngineI {
     data.noPrinting_ = getParams().logLevel < 2;
     data.useSignalHandler_ = false;
     CbcMain0(model, data);
-    Progress progress(this, constant);
+    // The initial LP counts against the time limit too (wall-clock).
+    if (getParams().timeLimit > 0) {
+      if (auto* clp = dynamic_cast<OsiClpSolverInterface*>(model.solver()))
+        clp->getModelPtr()->setMaximumWallSeconds(0.95 * remainingTime());
+    }
+    Progress progress(this, lp.getObjSense(), constant);
     if (report) model.passInEventHandler(&progress);
     if (getParams().logLevel < 2) {
       model.messageHandler()->setLogLevel(0);
@@ -920,7 +1003,11 @@ class QelCbcI : public QelEngineI {
     std::vector<std::string> args = driverArguments();
     std::vector<const char*> argv;
     for (const std::string& a : args) argv.push_back(a.c_str());
-    CbcMain1(static_cast<int>(argv.size()), argv.data(), model, nullptr, data);
+    CurrentEngine = this;
+    KeepHeap heap(_keepHeap);
+    CbcMain1(static_cast<int>(argv.size()), argv.data(), model, &BetweenPhases, data);
+    CurrentEngine = nullptr;
+    bool outOfTime = getParams().timeLimit > 0 && remainingTime() <= 0;
     if (report) {
       this->report().nodes += model.getNodeCount();
       this->report().iterations += model.getIterationCount();
@@ -937,6 +1024,8 @@ class QelCbcI : public QelEngineI {
       out.status = model.status() == 0 && (secondary == 0 || closed) ? QelEngineStatus::Optimal
                                                                      : QelEngineStatus::Feasible;
       if (out.status == QelEngineStatus::Optimal) out.bound = out.objective;
+    } else if (outOfTime || stopRequested()) {
+      out.status = QelEngineStatus::Unknown;  // stopped before any solution
     } else if (model.isProvenInfeasible() || secondary == 1 ||
                model.isInitialSolveProvenPrimalInfeasible()) {
       out.status = QelEngineStatus::Infeasible;
@@ -1007,13 +1096,13 @@ class QelCbcI : public QelEngineI {
         lp.setObjective(coefs.data());
       }
       Outcome out = solveStage(lp, b, f != nullptr ? f->constant : 0);
+      if (s == 0 && f != nullptr) report().bestBound = out.bound + f->constant;
       if (out.x.empty()) return out.status;
       status = out.status;
       solution = std::move(out.x);
       if (f != nullptr) {
         values.push_back(out.objective + f->constant);
-        report().bestBound = out.bound + forms[0].constant;
-        if (s > 0) report().bestBound = values[0];
+        if (s > 0) report().bestBound = values[0];  // the first criterion is proven
       }
       if (status != QelEngineStatus::Optimal || s + 1 >= stages) break;
       // Keep this criterion at its optimum while the next ones are
@@ -1069,7 +1158,6 @@ class QelCbcI : public QelEngineI {
 
   std::vector<Column> _cols;
   std::vector<int> _colById;  // variable id -> column (-1: none)
-  std::unordered_map<const QelExtractableI*, std::vector<int>> _ownedCols;
   // The rows, row-major in one pool.
   std::vector<size_t> _rowStart;
   std::vector<int> _rowCol;
@@ -1078,7 +1166,15 @@ class QelCbcI : public QelEngineI {
   std::vector<double> _rowUb;
   std::vector<const QelExtractableI*> _rowOwner;
   std::vector<char> _rowAlive;
-  std::unordered_map<const QelExtractableI*, std::vector<int>> _ownedRows;
+  // The rows and auxiliary columns of each member, as index ranges: a
+  // member's rows are made together, in one extraction, so they are
+  // contiguous (its auxiliary columns may be interleaved with the columns of
+  // model variables met meanwhile, hence the owner test when deleting).
+  struct Owned {
+    std::pair<int, int> rows{0, 0};  // [first, end)
+    std::pair<int, int> cols{0, 0};
+  };
+  std::unordered_map<const QelExtractableI*, Owned> _owned;
   size_t _deadEntries = 0;
   long _liveCols = 0;
   long _liveRows = 0;
@@ -1086,11 +1182,21 @@ class QelCbcI : public QelEngineI {
   std::unordered_map<const QelIntSetVarI*, SetColumns> _setColumns;
   std::unordered_map<const QelExtractableI*, std::vector<const QelNumVarI*>> _boundsUsed;
   std::vector<std::pair<std::string, std::string>> _options;  // CBC options set by name
+  std::unique_ptr<OsiClpSolverInterface> _loaded;             // the last loadOnly()
+  bool _keepHeap = true;                                      // the engine's own option keepHeap
 };
+
+thread_local QelCbcI* QelCbcI::CurrentEngine = nullptr;
 
 QEL_RTTI_DEF(QelCbcI)
 
 }  // namespace
+
+long QelCbcLoad(QelEngineI* engine) {
+  auto* cbc = QelDynamicCast<QelCbcI>(engine);
+  if (cbc == nullptr) throw QelWrongUsage("QelCbcLoad: not a CBC engine");
+  return cbc->loadOnly();
+}
 
 QelEngineI* QelNewCbcEngine(QelEnv env) {
   if (env.getImpl() == nullptr) throw QelEmptyHandleException("QelEnv: using empty handle");

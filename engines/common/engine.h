@@ -187,6 +187,10 @@ struct QelEngineParams {
   int logLevel = 0;  ///< 0 silent, 1 start, progress and end lines, 2 also the solver's own output
 };
 
+/// The relative gap |incumbent - bound| / max(|incumbent|, |bound|, 1e-10),
+/// the measure the gap limit (relativeGap) is compared with.
+double QelRelativeGap(double incumbent, double bound);
+
 /// Figures of a running or finished search.
 struct QelEngineProgress {
   double time = 0;            ///< seconds since solve() was called
@@ -197,8 +201,8 @@ struct QelEngineProgress {
   double incumbent = 0;       ///< objective of the best solution (first criterion)
   bool hasBound = false;      ///< whether a bound is known
   double bound = 0;           ///< best bound on the objective (first criterion)
-  /// Relative gap |incumbent - bound| / max(1e-10, |incumbent|), or -1 when
-  /// incumbent or bound is missing.
+  /// Relative gap QelRelativeGap(incumbent, bound), or -1 when incumbent or
+  /// bound is missing.
   double gap() const;
 };
 
@@ -279,6 +283,9 @@ class QelEngineI : public QelAlgorithmI {
   void notifyChange(const QelExtractableI* x, const QelChange& c) override;
 
   // ---- solving ----------------------------------------------------------
+  /// Brings the form up to date (checks, stale members, rebuild when dirty)
+  /// without solving, as solve() does first.
+  void update() { prepare(); }
   /// Brings the form up to date (checks, stale members, rebuild when dirty)
   /// and solves. The solution, when there is one, becomes the held values.
   QelEngineStatus solve();

@@ -10,9 +10,14 @@
 
 #include <engines/common/engine.h>
 
+double QelRelativeGap(double incumbent, double bound) {
+  double scale = std::max({1e-10, std::fabs(incumbent), std::fabs(bound)});
+  return std::fabs(incumbent - bound) / scale;
+}
+
 double QelEngineProgress::gap() const {
   if (!hasIncumbent || !hasBound) return -1;
-  return std::fabs(incumbent - bound) / std::max(1e-10, std::fabs(incumbent));
+  return QelRelativeGap(incumbent, bound);
 }
 
 // ===========================================================================
@@ -242,7 +247,7 @@ void QelEngineI::finishReport() {
   r.objectiveRemoved = _objective == nullptr && _hadObjective;
   if (hasSolution() && r.hasObjective && !_objValues.empty()) r.objective = _objValues[0];
   if (hasSolution() && r.hasObjective)
-    r.gap = std::fabs(r.objective - r.bestBound) / std::max(1e-10, std::fabs(r.objective));
+    r.gap = QelRelativeGap(r.objective, r.bestBound);
   else
     r.gap = -1;
   if (hasSolution() && r.solutions == 0) r.solutions = 1;
