@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <numeric>
+#include <random>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -840,7 +842,7 @@ class GecodeEngine : public QelGecodeI {
   };
 
   // The variable selection asked for (first-fail when automatic).
-  Gecode::IntVarBranch varBranch(Gecode::Rnd& rnd) const {
+  Gecode::IntVarBranch varBranch() const {
     switch (_search.variable) {
       case QelGecodeVarSelect::InOrder:
         return Gecode::INT_VAR_NONE();
@@ -848,8 +850,8 @@ class GecodeEngine : public QelGecodeI {
         return Gecode::INT_VAR_DEGREE_MAX();
       case QelGecodeVarSelect::DomainOverAfc:
         return Gecode::INT_VAR_AFC_SIZE_MAX();
-      case QelGecodeVarSelect::Random:
-        return Gecode::INT_VAR_RND(rnd);
+      case QelGecodeVarSelect::Random:  // the variables come shuffled
+        return Gecode::INT_VAR_NONE();
       case QelGecodeVarSelect::Automatic:
       case QelGecodeVarSelect::SmallestDomain:
         break;
@@ -883,7 +885,9 @@ class GecodeEngine : public QelGecodeI {
   // selections; then the auxiliary variables and the sets, so that every
   // variable has a value in a solution; the criteria last.
   void postBranching(ModelSpace& work) const {
-    Gecode::Rnd rnd(static_cast<unsigned int>(std::max(0, getParams().randomSeed)));
+    auto seed = static_cast<unsigned int>(std::max(0, getParams().randomSeed));
+    Gecode::Rnd rnd;
+    if (_search.value == QelGecodeValSelect::Random) rnd = Gecode::Rnd(seed);
     std::vector<char> done(work.vars.size(), 0);
     bool symmetric = interchangeableBins();
     if (_search.variable == QelGecodeVarSelect::Automatic) {
@@ -935,7 +939,14 @@ class GecodeEngine : public QelGecodeI {
     Gecode::IntVarArgs aux;
     for (size_t i = 0; i < work.vars.size(); ++i)
       if (done[i] == 0) (isModel[i] != 0 ? model : aux) << work.vars[i];
-    if (model.size() > 0) Gecode::branch(work, model, varBranch(rnd), valBranch(rnd));
+    if (_search.variable == QelGecodeVarSelect::Random) {
+      // A random order drawn from the seed, kept for the whole search
+      // (Gecode's own random variable selection leaks its generator).
+      std::mt19937 g(seed);
+      for (int i = model.size() - 1; i > 0; --i)
+        std::swap(model[i], model[static_cast<int>(g() % static_cast<std::uint32_t>(i + 1))]);
+    }
+    if (model.size() > 0) Gecode::branch(work, model, varBranch(), valBranch(rnd));
     if (aux.size() > 0) Gecode::branch(work, aux, Gecode::INT_VAR_NONE(), Gecode::INT_VAL_MIN());
     if (!work.sets.empty()) {
       Gecode::SetVarArgs sets;

@@ -69,7 +69,7 @@ enum class QelGecodeVarSelect {
   SmallestDomain,  ///< first-fail: the smallest domain
   LargestDegree,   ///< the variable in the most propagators
   DomainOverAfc,   ///< smallest domain size over accumulated failure count
-  Random           ///< at random (from the search seed)
+  Random           ///< in a random order drawn from the search seed
 };
 
 /// Which value the search tries first for the chosen variable.
