@@ -26,18 +26,25 @@
 // pack, the items are placed first, heaviest first, each into the first bin
 // that can still take it (the bin-packing propagator prunes the bins that
 // cannot), and the number of bins used gets the Martello-Toth lower bound of
-// the weights; every other variable, and every model without a pack, is
-// searched first-fail (smallest domain first, smallest value first). A
-// QelGecodeSearch replaces the default: variable and value selection,
-// restarts with a Luby or geometric cutoff sequence (counted in failures),
-// and a limit on failures. The shared settings apply as well: time, node
-// and solution limits, gaps (against the bound the root propagation gives
-// the first criterion), the seed of the random selections, and `threads`
-// above 1 for Gecode's parallel search (the node and failure limits then
-// count each thread's own nodes). At log level 1 the start line counts the
-// form's propagators as rows and its variables as columns; progress lines
-// and the progress callback come from the search, at most every tenth of a
-// second for the callback and every second for the log.
+// the weights. When the bins are interchangeable (the model holds that one
+// pack and its variables, the bins have the same bounds, every item is a
+// variable of its own free to go into any bin, there is no used set, and the
+// objective is the used count), the search goes further: the count is
+// branched on first, from the most bins down, every item is kept below it
+// (the bins used are the first ones), each item goes into the fullest bin
+// that takes it, and an item kept out of a bin is kept out of every bin
+// holding the same load (they are the same choice). Every other variable,
+// and every model without a pack, is searched first-fail (smallest domain
+// first, smallest value first). A QelGecodeSearch replaces the default:
+// variable and value selection, restarts with a Luby or geometric cutoff
+// sequence (counted in failures), and a limit on failures. The shared settings apply as well: time,
+// node and solution limits, gaps (against the bound the root propagation gives the first
+// criterion), the seed of the random selections, and `threads` above 1 for Gecode's parallel search
+// (the node and failure limits then count each thread's own nodes). At log level 1 the start line
+// counts the form's propagators as rows and its variables as columns; progress lines and the
+// progress callback come from the search: the callback at each new solution and otherwise at most
+// every tenth of a second, the log at most every second. With several threads the callback may be
+// called from Gecode's threads (one call at a time).
 //
 // Several solutions: enumerate(callback, n) visits every solution of a
 // model without objective (or the first n), setting the engine's values
