@@ -695,7 +695,10 @@ TEST_F(GecodeTest, ProgressCallbackCanStopTheSearch) {
   EXPECT_EQ(cp->getReport().solutions, 2);
   EXPECT_LT(cp->getReport().solutions, solutions);
   EXPECT_LT(cp->getObjValue(), best);
-  ASSERT_EQ(seen.size(), 2u);
+  // Called at each solution (and, on a slow machine, after a tenth of a
+  // second): the last call saw the second solution.
+  ASSERT_GE(seen.size(), 2u);
+  EXPECT_EQ(seen.back().solutions, 2);
   EXPECT_TRUE(seen.back().hasIncumbent);
   EXPECT_EQ(seen.back().incumbent, cp->getObjValue());
   EXPECT_TRUE(seen.back().hasBound);
