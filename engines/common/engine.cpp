@@ -1,6 +1,7 @@
 // QelEngineI: the image of what was extracted, the default handlers of every
 // class and notice, and the solve cycle.
 #include <algorithm>
+#include <iostream>
 #include <ostream>
 #include <sstream>
 
@@ -45,7 +46,7 @@ std::string QelDescribe(const QelExtractableI* x) {
 // ===========================================================================
 
 QelEngineI::QelEngineI(QelEnvI* env, const char* engineName)
-    : QelAlgorithmI(env), _engineName(engineName) {
+    : QelAlgorithmI(env), _engineName(engineName), _log(&std::clog) {
   InstallHooks();
   useHooks(nullptr);
 }
@@ -329,18 +330,30 @@ void QelEngineI::prepare() {
 }
 
 QelEngineStatus QelEngineI::solve() {
+  _solveStart = std::chrono::steady_clock::now();
+  _lastLogLine = -1;
+  _report = QelSolveReport();
   _status = QelEngineStatus::Unknown;
   _objValues.clear();
   _engineObjValues.clear();
   _setValues.clear();
   clearValues();
   prepare();
+  _report.extractionTime = elapsed();
   ++_stats.solves;
-  _status = runSolve();
+  logStart();
+  if (_params.timeLimit > 0 && remainingTime() <= 0) {
+    // Bringing the form up to date took the whole time limit.
+    _status = QelEngineStatus::Unknown;
+  } else {
+    _status = runSolve();
+  }
   if (hasSolution() && _objective != nullptr) {
     long n = _objective->getNumCriteria();
     for (long i = 0; i < n; ++i) _objValues.push_back(getValue(_objective->getCriterion(i)));
   }
+  finishReport();
+  if (_objective != nullptr) _hadObjective = true;
   return _status;
 }
 
@@ -350,6 +363,8 @@ long QelEngineI::getNumCriteria() const {
 
 double QelEngineI::getObjValue(long i) const {
   if (!hasSolution()) throw QelWrongUsage("QelEngine: no solution");
+  if (_report.objectiveRemoved)
+    throw QelWrongUsage("QelEngine: no objective value: the model's objective was removed");
   if (i < 0 || i >= static_cast<long>(_objValues.size()))
     throw QelWrongUsage("QelEngine: no objective value for this criterion");
   return _objValues[static_cast<size_t>(i)];

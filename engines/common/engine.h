@@ -79,13 +79,53 @@
 //   model.add(QelDiff(env, x, 3.0));   // followed; posted incrementally
 //   cp.solve();
 //   cp.end();                          // before env.end()
+//
+// Parameters, log, progress and report
+// ------------------------------------
+// The settings both engines understand are typed (QelEngineParams: time
+// limit, relative and absolute gap, node and solution limits, threads,
+// random seed, log level) and set through the engine or its handle:
+//
+//   QelCbc mip(env);
+//   mip.setTimeLimit(10);
+//   mip.setRelativeGap(0.01);
+//   mip.setLogLevel(1);                  // lines on std::clog
+//   mip.setParam("cuts", "off");         // the engine's own options by name
+//
+// A name the engine does not know throws QelEngineError listing the names
+// it knows. The shared settings are also accepted by name ("timeLimit",
+// "relativeGap", "absoluteGap", "nodeLimit", "solutionLimit", "threads",
+// "randomSeed", "logLevel").
+//
+// At log level 1 or more the engine writes, on the log stream (std::clog
+// unless setLogStream chose another; nothing at level 0), one line when a
+// solve starts, with what was extracted:
+//   [CBC] start: 120 rows, 6050 columns (6050 integer); QelPackI 1
+// progress lines, at most one a second:
+//   [CBC] 2.01 s  nodes 1412  incumbent 51  bound 50  gap 1.96%
+// and a summary when it ends:
+//   [CBC] end: Optimal  objective 51  bound 51  gap 0%  nodes 2200
+//   iterations 90211  solutions 3  time 3.12 s
+// QelEngineLog formats every line, so both engines print the same shape.
+// The same figures reach a progress callback (setProgressCallback) each time
+// the engine reports progress; the callback returns QelProgressReply::Stop
+// to end the search early (the status is then Feasible with a solution,
+// Unknown without). After a solve, getReport() holds status, objective,
+// best bound, gap, nodes, iterations, time and the number of solutions.
+//
+// The time limit bounds the whole solve() call: bringing the form up to date
+// (extracting the changes made since the last solve) counts against it, and
+// the engine's search gets what remains (remainingTime()).
 #ifndef QEL_ENGINES_COMMON_ENGINE_H
 #define QEL_ENGINES_COMMON_ENGINE_H
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include <qel/change/notices.h>
@@ -134,6 +174,84 @@ struct QelEngineStats {
   long solves = 0;              ///< calls of solve()
 };
 
+/// The settings both engines share. A zero limit means no limit.
+struct QelEngineParams {
+  double timeLimit = 0;  ///< seconds for a whole solve() call (0: none)
+  double relativeGap =
+      -1;  ///< stop when |incumbent - bound| <= gap * |incumbent| (< 0: the solver's default)
+  double absoluteGap = -1;  ///< stop when |incumbent - bound| <= gap (< 0: the solver's default)
+  long nodeLimit = 0;       ///< search nodes explored at most (0: none)
+  long solutionLimit = 0;   ///< solutions found at most (0: none)
+  int threads = 1;          ///< search threads, where the solver can use several (0: one per core)
+  int randomSeed = -1;      ///< seed of the solver's random choices (< 0: the solver's default)
+  int logLevel = 0;  ///< 0 silent, 1 start, progress and end lines, 2 also the solver's own output
+};
+
+/// The relative gap |incumbent - bound| / max(|incumbent|, |bound|, 1e-10),
+/// the measure the gap limit (relativeGap) is compared with.
+double QelRelativeGap(double incumbent, double bound);
+
+/// Figures of a running or finished search.
+struct QelEngineProgress {
+  double time = 0;            ///< seconds since solve() was called
+  long nodes = 0;             ///< search nodes explored
+  long iterations = 0;        ///< simplex iterations (0 for a search without LP)
+  long solutions = 0;         ///< solutions found
+  bool hasIncumbent = false;  ///< whether a solution is known
+  double incumbent = 0;       ///< objective of the best solution (first criterion)
+  bool hasBound = false;      ///< whether a bound is known
+  double bound = 0;           ///< best bound on the objective (first criterion)
+  /// Relative gap QelRelativeGap(incumbent, bound), or -1 when incumbent or
+  /// bound is missing.
+  double gap() const;
+};
+
+/// What a progress callback asks of the engine.
+enum class QelProgressReply {
+  Continue,  ///< go on searching
+  Stop       ///< end the search now, keeping the best solution
+};
+
+/// Called with the figures each time the engine reports progress.
+using QelProgressCallback = std::function<QelProgressReply(const QelEngineProgress&)>;
+
+/// What a solve did.
+struct QelSolveReport {
+  QelEngineStatus status = QelEngineStatus::Unknown;  ///< the outcome
+  bool hasObjective = false;                          ///< whether an objective was optimized
+  bool objectiveRemoved = false;   ///< the model's objective was removed since an earlier solve
+  double objective = 0;            ///< objective of the solution (first criterion)
+  double bestBound = 0;            ///< best bound proven on the objective (first criterion)
+  double gap = -1;                 ///< relative gap at the end (-1: unknown)
+  long nodes = 0;                  ///< search nodes explored
+  long iterations = 0;             ///< simplex iterations
+  double time = 0;                 ///< seconds spent in solve(), extraction included
+  double extractionTime = 0;       ///< of which bringing the form up to date
+  long solutions = 0;              ///< solutions found
+  bool stoppedByCallback = false;  ///< the progress callback asked to stop
+};
+
+/// Size of an engine's form, for the start line.
+struct QelFormSize {
+  long rows = 0;      ///< constraints of the form (LP rows, propagators)
+  long columns = 0;   ///< variables of the form
+  long integers = 0;  ///< of which integer or Boolean
+};
+
+/// Formats the engines' log lines, so every engine prints the same shape.
+struct QelEngineLog {
+  /// `[<engine>] start: <rows> rows, <columns> columns (<integers> integer); <Class> <n>, ...`
+  static std::string StartLine(const char* engine, const QelFormSize& size,
+                               const std::vector<std::pair<std::string, long>>& classes);
+  /// `[<engine>] <time> s  nodes <n>  incumbent <v>|-  bound <v>|-  gap <p>%|-`
+  static std::string ProgressLine(const char* engine, const QelEngineProgress& p);
+  /// `[<engine>] end: <status>  objective <v>|none  bound <v>|-  gap <p>%|-  nodes <n>  iterations
+  /// <n>  solutions <n>  time <t> s`
+  static std::string EndLine(const char* engine, const QelSolveReport& r);
+  /// A number as the log lines write it (up to 10 significant digits).
+  static std::string Number(double v);
+};
+
 /// Base of the engines.
 class QelEngineI : public QelAlgorithmI {
   QEL_RTTI_DECL(QelEngineI, QelAlgorithmI)
@@ -166,6 +284,9 @@ class QelEngineI : public QelAlgorithmI {
 
   // ---- solving ----------------------------------------------------------
   /// Brings the form up to date (checks, stale members, rebuild when dirty)
+  /// without solving, as solve() does first.
+  void update() { prepare(); }
+  /// Brings the form up to date (checks, stale members, rebuild when dirty)
   /// and solves. The solution, when there is one, becomes the held values.
   QelEngineStatus solve();
   /// The status of the last solve.
@@ -186,10 +307,57 @@ class QelEngineI : public QelAlgorithmI {
   std::vector<QelInt> getSetValue(const QelIntSetVarI* s) const;
   /// The engine's name.
   const char* getEngineName() const { return _engineName; }
-  /// Stops a solve after `seconds` (0: no limit).
-  void setTimeLimit(double seconds) { _timeLimit = seconds; }
+  /// Bounds a whole solve() call to `seconds`, extraction of pending changes
+  /// included (0: no limit).
+  void setTimeLimit(double seconds);
   /// The time limit in seconds (0: none).
-  double getTimeLimit() const { return _timeLimit; }
+  double getTimeLimit() const { return _params.timeLimit; }
+  /// Stops when the relative gap is at most `gap` (< 0: solver default).
+  void setRelativeGap(double gap) { _params.relativeGap = gap; }
+  /// Stops when the absolute gap is at most `gap` (< 0: solver default).
+  void setAbsoluteGap(double gap) { _params.absoluteGap = gap; }
+  /// Explores at most `nodes` search nodes (0: no limit).
+  void setNodeLimit(long nodes);
+  /// Stops after `solutions` solutions (0: no limit).
+  void setSolutionLimit(long solutions);
+  /// Uses `threads` search threads where the solver can (0: one per core).
+  void setThreads(int threads);
+  /// Seeds the solver's random choices (< 0: solver default).
+  void setRandomSeed(int seed) { _params.randomSeed = seed; }
+  /// 0 silent, 1 start/progress/end lines, 2 also the solver's own output.
+  void setLogLevel(int level);
+  /// The log goes to `os` (default std::clog); it must outlive the solves.
+  void setLogStream(std::ostream& os) { _log = &os; }
+  /// The stream the log goes to.
+  std::ostream& getLogStream() const { return *_log; }
+  /// All shared settings at once.
+  void setParams(const QelEngineParams& params);
+  /// The shared settings.
+  const QelEngineParams& getParams() const { return _params; }
+  /// Sets a setting by name: a shared one (see the header) or one of the
+  /// engine's own; an unknown name or a value that does not fit throws
+  /// QelEngineError naming it (the message lists the names known).
+  void setParam(const std::string& name, const std::string& value);
+  /// setParam with a number.
+  void setParam(const std::string& name, double value);
+  /// The names of the engine's own settings.
+  virtual std::vector<std::string> getEngineParamNames() const { return {}; }
+  /// `callback` receives the figures of the search while it runs and may
+  /// ask it to stop; an empty function removes it.
+  void setProgressCallback(QelProgressCallback callback) { _callback = std::move(callback); }
+  /// Feasibility tolerance of the engine's solution checks: a row or bound
+  /// holds when violated by at most tol * max(1, |bound|) (default 1e-6).
+  void setFeasibilityTolerance(double tol);
+  /// The feasibility tolerance of the solution checks.
+  double getFeasibilityTolerance() const { return _feasTol; }
+  /// What the last solve did.
+  const QelSolveReport& getReport() const { return _report; }
+  /// Checks the solution against the extracted constraints and returns those
+  /// it violates (empty without solution). A range holds when its value is
+  /// within tol * max(1, |bound|) of each bound (the feasibility tolerance,
+  /// so that an LP solution with 1e-13 residuals passes); other constraints
+  /// are checked with their own eval.
+  std::vector<const QelExtractableI*> checkSolution() const;
   /// What the engine did so far.
   const QelEngineStats& getStats() const { return _stats; }
   /// Whether the next solve rebuilds the whole form.
@@ -250,6 +418,33 @@ class QelEngineI : public QelAlgorithmI {
   /// extracted variable (QelAlgorithmI::setValue) and the engine's own
   /// objective values (setEngineObjValues).
   virtual QelEngineStatus runSolve() = 0;
+  /// Sets the engine's own setting `name`; returns false for a name it does
+  /// not know, throws QelEngineError (badParam) for a value that does not fit.
+  virtual bool setEngineParam(const std::string& name, const std::string& value);
+  /// Size of the up-to-date form, for the start line.
+  virtual QelFormSize getFormSize() const { return {}; }
+
+  // ---- services for a running solve ---------------------------------------
+  /// Seconds since solve() was called.
+  double elapsed() const;
+  /// Seconds left of the time limit (a large number without limit; never
+  /// below 0).
+  double remainingTime() const;
+  /// Reports progress: logs a line when the last one is a second old (or
+  /// `force`), calls the progress callback; returns true when the search
+  /// should stop (the callback asked to, now or before).
+  bool reportProgress(const QelEngineProgress& progress, bool force = false);
+  /// Whether the callback asked to stop during this solve.
+  bool stopRequested() const { return _report.stoppedByCallback; }
+  /// The report of the running solve, for the engine to fill (objective,
+  /// bound, nodes, iterations, solutions); status and times are set by solve().
+  QelSolveReport& report() { return _report; }
+  /// Writes `line` and a newline to the log when the level is >= `level`.
+  void logLine(int level, const std::string& line) const;
+  /// QelEngineError "<engine> engine: parameter "<name>": <why>".
+  QelEngineError badParam(const std::string& name, const std::string& why) const;
+  /// `value` as a number, or badParam.
+  double paramNumber(const std::string& name, const std::string& value) const;
 
   // ---- services -----------------------------------------------------------
   /// `x->extractToCP(this)`, turning an empty slot into a QelEngineError
@@ -297,9 +492,20 @@ class QelEngineI : public QelAlgorithmI {
   }
   void recordSafely(const QelExtractableI* x);
 
+  void logStart();
+  void finishReport();
+  double nonNegative(const char* name, double value) const;
+
   const char* _engineName;
   QelEngineStatus _status = QelEngineStatus::Unknown;
-  double _timeLimit = 0;
+  QelEngineParams _params;
+  double _feasTol = 1e-6;
+  std::ostream* _log;
+  QelProgressCallback _callback;
+  QelSolveReport _report;
+  std::chrono::steady_clock::time_point _solveStart;
+  double _lastLogLine = -1;
+  bool _hadObjective = false;
   QelEngineStats _stats;
   bool _dirty = false;
   std::string _dirtyReason;
@@ -336,6 +542,46 @@ class QelEngine {
   double getObjValue(long i = 0) const { return impl()->getObjValue(i); }
   /// The value of `e` in the solution.
   double getValue(const QelNumExpr& e) const { return impl()->getValue(e.getImpl()); }
+  /// Whether the last solve found a solution.
+  bool hasSolution() const { return impl()->hasSolution(); }
+  /// What the engine did so far.
+  const QelEngineStats& getStats() const { return impl()->getStats(); }
+  /// What the last solve did.
+  const QelSolveReport& getReport() const { return impl()->getReport(); }
+  /// Bounds each solve() call (see QelEngineI::setTimeLimit).
+  void setTimeLimit(double seconds) const { impl()->setTimeLimit(seconds); }
+  /// Relative gap at which the search stops.
+  void setRelativeGap(double gap) const { impl()->setRelativeGap(gap); }
+  /// Absolute gap at which the search stops.
+  void setAbsoluteGap(double gap) const { impl()->setAbsoluteGap(gap); }
+  /// Search nodes explored at most (0: none).
+  void setNodeLimit(long nodes) const { impl()->setNodeLimit(nodes); }
+  /// Solutions found at most (0: none).
+  void setSolutionLimit(long solutions) const { impl()->setSolutionLimit(solutions); }
+  /// Search threads (0: one per core).
+  void setThreads(int threads) const { impl()->setThreads(threads); }
+  /// Seed of the solver's random choices.
+  void setRandomSeed(int seed) const { impl()->setRandomSeed(seed); }
+  /// Log level (0 silent).
+  void setLogLevel(int level) const { impl()->setLogLevel(level); }
+  /// Where the log goes.
+  void setLogStream(std::ostream& os) const { impl()->setLogStream(os); }
+  /// All shared settings.
+  void setParams(const QelEngineParams& params) const { impl()->setParams(params); }
+  /// The shared settings.
+  const QelEngineParams& getParams() const { return impl()->getParams(); }
+  /// A setting by name (see QelEngineI::setParam).
+  void setParam(const std::string& name, const std::string& value) const {
+    impl()->setParam(name, value);
+  }
+  /// A setting by name, with a number.
+  void setParam(const std::string& name, double value) const { impl()->setParam(name, value); }
+  /// The progress callback.
+  void setProgressCallback(QelProgressCallback callback) const {
+    impl()->setProgressCallback(std::move(callback));
+  }
+  /// Feasibility tolerance of the solution checks.
+  void setFeasibilityTolerance(double tol) const { impl()->setFeasibilityTolerance(tol); }
   /// Destroys the engine; the handle empties.
   void end();
 

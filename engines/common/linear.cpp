@@ -1,7 +1,9 @@
 // Linear forms, bounds, integrality and content hashes.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <unordered_map>
 
 #include <engines/common/linear.h>
 
@@ -15,9 +17,42 @@ void QelLinearForm::addTerm(QelNumVarI* v, double coef) {
   if (coef != 0.0) terms.emplace_back(v, coef);
 }
 
+void QelLinearForm::merge() {
+  if (terms.size() <= 8) {
+    // Short forms: pairwise, no allocation.
+    size_t out = 0;
+    for (size_t i = 0; i < terms.size(); ++i) {
+      size_t j = 0;
+      while (j < out && terms[j].first != terms[i].first) ++j;
+      if (j < out)
+        terms[j].second += terms[i].second;
+      else
+        terms[out++] = terms[i];
+    }
+    terms.resize(out);
+  } else {
+    std::unordered_map<const QelNumVarI*, size_t> at;
+    at.reserve(terms.size());
+    size_t out = 0;
+    for (size_t i = 0; i < terms.size(); ++i) {
+      auto ins = at.emplace(terms[i].first, out);
+      if (ins.second)
+        terms[out++] = terms[i];
+      else
+        terms[ins.first->second].second += terms[i].second;
+    }
+    terms.resize(out);
+  }
+  terms.erase(
+      std::remove_if(terms.begin(), terms.end(),
+                     [](const std::pair<QelNumVarI*, double>& t) { return t.second == 0.0; }),
+      terms.end());
+}
+
 void QelLinearForm::addScaled(const QelLinearForm& other, double factor) {
   constant += factor * other.constant;
-  for (const auto& t : other.terms) addTerm(t.first, factor * t.second);
+  for (const auto& t : other.terms) appendTerm(t.first, factor * t.second);
+  merge();
   for (const auto& q : other.quad) quad.push_back({q.var1, q.var2, factor * q.coef});
   if (unsupported.empty()) unsupported = other.unsupported;
 }
@@ -38,13 +73,13 @@ bool QelLinearize(const QelNumExprI* e, double factor, QelLinearForm& form) {
     return false;
   }
   if (auto* v = QelDynamicCast<QelNumVarI>(const_cast<QelNumExprI*>(e))) {
-    form.addTerm(v, factor);
+    form.appendTerm(v, factor);
     return true;
   }
   if (const QelLinearParts* parts = PartsOf(e)) {
     form.constant += factor * parts->constant;
     for (const QelLinTermNode* n = parts->head; n != nullptr; n = n->next)
-      form.addTerm(n->var, factor * n->coef);
+      form.appendTerm(n->var, factor * n->coef);
     for (const QelQuadTermNode* q = parts->quadHead; q != nullptr; q = q->next)
       if (q->coef != 0.0) form.quad.push_back({q->var1, q->var2, factor * q->coef});
     for (const QelAggregateTermNode* a = parts->aggHead; a != nullptr; a = a->next)
@@ -72,8 +107,8 @@ bool QelLinearize(const QelNumExprI* e, double factor, QelLinearForm& form) {
     if (left.quad.empty() && right.quad.empty()) {
       // (a0 + sum ai xi) * (b0 + sum bj yj): a quadratic form.
       form.constant += factor * left.constant * right.constant;
-      for (const auto& t : left.terms) form.addTerm(t.first, factor * t.second * right.constant);
-      for (const auto& t : right.terms) form.addTerm(t.first, factor * t.second * left.constant);
+      for (const auto& t : left.terms) form.appendTerm(t.first, factor * t.second * right.constant);
+      for (const auto& t : right.terms) form.appendTerm(t.first, factor * t.second * left.constant);
       for (const auto& a : left.terms)
         for (const auto& b : right.terms)
           form.quad.push_back({a.first, b.first, factor * a.second * b.second});
@@ -89,6 +124,7 @@ bool QelLinearize(const QelNumExprI* e, double factor, QelLinearForm& form) {
 QelLinearForm QelLinearFormOf(const QelNumExprI* e) {
   QelLinearForm form;
   QelLinearize(e, 1.0, form);
+  form.merge();
   return form;
 }
 

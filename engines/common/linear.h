@@ -40,11 +40,17 @@ struct QelLinearForm {
   bool isLinear() const { return quad.empty() && unsupported.empty(); }
   /// Adds coef * v to the terms (merging).
   void addTerm(QelNumVarI* v, double coef);
+  /// Appends coef * v without merging (merge() afterwards).
+  void appendTerm(QelNumVarI* v, double coef) { terms.emplace_back(v, coef); }
+  /// Merges the terms of equal variables (first appearance kept in place)
+  /// and drops zero coefficients, in time linear in the number of terms.
+  void merge();
   /// Adds factor * other.
   void addScaled(const QelLinearForm& other, double factor);
 };
 
-/// Adds factor * e to `form`. Returns false (and fills form.unsupported)
+/// Appends factor * e to `form` (terms unmerged: QelLinearFormOf merges
+/// them, other callers call merge()). Returns false (and fills form.unsupported)
 /// when part of `e` is not linear or quadratic.
 bool QelLinearize(const QelNumExprI* e, double factor, QelLinearForm& form);
 

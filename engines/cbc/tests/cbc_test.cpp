@@ -1,9 +1,12 @@
 // The CBC engine: what it takes, what it refuses, and how it follows
 // changes in the LP it keeps.
+#include <chrono>
 #include <limits>
+#include <sstream>
 #include <string>
 
 #include <engines/cbc/cbc.h>
+#include <engines/common/linear.h>
 #include <engines/tests/support/enginetest.h>
 
 using namespace enginetest;
@@ -354,3 +357,347 @@ TEST_F(CbcTest, InfeasibleAndUnboundedModels) {
 }
 
 }  // namespace
+
+// A piecewise-linear cost (SOS2 over the breakpoints) with integer
+// quantities under a two-criteria lexicographic objective; the answer is
+// compared with the two stages solved by hand, each with a single
+// objective, in fresh engines.
+struct PiecewiseLex {
+  explicit PiecewiseLex(QelEnv env) : model(env, "plex"), q(env, 3, 0, 6) {
+    // Three products, integer quantities q[i] in [0, 6], q0 + q1 + q2 >= 7;
+    // the cost of the total x = 2 q0 + q1 + 3 q2 is piecewise linear over
+    // the breakpoints 0, 5, 10, 20, 30 (slopes 1, 3, 0.5, 4).
+    const double bx[] = {0, 5, 10, 20, 30};
+    const double by[] = {0, 5, 20, 25, 65};
+    QelNumVarArray lambda(env, 5, 0, 1);
+    QelNumArray xs(env, 5), ys(env, 5);
+    QelSOS2 pieces(env, "pieces");
+    for (int k = 0; k < 5; ++k) {
+      xs.set(k, bx[k]);
+      ys.set(k, by[k]);
+      pieces->addVar(lambda[k]);
+      pieces->addVal(k);
+    }
+    QelNumExpr total = 2 * q[0] + q[1] + 3 * q[2];
+    model.add(pieces);
+    model.add(QelRange(env, 1, QelSum(lambda), 1, "convex"));
+    model.add(QelRange(env, 0, QelScalProd(lambda, xs) - total, 0, "x"));
+    model.add(QelRange(env, 7, q[0] + q[1] + q[2], QelInfiniteBound, "demand"));
+    model.add(QelRange(env, -QelInfiniteBound, q[0] - q[1], 2, "balance"));
+    cost = QelScalProd(lambda, ys);
+    second = q[2] - q[0];  // then prefer less of product 2, more of product 0
+    xs.end();
+    ys.end();
+  }
+  QelModel model;
+  QelIntVarArray q;
+  QelNumExpr cost, second;
+};
+
+TEST_F(CbcTest, LexicographicObjectiveOverSOS2AndIntegers) {
+  PiecewiseLex p(env);
+  // By hand: stage 1 minimizes the cost; stage 2 minimizes the second
+  // criterion with the cost kept at its optimum.
+  EnginePtr one(Make(env));
+  QelObjective first(env, p.cost, QelObjective::Minimize, "first");
+  p.model.add(first);
+  one->extract(p.model.getImpl());
+  ASSERT_EQ(one->solve(), QelEngineStatus::Optimal);
+  double bestCost = one->getObjValue();
+  p.model.remove(first);
+  one.reset();
+
+  EnginePtr two(Make(env));
+  QelRange keep(env, -QelInfiniteBound, p.cost, bestCost + 1e-7, "keep");
+  QelObjective secondObj(env, p.second, QelObjective::Minimize, "second");
+  p.model.add(keep);
+  p.model.add(secondObj);
+  two->extract(p.model.getImpl());
+  ASSERT_EQ(two->solve(), QelEngineStatus::Optimal);
+  double bestSecond = two->getObjValue();
+  p.model.remove(secondObj);
+  p.model.remove(keep);
+  two.reset();
+
+  QelObjective lex = QelMinimize(env, QelStaticLex(env, p.cost, p.second), "lex");
+  p.model.add(lex);
+  mip->extract(p.model.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(0), bestCost, 1e-6);
+  EXPECT_NEAR(mip->getObjValue(1), bestSecond, 1e-6);
+  EXPECT_EQ(CheckSolution(mip.get(), p.model.getImpl()), 5);
+  // Solved again (the stages' rows do not stay in the form).
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(1), bestSecond, 1e-6);
+}
+
+// A multi-dimensional knapsack over 60 binaries with pseudo-random data
+// (fixed seed): with cuts, heuristics and preprocessing switched off, CBC
+// needs many nodes to prove its optimum, so limits show.
+struct Knapsack {
+  explicit Knapsack(QelEnv env) : model(env, "knapsack"), x(env, 60, 0, 1) {
+    unsigned state = 12345;
+    auto next = [&state] {
+      state = state * 1103515245u + 12345u;
+      return static_cast<int>((state >> 16) % 1000);
+    };
+    QelNumArray value(env, 60);
+    for (long i = 0; i < 60; ++i) value.set(i, 100 + next());
+    for (int k = 0; k < 5; ++k) {
+      QelNumArray weight(env, 60);
+      double total = 0;
+      for (long i = 0; i < 60; ++i) {
+        weight.set(i, 100 + next());
+        total += weight[i];
+      }
+      model.add(QelRange(env, -QelInfiniteBound, QelScalProd(x, weight), std::floor(total / 2)));
+      weight.end();
+    }
+    model.add(QelObjective(env, QelScalProd(x, value), QelObjective::Maximize, "value"));
+    value.end();
+  }
+  QelModel model;
+  QelIntVarArray x;
+};
+
+struct CbcLimitsTest : CbcTest {
+  void SetUp() override {
+    mip->setParam("cuts", "off");
+    mip->setParam("heuristicsOnOff", "off");
+    mip->setParam("preprocess", "off");
+    mip->extract(problem.model.getImpl());
+  }
+  Knapsack problem{env};
+};
+
+TEST_F(CbcLimitsTest, ANodeLimitStopsEarly) {
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  long allNodes = mip->getReport().nodes;
+  double best = mip->getObjValue();
+  ASSERT_GT(allNodes, 50) << "the knapsack is too easy to show a node limit";
+
+  mip->setNodeLimit(10);
+  QelEngineStatus s = mip->solve();
+  EXPECT_TRUE(s == QelEngineStatus::Feasible || s == QelEngineStatus::Unknown) << s;
+  EXPECT_LE(mip->getReport().nodes, 20);
+  if (s == QelEngineStatus::Feasible) {
+    EXPECT_LE(mip->getObjValue(), best + 1e-6);
+    EXPECT_EQ(CheckSolution(mip.get(), problem.model.getImpl()), 5);
+  }
+}
+
+TEST_F(CbcLimitsTest, AGapLimitStopsEarly) {
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  long allNodes = mip->getReport().nodes;
+  double best = mip->getObjValue();
+  mip->setRelativeGap(0.05);
+  QelEngineStatus s = mip->solve();
+  ASSERT_TRUE(s == QelEngineStatus::Feasible || s == QelEngineStatus::Optimal) << s;
+  EXPECT_LT(mip->getReport().nodes, allNodes);
+  EXPECT_GE(mip->getObjValue(), best * (1 - 0.05) - 1e-6);
+  EXPECT_LE(mip->getReport().gap, 0.05 + 1e-9);
+  EXPECT_GE(mip->getReport().bestBound, best - 1e-6);  // a valid bound on a maximum
+}
+
+TEST_F(CbcLimitsTest, ASolutionLimitStopsAtTheFirstSolution) {
+  mip->setSolutionLimit(1);
+  QelEngineStatus s = mip->solve();
+  ASSERT_TRUE(s == QelEngineStatus::Feasible || s == QelEngineStatus::Optimal) << s;
+  EXPECT_EQ(mip->getReport().solutions, 1);
+}
+
+TEST_F(CbcLimitsTest, AProgressCallbackThatAsksToStopIsHonoured) {
+  long calls = 0;
+  long lastNodes = -1;
+  mip->setProgressCallback([&](const QelEngineProgress& p) {
+    ++calls;
+    lastNodes = p.nodes;
+    return p.nodes >= 5 ? QelProgressReply::Stop : QelProgressReply::Continue;
+  });
+  QelEngineStatus s = mip->solve();
+  EXPECT_TRUE(s == QelEngineStatus::Feasible || s == QelEngineStatus::Unknown) << s;
+  EXPECT_TRUE(mip->getReport().stoppedByCallback);
+  EXPECT_GE(lastNodes, 5);
+  EXPECT_LE(mip->getReport().nodes, 10);
+  EXPECT_GE(calls, 5);
+}
+
+TEST_F(CbcLimitsTest, LogLinesAtLevelOneCarryTheirFields) {
+  std::ostringstream log;
+  mip->setLogStream(log);
+  mip->setLogLevel(1);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  std::string text = log.str();
+  EXPECT_EQ(text.rfind("[CBC] start: 5 rows, 60 columns (60 integer); QelRangeI 5\n", 0), 0u)
+      << text;
+  // At least one progress line (the first report is always written).
+  EXPECT_NE(text.find(" s  nodes "), std::string::npos) << text;
+  EXPECT_NE(text.find("  incumbent "), std::string::npos) << text;
+  std::string end = "[CBC] end: Optimal  objective " + QelEngineLog::Number(mip->getObjValue()) +
+                    "  bound " + QelEngineLog::Number(mip->getReport().bestBound) +
+                    "  gap 0%  nodes " + std::to_string(mip->getReport().nodes) + "  iterations " +
+                    std::to_string(mip->getReport().iterations) + "  solutions " +
+                    std::to_string(mip->getReport().solutions) + "  time ";
+  EXPECT_NE(text.find(end), std::string::npos) << text << "\nexpected: " << end;
+  EXPECT_GT(mip->getReport().iterations, 0);
+  EXPECT_GE(mip->getReport().solutions, 1);
+}
+
+TEST_F(CbcTest, OptionsByNameAreCheckedAgainstCbcsOwnTable) {
+  mip->setParam("cuts", "off");
+  mip->setParam("strongBranching", "3");
+  mip->setParam("relativeGap", "0.01");  // a shared one
+  EXPECT_EQ(mip->getParams().relativeGap, 0.01);
+  try {
+    mip->setParam("cutz", "off");
+    FAIL() << "an unknown name was taken";
+  } catch (const QelEngineError& e) {
+    EXPECT_TRUE(
+        Contains(e.what(), "CBC engine: parameter \"cutz\": unknown name; the names known are "))
+        << e.what();
+  }
+  try {
+    mip->setParam("cuts", "sometimes");
+    FAIL() << "an unknown keyword was taken";
+  } catch (const QelEngineError& e) {
+    EXPECT_TRUE(Contains(e.what(), "CBC engine: parameter \"cuts\": \"sometimes\" is not one of "))
+        << e.what();
+    EXPECT_TRUE(Contains(e.what(), "off")) << e.what();
+  }
+  EXPECT_THROW(mip->setParam("strongBranching", "many"), QelEngineError);
+  EXPECT_THROW(mip->setParam("strongBranching", "-5"), QelEngineError);
+  EXPECT_THROW(mip->setParam("solve", "1"), QelEngineError);  // an action, not an option
+}
+
+// Seconds taken by `f`, best of `runs` runs (the least disturbed by other
+// work on the machine).
+template <class F>
+double BestSeconds(int runs, F f) {
+  double best = 1e100;
+  for (int i = 0; i < runs; ++i) {
+    auto start = std::chrono::steady_clock::now();
+    f();
+    best = std::min(
+        best, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+  }
+  return best;
+}
+
+// n rows of 10 terms over n variables (row i: variables i .. i+9, cyclic).
+QelModel Rows(QelEnv env, long n) {
+  QelModel m(env);
+  QelNumVarArray x(env, n, 0, 10);
+  for (long i = 0; i < n; ++i) {
+    QelNumExprArray terms(env, 10);
+    for (long k = 0; k < 10; ++k) terms.set(k, (1.0 + static_cast<double>(k)) * x[(i + k) % n]);
+    m.add(QelRange(env, -QelInfiniteBound, QelSum(terms), 100));
+    terms.end();
+  }
+  return m;
+}
+
+TEST_F(CbcTest, ExtractionIsLinearInTheModelsSize) {
+  const long n = 6000;
+  QelModel small = Rows(env, n), large = Rows(env, 2 * n);
+  // Only extract() is timed: the engines are made and destroyed outside.
+  auto extractInto = [this](const QelModel& m) {
+    double best = 1e100;
+    for (int run = 0; run < 3; ++run) {
+      EnginePtr e(Make(env));
+      best = std::min(best, BestSeconds(1, [&] { e->extract(m.getImpl()); }));
+    }
+    return best;
+  };
+  // Timing on a shared machine is noisy: the pair is measured again (up to
+  // three times) before the ratio counts as a failure.
+  double tSmall = 0, tLarge = 0;
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    tSmall = extractInto(small);
+    tLarge = extractInto(large);
+    if (tLarge <= 2.2 * tSmall) break;
+  }
+  EXPECT_LE(tLarge, 2.2 * tSmall) << "n rows: " << tSmall << " s, 2n rows: " << tLarge << " s";
+}
+
+// 120 items of weights 20..100 (fixed seed) into 50 bins of capacity 150,
+// fewest bins used.
+struct BinPacking {
+  explicit BinPacking(QelEnv env)
+      : model(env, "binpacking"),
+        load(env, 50, 0, 150),
+        where(env, 120, 0, 49),
+        used(env, 0, 50, "used") {
+    QelIntArray weight(env, 120);
+    unsigned state = 2026;
+    for (long i = 0; i < 120; ++i) {
+      state = state * 1103515245u + 12345u;
+      weight.set(i, 20 + static_cast<QelInt>((state >> 16) % 81));
+    }
+    model.add(QelPack(env, load.toIntExprArray(), where.toIntExprArray(), weight, used, "pack"));
+    model.add(QelObjective(env, used, QelObjective::Minimize, "bins"));
+    weight.end();
+  }
+  QelModel model;
+  QelIntVarArray load, where;
+  QelIntVar used;
+};
+
+TEST_F(CbcTest, APackOf120ItemsIsExtractedInMilliseconds) {
+  BinPacking p(env);
+  double t = BestSeconds(3, [&] {
+    EnginePtr e(Make(env));
+    e->extract(p.model.getImpl());
+  });
+  // 6,050 binaries and some 12,000 rows; milliseconds in a release build,
+  // the bound leaves room for sanitizers.
+  EXPECT_LT(t, 0.5) << t << " s";
+}
+
+TEST_F(CbcTest, TheTimeLimitBoundsTheWholeSolve) {
+  BinPacking p(env);
+  mip->extract(p.model.getImpl());
+  mip->setTimeLimit(1.0);
+  auto start = std::chrono::steady_clock::now();
+  QelEngineStatus s = mip->solve();
+  double t = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_LE(t, 1.1) << s;
+  EXPECT_LE(mip->getReport().time, 1.1);
+  EXPECT_TRUE(s == QelEngineStatus::Feasible || s == QelEngineStatus::Optimal ||
+              s == QelEngineStatus::Unknown)
+      << s;
+}
+
+TEST_F(CbcTest, ASolveAfterTheObjectiveWasRemovedSaysSo) {
+  QelModel m(env, "m");
+  QelIntVar x(env, 0, 5, "x");
+  m.add(QelRange(env, 2, x, 5, "low"));
+  QelObjective cost(env, x, QelObjective::Minimize, "cost");
+  m.add(cost);
+  mip->extract(m.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(mip->getObjValue(), 2);
+  std::ostringstream log;
+  mip->setLogStream(log);
+  mip->setLogLevel(1);
+  cost.end();
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);  // a solution, no objective
+  EXPECT_TRUE(mip->getReport().objectiveRemoved);
+  EXPECT_FALSE(mip->getReport().hasObjective);
+  EXPECT_THROW(mip->getObjValue(), QelWrongUsage);
+  EXPECT_TRUE(
+      Contains(log.str(), "[CBC] the model's objective was removed: solved without objective"))
+      << log.str();
+  EXPECT_TRUE(Contains(log.str(), "[CBC] end: Optimal  objective none (the objective was removed)"))
+      << log.str();
+  EXPECT_GE(mip->getValue(x.getImpl()), 2);
+}
+
+TEST_F(CbcLimitsTest, TwoThreadsAndASeedReachTheSameOptimum) {
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  double best = mip->getObjValue();
+  mip->setThreads(2);
+  mip->setRandomSeed(7);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), best, 1e-6);
+  EXPECT_EQ(CheckSolution(mip.get(), problem.model.getImpl()), 5);
+}

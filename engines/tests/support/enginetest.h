@@ -29,13 +29,24 @@ using EnginePtr = std::unique_ptr<QelEngineI, EngineDeleter>;
 inline double Value(QelEngineI* alg, const QelNumExprI* e) { return alg->getValue(e); }
 
 /// Checks the constraint `c` against the values `alg` holds; returns whether
-/// it could be checked. Ranges, differences and all-different constraints
-/// are checked with their own eval; all-min-distance, pack and special
-/// ordered sets (which have no eval) directly.
+/// it could be checked. Ranges are checked within the engine's feasibility
+/// tolerance, differences and all-different constraints with their own eval;
+/// all-min-distance, pack and special ordered sets (which have no eval)
+/// directly.
 inline bool CheckConstraint(QelEngineI* alg, const QelExtractableI* c) {
   const std::string what = QelDescribe(c);
-  if (QelDynamicCast<const QelRangeI>(c) != nullptr ||
-      QelDynamicCast<const QelDiffI>(c) != nullptr ||
+  if (const auto* r = QelDynamicCast<const QelRangeI>(c)) {
+    // Within the engine's feasibility tolerance (LP solutions carry
+    // residuals of the order of 1e-12).
+    double v = alg->getValue(r->getExpr());
+    double tol = alg->getFeasibilityTolerance();
+    EXPECT_GE(v, r->getLB() - tol * std::max(1.0, std::fabs(r->getLB())))
+        << what << " is violated by the solution";
+    EXPECT_LE(v, r->getUB() + tol * std::max(1.0, std::fabs(r->getUB())))
+        << what << " is violated by the solution";
+    return true;
+  }
+  if (QelDynamicCast<const QelDiffI>(c) != nullptr ||
       QelDynamicCast<const QelAllDiffI>(c) != nullptr) {
     EXPECT_EQ(static_cast<const QelConstraintI*>(c)->eval(QelAlgorithm(alg)), 1.0)
         << what << " is violated by the solution";
