@@ -152,7 +152,8 @@ class VarTable {
  public:
   struct Entry {
     const QelNumVarI* var;
-    int index;  // among the root space's variables
+    int index;         // among the root space's variables
+    Gecode::IntVar x;  // the variable in the root space
     double lb;
     double ub;
     QelVarType type;
@@ -648,7 +649,7 @@ class GecodeEngine : public QelGecodeI {
     } else {
       _root->vars.emplace_back(*_root, lo, hi);
     }
-    _vars.insert({v, index, v->getLB(), v->getUB(), v->getType()});
+    _vars.insert({v, index, _root->vars.back(), v->getLB(), v->getUB(), v->getType()});
     return index;
   }
 
@@ -662,7 +663,7 @@ class GecodeEngine : public QelGecodeI {
       extractThroughHook(v);
       e = _vars.find(v);
     }
-    return home.vars[static_cast<size_t>(e->index)];
+    return &home == _root.get() ? e->x : home.vars[static_cast<size_t>(e->index)];
   }
 
   static int IntCoef(GecodeEngine* self, const QelExtractableI* owner, double c) {
