@@ -63,34 +63,31 @@ bool QelParseNumber(std::string_view text, double& v) {
     v = negative ? -QelFileInfinity : QelFileInfinity;
     return true;
   }
-  // Digits, an optional fraction and exponent: nothing else (no hex, no nan).
-  size_t i = 0;
-  size_t digits = 0;
-  while (i < body.size() && std::isdigit(static_cast<unsigned char>(body[i]))) ++i, ++digits;
-  if (i < body.size() && body[i] == '.') {
-    ++i;
-    while (i < body.size() && std::isdigit(static_cast<unsigned char>(body[i]))) ++i, ++digits;
-  }
-  if (digits == 0) return false;
-  if (i < body.size() && (body[i] == 'e' || body[i] == 'E')) {
-    ++i;
-    if (i < body.size() && (body[i] == '+' || body[i] == '-')) ++i;
-    size_t expDigits = 0;
-    while (i < body.size() && std::isdigit(static_cast<unsigned char>(body[i]))) ++i, ++expDigits;
-    if (expDigits == 0) return false;
-  }
-  if (i != body.size()) return false;
+  // Digits, an optional fraction and exponent: nothing else (no hex, no
+  // nan; from_chars takes "inf" and "nan", which were dealt with or are
+  // refused by the first character).
+  auto first = static_cast<unsigned char>(body[0]);
+  if (std::isdigit(first) == 0 && first != '.') return false;
   double parsed = 0;
-  // from_chars takes no '+' in the exponent's place of a leading sign only;
-  // the body has no sign here.
-  auto res = std::from_chars(body.data(), body.data() + body.size(), parsed);
+  const char* end = body.data() + body.size();
+  auto res = std::from_chars(body.data(), end, parsed);
   if (res.ec == std::errc::result_out_of_range) {
-    // Overflow is infinite; underflow is zero.
-    parsed = (body.find_first_of("eE") != std::string_view::npos &&
-              body[body.find_first_of("eE") + 1] == '-')
-                 ? 0.0
-                 : QelFileInfinity;
-  } else if (res.ec != std::errc() || res.ptr != body.data() + body.size()) {
+    // Overflow is infinite, underflow zero: the exponent's sign tells.
+    // The text must still be a number from end to end.
+    size_t e = body.find_first_of("eE");
+    size_t digitsEnd = e == std::string_view::npos ? body.size() : e;
+    if (body.substr(0, digitsEnd).find_first_not_of("0123456789.") != std::string_view::npos)
+      return false;
+    parsed = QelFileInfinity;
+    if (e != std::string_view::npos) {
+      size_t i = e + 1;
+      if (i < body.size() && (body[i] == '+' || body[i] == '-')) ++i;
+      if (i >= body.size() ||
+          body.substr(i).find_first_not_of("0123456789") != std::string_view::npos)
+        return false;
+      if (body[e + 1] == '-') parsed = 0.0;
+    }
+  } else if (res.ec != std::errc() || res.ptr != end) {
     return false;
   }
   v = negative ? -parsed : parsed;
@@ -179,6 +176,7 @@ std::string ValidName(const char* name, QelFileFormat format) {
 class Namer {
  public:
   explicit Namer(QelFileFormat format) : _format(format) {}
+  void reserve(size_t n) { _taken.reserve(n); }
   std::string take(const QelExtractableI* x, const char* prefix) {
     const char* given = x->getName();
     std::string base = (given != nullptr && given[0] != '\0')
@@ -214,6 +212,10 @@ class Flattener {
     if (model.getImpl()->getName() != nullptr)
       _file.name = ValidName(model.getImpl()->getName(), _format);
     gather(model.getImpl());
+    auto tableSize = static_cast<size_t>(model.getImpl()->getEnv()->getExtractableTableSize());
+    _colOf.assign(tableSize, -1);
+    _colNames.reserve(tableSize / 2);
+    _rowNames.reserve(_members.size() + 1);
     // The objective first: its columns lead.
     if (_objective != nullptr) {
       _file.objName = _rowNames.take(_objective, "obj");
@@ -321,8 +323,11 @@ class Flattener {
   }
 
   std::int64_t column(QelNumVarI* v) {
-    auto it = _colIndex.find(v);
-    if (it != _colIndex.end()) return it->second;
+    // Columns by the variable's id: ids are the dense slots of the
+    // environment's table, so a vector finds them faster than a hash map.
+    auto id = static_cast<size_t>(v->getId());
+    if (id >= _colOf.size()) _colOf.resize(std::max(id + 1, 2 * _colOf.size()), -1);
+    if (_colOf[id] >= 0) return _colOf[id];
     QelFileColumn c;
     c.name = _colNames.take(v, "x");
     c.lb = QelFileBound(v->getLB());
@@ -331,7 +336,7 @@ class Flattener {
     auto index = static_cast<std::int64_t>(_file.columns.size());
     _file.columns.push_back(std::move(c));
     _mark.push_back(-1);
-    _colIndex.emplace(v, index);
+    _colOf[id] = index;
     return index;
   }
 
@@ -412,7 +417,7 @@ class Flattener {
   std::unordered_set<const QelModelI*> _models;
   std::vector<QelExtractableI*> _members;
   QelObjectiveI* _objective = nullptr;
-  std::unordered_map<const QelNumVarI*, std::int64_t> _colIndex;
+  std::vector<std::int64_t> _colOf;  // column of each variable id, -1: none
   std::vector<std::int64_t> _mark;
   std::int64_t _tag = 0;
 };

@@ -449,6 +449,7 @@ struct Expr {
 class LpReader {
  public:
   LpReader(std::string_view text, const std::string& file) : _lex(text), _file(file) {
+    _cols.reserve(text.size() / 256);
     // "\Problem name: X" on the first line names the model.
     static const char tag[] = "\\Problem name: ";
     if (text.substr(0, sizeof tag - 1) == tag) {
@@ -521,10 +522,10 @@ class LpReader {
   }
 
   std::int64_t column(std::string_view name) {
-    auto it = _cols.find(name);
-    if (it != _cols.end()) return it->second;
+    std::int64_t found = _cols.find(name);
+    if (found >= 0) return found;
     auto c = static_cast<std::int64_t>(_f.columns.size());
-    _cols.emplace(name, c);
+    _cols.insert(name, c);
     QelFileColumn col;
     col.name = std::string(name);
     _f.columns.push_back(std::move(col));
@@ -822,7 +823,7 @@ class LpReader {
   Lexer _lex;
   const std::string& _file;
   QelFileModel _f;
-  std::unordered_map<std::string_view, std::int64_t> _cols;
+  QelNameTable _cols;
   std::unordered_map<std::string, int> _rowNames;
   std::vector<double> _objCoef;
   std::vector<char> _bounded;  // 1: lower bound given, 2: upper bound given
