@@ -424,6 +424,37 @@ class Flattener {
 
 }  // namespace
 
+namespace {
+
+// Columns in no term of the file (free-standing variables, and those whose
+// coefficients all cancelled) go last, in their order: where a reader puts
+// them, so that a model read and written again keeps its column order.
+void MoveUnusedColumnsLast(QelFileModel& file) {
+  size_t n = file.columns.size();
+  std::vector<char> used(n, 0);
+  for (const QelFileTerm& t : file.objTerms) used[t.col] = 1;
+  for (const QelFileQuadTerm& q : file.objQuad) used[q.col1] = used[q.col2] = 1;
+  for (const QelFileTerm& t : file.rowTerms) used[t.col] = 1;
+  for (const QelFileSos& s : file.sos)
+    for (std::int64_t c : s.cols) used[c] = 1;
+  if (std::all_of(used.begin(), used.end(), [](char u) { return u != 0; })) return;
+  std::vector<std::int64_t> to(n);
+  std::int64_t next = 0;
+  for (int pass = 1; pass >= 0; --pass)
+    for (size_t c = 0; c < n; ++c)
+      if ((used[c] != 0) == (pass == 1)) to[c] = next++;
+  std::vector<QelFileColumn> columns(n);
+  for (size_t c = 0; c < n; ++c) columns[to[c]] = std::move(file.columns[c]);
+  file.columns.swap(columns);
+  for (QelFileTerm& t : file.objTerms) t.col = to[t.col];
+  for (QelFileQuadTerm& q : file.objQuad) q.col1 = to[q.col1], q.col2 = to[q.col2];
+  for (QelFileTerm& t : file.rowTerms) t.col = to[t.col];
+  for (QelFileSos& s : file.sos)
+    for (std::int64_t& c : s.cols) c = to[c];
+}
+
+}  // namespace
+
 QelFileModel QelFlattenModel(const QelModel& model, QelFileFormat format,
                              QelWriteOptions* options) {
   if (options != nullptr) options->leftOut.clear();
@@ -433,6 +464,7 @@ QelFileModel QelFlattenModel(const QelModel& model, QelFileFormat format,
   file.objTerms.erase(std::remove_if(file.objTerms.begin(), file.objTerms.end(),
                                      [](const QelFileTerm& t) { return t.coef == 0; }),
                       file.objTerms.end());
+  MoveUnusedColumnsLast(file);
   return file;
 }
 
