@@ -161,7 +161,8 @@ std::string ValidName(const char* name, QelFileFormat format) {
   if (format == QelFileFormat::Lp) {
     for (char& c : s)
       if (!LpNameChar(static_cast<unsigned char>(c))) c = '_';
-    if (std::isdigit(static_cast<unsigned char>(s[0])) || s[0] == '.' || LpReserved(s))
+    if (std::isdigit(static_cast<unsigned char>(s[0])) || s[0] == '.' || s[0] == '/' ||
+        LpReserved(s))
       s.insert(s.begin(), '_');
   } else {
     for (char& c : s) {
