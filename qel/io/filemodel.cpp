@@ -111,7 +111,8 @@ std::string Describe(const QelExtractableI* x) {
   return s + " (" + x->getRttiTypeName() + ")";
 }
 
-// LP names: letters, digits and these; not first a digit or a period.
+// LP names: letters, digits and these; not first a digit, a period or a
+// slash (the LP reader takes a slash for the one of "] / 2").
 bool LpNameChar(unsigned char c) {
   return std::isalnum(c) != 0 ||
          (c < 128 && std::strchr("!\"#$%&()/,.;?@_`'{}|~", c) != nullptr && c != 0);
