@@ -428,23 +428,27 @@ class Flattener {
 
 namespace {
 
-// Columns in no term of the file (free-standing variables, and those whose
-// coefficients all cancelled) go last, in their order: where a reader puts
-// them, so that a model read and written again keeps its column order.
-void MoveUnusedColumnsLast(QelFileModel& file) {
+// Columns numbered in the order a reader meets them: first use in the
+// objective's linear terms, its quadratic terms, the rows, the sets, then
+// the columns in no term (free-standing variables, and those whose
+// coefficients all cancelled). A model read back is flattened to the same
+// order, so that it writes the same text again.
+void NumberColumnsByFirstUse(QelFileModel& file) {
   size_t n = file.columns.size();
-  std::vector<char> used(n, 0);
-  for (const QelFileTerm& t : file.objTerms) used[t.col] = 1;
-  for (const QelFileQuadTerm& q : file.objQuad) used[q.col1] = used[q.col2] = 1;
-  for (const QelFileTerm& t : file.rowTerms) used[t.col] = 1;
-  for (const QelFileSos& s : file.sos)
-    for (std::int64_t c : s.cols) used[c] = 1;
-  if (std::all_of(used.begin(), used.end(), [](char u) { return u != 0; })) return;
-  std::vector<std::int64_t> to(n);
+  std::vector<std::int64_t> to(n, -1);
   std::int64_t next = 0;
-  for (int pass = 1; pass >= 0; --pass)
-    for (size_t c = 0; c < n; ++c)
-      if ((used[c] != 0) == (pass == 1)) to[c] = next++;
+  auto use = [&](std::int64_t c) {
+    if (to[c] < 0) to[c] = next++;
+  };
+  for (const QelFileTerm& t : file.objTerms) use(t.col);
+  for (const QelFileQuadTerm& q : file.objQuad) use(q.col1), use(q.col2);
+  for (const QelFileTerm& t : file.rowTerms) use(t.col);
+  for (const QelFileSos& s : file.sos)
+    for (std::int64_t c : s.cols) use(c);
+  for (size_t c = 0; c < n; ++c) use(static_cast<std::int64_t>(c));
+  bool same = true;
+  for (size_t c = 0; c < n && same; ++c) same = to[c] == static_cast<std::int64_t>(c);
+  if (same) return;
   std::vector<QelFileColumn> columns(n);
   for (size_t c = 0; c < n; ++c) columns[to[c]] = std::move(file.columns[c]);
   file.columns.swap(columns);
@@ -466,7 +470,7 @@ QelFileModel QelFlattenModel(const QelModel& model, QelFileFormat format,
   file.objTerms.erase(std::remove_if(file.objTerms.begin(), file.objTerms.end(),
                                      [](const QelFileTerm& t) { return t.coef == 0; }),
                       file.objTerms.end());
-  MoveUnusedColumnsLast(file);
+  NumberColumnsByFirstUse(file);
   return file;
 }
 
