@@ -2,11 +2,11 @@
 // nonzeros, and reading the same MPS file with CoinMpsIO (CoinUtils, when it
 // was found at configure time) in the same run.
 //
-// The model: n / 10 rows of 10 nonzeros each over n / 5 columns (chosen by
-// a fixed pseudo-random sequence), a fifth of the columns integer, every
-// column bounded, an objective over every column, rows of every type (L, G,
-// E and ranged). The files are written once by Qel to the temporary folder,
-// then read and written by every contender.
+// The model: n / 10 rows of 10 nonzeros each over n / 5 columns (ten
+// different columns a row, from a fixed pseudo-random sequence), a fifth of the columns integer,
+// every column bounded, an objective over every column, rows of every type (L, G, E and ranged).
+// The files are written once by Qel to the temporary folder, then read and written by every
+// contender.
 //
 // Counters: bytes_per_nonzero is the environment memory the read model
 // holds (variables, rows, their terms, the objective) divided by the
@@ -53,10 +53,14 @@ QelModel BuildModel(QelEnv env, long nonzeros) {
   std::uint64_t seed = 12345;
   for (long i = 0; i < rows; ++i) {
     QelNumLinTermI* t = QelNewObject<QelNumLinTermI>(env.getImpl(), env.getImpl(), 0.0);
+    // Ten different columns: a random start, then steps of cols / 10.
+    seed = seed * 6364136223846793005ULL + 1442695040888963407ULL;
+    long start = static_cast<long>((seed >> 33) % static_cast<std::uint64_t>(cols));
     for (int k = 0; k < 10; ++k) {
       seed = seed * 6364136223846793005ULL + 1442695040888963407ULL;
-      long j = static_cast<long>((seed >> 33) % static_cast<std::uint64_t>(cols));
-      t->addTerm(static_cast<double>((seed >> 20) % 1000) / 8 - 60, x[j].getImpl());
+      long j = (start + k * (cols / 10)) % cols;
+      double coef = static_cast<double>((seed >> 20) % 1000) / 8 - 60;
+      t->addTerm(coef != 0 ? coef : 1, x[j].getImpl());  // no zero: every term is written
     }
     double lb = -1e20, ub = 1e20;
     switch (i % 4) {
@@ -131,7 +135,12 @@ void CoinRead(benchmark::State& state, long nonzeros) {
     reader.messageHandler()->setLogLevel(0);
     int errors = reader.readMps(g.mps.c_str(), "");
     if (errors != 0) state.SkipWithError("CoinMpsIO refused the file");
-    if (reader.getNumElements() != nonzeros) state.SkipWithError("CoinMpsIO read another matrix");
+    if (reader.getNumElements() != nonzeros) {
+      std::string what = "CoinMpsIO read " + std::to_string(reader.getNumElements()) +
+                         " nonzeros, " + std::to_string(reader.getNumRows()) + " rows, " +
+                         std::to_string(reader.getNumCols()) + " columns";
+      state.SkipWithError(what.c_str());
+    }
     benchmark::DoNotOptimize(reader.getMatrixByCol());
   }
 }

@@ -63,34 +63,31 @@ bool QelParseNumber(std::string_view text, double& v) {
     v = negative ? -QelFileInfinity : QelFileInfinity;
     return true;
   }
-  // Digits, an optional fraction and exponent: nothing else (no hex, no nan).
-  size_t i = 0;
-  size_t digits = 0;
-  while (i < body.size() && std::isdigit(static_cast<unsigned char>(body[i]))) ++i, ++digits;
-  if (i < body.size() && body[i] == '.') {
-    ++i;
-    while (i < body.size() && std::isdigit(static_cast<unsigned char>(body[i]))) ++i, ++digits;
-  }
-  if (digits == 0) return false;
-  if (i < body.size() && (body[i] == 'e' || body[i] == 'E')) {
-    ++i;
-    if (i < body.size() && (body[i] == '+' || body[i] == '-')) ++i;
-    size_t expDigits = 0;
-    while (i < body.size() && std::isdigit(static_cast<unsigned char>(body[i]))) ++i, ++expDigits;
-    if (expDigits == 0) return false;
-  }
-  if (i != body.size()) return false;
+  // Digits, an optional fraction and exponent: nothing else (no hex, no
+  // nan; from_chars takes "inf" and "nan", which were dealt with or are
+  // refused by the first character).
+  auto first = static_cast<unsigned char>(body[0]);
+  if (std::isdigit(first) == 0 && first != '.') return false;
   double parsed = 0;
-  // from_chars takes no '+' in the exponent's place of a leading sign only;
-  // the body has no sign here.
-  auto res = std::from_chars(body.data(), body.data() + body.size(), parsed);
+  const char* end = body.data() + body.size();
+  auto res = std::from_chars(body.data(), end, parsed);
   if (res.ec == std::errc::result_out_of_range) {
-    // Overflow is infinite; underflow is zero.
-    parsed = (body.find_first_of("eE") != std::string_view::npos &&
-              body[body.find_first_of("eE") + 1] == '-')
-                 ? 0.0
-                 : QelFileInfinity;
-  } else if (res.ec != std::errc() || res.ptr != body.data() + body.size()) {
+    // Overflow is infinite, underflow zero: the exponent's sign tells.
+    // The text must still be a number from end to end.
+    size_t e = body.find_first_of("eE");
+    size_t digitsEnd = e == std::string_view::npos ? body.size() : e;
+    if (body.substr(0, digitsEnd).find_first_not_of("0123456789.") != std::string_view::npos)
+      return false;
+    parsed = QelFileInfinity;
+    if (e != std::string_view::npos) {
+      size_t i = e + 1;
+      if (i < body.size() && (body[i] == '+' || body[i] == '-')) ++i;
+      if (i >= body.size() ||
+          body.substr(i).find_first_not_of("0123456789") != std::string_view::npos)
+        return false;
+      if (body[e + 1] == '-') parsed = 0.0;
+    }
+  } else if (res.ec != std::errc() || res.ptr != end) {
     return false;
   }
   v = negative ? -parsed : parsed;
@@ -114,7 +111,8 @@ std::string Describe(const QelExtractableI* x) {
   return s + " (" + x->getRttiTypeName() + ")";
 }
 
-// LP names: letters, digits and these; not first a digit or a period.
+// LP names: letters, digits and these; not first a digit, a period or a
+// slash (the LP reader takes a slash for the one of "] / 2").
 bool LpNameChar(unsigned char c) {
   return std::isalnum(c) != 0 ||
          (c < 128 && std::strchr("!\"#$%&()/,.;?@_`'{}|~", c) != nullptr && c != 0);
@@ -164,7 +162,8 @@ std::string ValidName(const char* name, QelFileFormat format) {
   if (format == QelFileFormat::Lp) {
     for (char& c : s)
       if (!LpNameChar(static_cast<unsigned char>(c))) c = '_';
-    if (std::isdigit(static_cast<unsigned char>(s[0])) || s[0] == '.' || LpReserved(s))
+    if (std::isdigit(static_cast<unsigned char>(s[0])) || s[0] == '.' || s[0] == '/' ||
+        LpReserved(s))
       s.insert(s.begin(), '_');
   } else {
     for (char& c : s) {
@@ -179,6 +178,7 @@ std::string ValidName(const char* name, QelFileFormat format) {
 class Namer {
  public:
   explicit Namer(QelFileFormat format) : _format(format) {}
+  void reserve(size_t n) { _taken.reserve(n); }
   std::string take(const QelExtractableI* x, const char* prefix) {
     const char* given = x->getName();
     std::string base = (given != nullptr && given[0] != '\0')
@@ -214,6 +214,10 @@ class Flattener {
     if (model.getImpl()->getName() != nullptr)
       _file.name = ValidName(model.getImpl()->getName(), _format);
     gather(model.getImpl());
+    auto tableSize = static_cast<size_t>(model.getImpl()->getEnv()->getExtractableTableSize());
+    _colOf.assign(tableSize, -1);
+    _colNames.reserve(tableSize / 2);
+    _rowNames.reserve(_members.size() + 1);
     // The objective first: its columns lead.
     if (_objective != nullptr) {
       _file.objName = _rowNames.take(_objective, "obj");
@@ -321,8 +325,11 @@ class Flattener {
   }
 
   std::int64_t column(QelNumVarI* v) {
-    auto it = _colIndex.find(v);
-    if (it != _colIndex.end()) return it->second;
+    // Columns by the variable's id: ids are the dense slots of the
+    // environment's table, so a vector finds them faster than a hash map.
+    auto id = static_cast<size_t>(v->getId());
+    if (id >= _colOf.size()) _colOf.resize(std::max(id + 1, 2 * _colOf.size()), -1);
+    if (_colOf[id] >= 0) return _colOf[id];
     QelFileColumn c;
     c.name = _colNames.take(v, "x");
     c.lb = QelFileBound(v->getLB());
@@ -331,7 +338,7 @@ class Flattener {
     auto index = static_cast<std::int64_t>(_file.columns.size());
     _file.columns.push_back(std::move(c));
     _mark.push_back(-1);
-    _colIndex.emplace(v, index);
+    _colOf[id] = index;
     return index;
   }
 
@@ -412,10 +419,45 @@ class Flattener {
   std::unordered_set<const QelModelI*> _models;
   std::vector<QelExtractableI*> _members;
   QelObjectiveI* _objective = nullptr;
-  std::unordered_map<const QelNumVarI*, std::int64_t> _colIndex;
+  std::vector<std::int64_t> _colOf;  // column of each variable id, -1: none
   std::vector<std::int64_t> _mark;
   std::int64_t _tag = 0;
 };
+
+}  // namespace
+
+namespace {
+
+// Columns numbered in the order a reader meets them: first use in the
+// objective's linear terms, its quadratic terms, the rows, the sets, then
+// the columns in no term (free-standing variables, and those whose
+// coefficients all cancelled). A model read back is flattened to the same
+// order, so that it writes the same text again.
+void NumberColumnsByFirstUse(QelFileModel& file) {
+  size_t n = file.columns.size();
+  std::vector<std::int64_t> to(n, -1);
+  std::int64_t next = 0;
+  auto use = [&](std::int64_t c) {
+    if (to[c] < 0) to[c] = next++;
+  };
+  for (const QelFileTerm& t : file.objTerms) use(t.col);
+  for (const QelFileQuadTerm& q : file.objQuad) use(q.col1), use(q.col2);
+  for (const QelFileTerm& t : file.rowTerms) use(t.col);
+  for (const QelFileSos& s : file.sos)
+    for (std::int64_t c : s.cols) use(c);
+  for (size_t c = 0; c < n; ++c) use(static_cast<std::int64_t>(c));
+  bool same = true;
+  for (size_t c = 0; c < n && same; ++c) same = to[c] == static_cast<std::int64_t>(c);
+  if (same) return;
+  std::vector<QelFileColumn> columns(n);
+  for (size_t c = 0; c < n; ++c) columns[to[c]] = std::move(file.columns[c]);
+  file.columns.swap(columns);
+  for (QelFileTerm& t : file.objTerms) t.col = to[t.col];
+  for (QelFileQuadTerm& q : file.objQuad) q.col1 = to[q.col1], q.col2 = to[q.col2];
+  for (QelFileTerm& t : file.rowTerms) t.col = to[t.col];
+  for (QelFileSos& s : file.sos)
+    for (std::int64_t& c : s.cols) c = to[c];
+}
 
 }  // namespace
 
@@ -428,6 +470,7 @@ QelFileModel QelFlattenModel(const QelModel& model, QelFileFormat format,
   file.objTerms.erase(std::remove_if(file.objTerms.begin(), file.objTerms.end(),
                                      [](const QelFileTerm& t) { return t.coef == 0; }),
                       file.objTerms.end());
+  NumberColumnsByFirstUse(file);
   return file;
 }
 

@@ -11,6 +11,7 @@
 #define QEL_IO_FILEMODEL_H
 
 #include <cstdint>
+#include <cstring>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -110,6 +111,85 @@ QEL_API QelFileModel QelFlattenModel(const QelModel& model, QelFileFormat format
 /// Builds the model of `file` in `env`; on failure every object made is
 /// ended and the exception passes on.
 QEL_API QelModel QelBuildModel(QelEnv env, const QelFileModel& file);
+
+/// Names to indices, for the readers: open addressing, each slot holding
+/// the name's hash, its value and, for a name of up to 15 characters, the
+/// name itself, so that a lookup reads one slot and not the text. Longer
+/// names are kept as views into the text being read.
+class QelNameTable {
+ public:
+  /// Room for about `n` names without growing.
+  void reserve(size_t n) {
+    size_t want = 16;
+    while (want < 2 * n) want *= 2;
+    if (want > _slots.size()) rehash(want);
+  }
+  /// The value of `name`, or -1.
+  std::int64_t find(std::string_view name) const {
+    if (_slots.empty()) return -1;
+    std::uint64_t h = Hash(name);
+    size_t mask = _slots.size() - 1;
+    for (size_t i = h & mask;; i = (i + 1) & mask) {
+      const Slot& s = _slots[i];
+      if (s.len == Empty) return -1;
+      if (s.hash == h && Same(s, name)) return s.value;
+    }
+  }
+  /// Adds `name` with `value` (the name must not be there yet; values fit
+  /// in 32 bits).
+  void insert(std::string_view name, std::int64_t value) {
+    if (2 * (_count + 1) > _slots.size()) rehash(_slots.empty() ? 16 : 2 * _slots.size());
+    Slot s;
+    s.hash = Hash(name);
+    s.value = static_cast<std::int32_t>(value);
+    if (name.size() <= Inline) {
+      s.len = static_cast<std::uint8_t>(name.size());
+      std::memcpy(s.text, name.data(), name.size());
+    } else {
+      s.len = Long;
+      s.key = static_cast<std::int32_t>(_long.size());
+      _long.push_back(name);
+    }
+    place(s);
+    ++_count;
+  }
+
+ private:
+  static constexpr size_t Inline = 15;
+  static constexpr std::uint8_t Long = 254;
+  static constexpr std::uint8_t Empty = 255;
+  struct Slot {
+    std::uint64_t hash = 0;
+    std::int32_t value = 0;
+    std::int32_t key = 0;  // index in _long for a long name
+    std::uint8_t len = Empty;
+    char text[Inline] = {};
+  };
+  static std::uint64_t Hash(std::string_view s) {
+    std::uint64_t h = 1469598103934665603ULL;
+    for (char c : s) h = (h ^ static_cast<unsigned char>(c)) * 1099511628211ULL;
+    return h ^ (h >> 29);
+  }
+  bool Same(const Slot& s, std::string_view name) const {
+    if (s.len == Long) return _long[static_cast<size_t>(s.key)] == name;
+    return s.len == name.size() && std::memcmp(s.text, name.data(), name.size()) == 0;
+  }
+  void place(const Slot& s) {
+    size_t mask = _slots.size() - 1;
+    size_t i = s.hash & mask;
+    while (_slots[i].len != Empty) i = (i + 1) & mask;
+    _slots[i] = s;
+  }
+  void rehash(size_t size) {
+    std::vector<Slot> old(size);
+    old.swap(_slots);
+    for (const Slot& s : old)
+      if (s.len != Empty) place(s);
+  }
+  std::vector<Slot> _slots;
+  std::vector<std::string_view> _long;
+  size_t _count = 0;
+};
 
 /// Text written in large pieces to a stream.
 class QelTextSink {

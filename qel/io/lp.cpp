@@ -449,6 +449,7 @@ struct Expr {
 class LpReader {
  public:
   LpReader(std::string_view text, const std::string& file) : _lex(text), _file(file) {
+    _cols.reserve(text.size() / 256);
     // "\Problem name: X" on the first line names the model.
     static const char tag[] = "\\Problem name: ";
     if (text.substr(0, sizeof tag - 1) == tag) {
@@ -521,10 +522,10 @@ class LpReader {
   }
 
   std::int64_t column(std::string_view name) {
-    auto it = _cols.find(name);
-    if (it != _cols.end()) return it->second;
+    std::int64_t found = _cols.find(name);
+    if (found >= 0) return found;
     auto c = static_cast<std::int64_t>(_f.columns.size());
-    _cols.emplace(name, c);
+    _cols.insert(name, c);
     QelFileColumn col;
     col.name = std::string(name);
     _f.columns.push_back(std::move(col));
@@ -659,6 +660,14 @@ class LpReader {
     for (const QelFileTerm& term : e.terms) _objCoef[term.col] += term.coef;
   }
 
+  // expression op v.
+  static void SetRowBound(Kind op, double v, double& lb, double& ub) {
+    if (op != Kind::Ge) ub = v;
+    if (op != Kind::Le) lb = v;
+  }
+  // v op expression is expression Flip(op) v.
+  static Kind Flip(Kind op) { return op == Kind::Le ? Kind::Ge : op == Kind::Ge ? Kind::Le : op; }
+
   static bool IsOp(const Token& t) {
     return t.kind == Kind::Le || t.kind == Kind::Ge || t.kind == Kind::Eq;
   }
@@ -686,38 +695,29 @@ class LpReader {
       Expr rhs;
       const std::vector<QelFileTerm>* terms = &lhs.terms;
       if (!lhs.variables) {
-        // number op expression [op number]
         expr(rhs, false);
-        if (!rhs.variables) expected("a variable", _lex.peek());
-        terms = &rhs.terms;
-        double v = lhs.constant - rhs.constant;
-        if (k1 == Kind::Le)
-          lb = v;
-        else if (k1 == Kind::Ge)
-          ub = v;
-        else
-          lb = ub = v;
-        if (IsOp(_lex.peek())) {
-          long opLine = _lex.line();
-          Kind k2 = _lex.next().kind;
-          double w = signedNumber() - rhs.constant;
-          if (k2 != k1 || k2 == Kind::Eq)
-            fail(opLine, "a ranged constraint needs two \"<=\" or two \">=\"");
-          if (k2 == Kind::Le)
-            ub = w;
-          else
-            lb = w;
+        if (!rhs.variables && !IsOp(_lex.peek())) {
+          // No variable on either side: the left side is the (empty)
+          // expression, the right side its bound.
+          SetRowBound(k1, rhs.constant - lhs.constant, lb, ub);
+        } else {
+          // number op expression [op number]
+          if (!rhs.variables) expected("a variable", _lex.peek());
+          terms = &rhs.terms;
+          SetRowBound(Flip(k1), lhs.constant - rhs.constant, lb, ub);
+          if (IsOp(_lex.peek())) {
+            long opLine = _lex.line();
+            Kind k2 = _lex.next().kind;
+            double w = signedNumber() - rhs.constant;
+            if (k2 != k1 || k2 == Kind::Eq)
+              fail(opLine, "a ranged constraint needs two \"<=\" or two \">=\"");
+            SetRowBound(k2, w, lb, ub);
+          }
         }
       } else {
         // expression op number: the right-hand side is one number, so that
         // a constraint without name may follow on the next line.
-        double v = signedNumber() - lhs.constant;
-        if (k1 == Kind::Le)
-          ub = v;
-        else if (k1 == Kind::Ge)
-          lb = v;
-        else
-          lb = ub = v;
+        SetRowBound(k1, signedNumber() - lhs.constant, lb, ub);
       }
       row.lb = QelFileBound(lb);
       row.ub = QelFileBound(ub);
@@ -822,7 +822,7 @@ class LpReader {
   Lexer _lex;
   const std::string& _file;
   QelFileModel _f;
-  std::unordered_map<std::string_view, std::int64_t> _cols;
+  QelNameTable _cols;
   std::unordered_map<std::string, int> _rowNames;
   std::vector<double> _objCoef;
   std::vector<char> _bounded;  // 1: lower bound given, 2: upper bound given

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <fstream>
 #include <sstream>
+#include <utility>
 
 #include <qel/io/filemodel.h>
 
@@ -64,11 +65,15 @@ void QelWriteModel(const QelModel& model, const std::string& path, QelFileFormat
 
 namespace {
 
-QelModel ReadText(QelEnv env, std::string_view text, QelFileFormat format, const std::string& name,
+// Parses `text`, then lets it go before the model is built: the flat form
+// holds copies of the names, and the text is the largest piece of memory a
+// read holds.
+QelModel ReadText(QelEnv env, std::string&& text, QelFileFormat format, const std::string& name,
                   QelModelFileCounts* counts = nullptr) {
   QelFileModel file = format == QelFileFormat::Lp
                           ? QelParseLp(text, name)
                           : QelParseMps(text, name, format == QelFileFormat::FixedMps);
+  std::string().swap(text);
   if (counts != nullptr) {
     counts->rows = static_cast<long>(file.rows.size());
     counts->columns = static_cast<long>(file.columns.size());
@@ -88,8 +93,7 @@ QelModel QelReadModel(QelEnv env, std::istream& in, QelFileFormat format,
   if (format == QelFileFormat::Auto) throw QelWrongUsage("QelReadModel: a stream needs a format");
   std::ostringstream all;
   all << in.rdbuf();
-  std::string text = all.str();
-  return ReadText(env, text, format, fileName);
+  return ReadText(env, all.str(), format, fileName);
 }
 
 QelModel QelReadModel(QelEnv env, const std::string& path, QelFileFormat format,
@@ -106,5 +110,5 @@ QelModel QelReadModel(QelEnv env, const std::string& path, QelFileFormat format,
     in.read(text.data(), size);
     text.resize(static_cast<size_t>(in.gcount()));
   }
-  return ReadText(env, text, format, path, counts);
+  return ReadText(env, std::move(text), format, path, counts);
 }

@@ -50,10 +50,21 @@
 //     [rhs, rhs + |R|];
 //   - a BV bound makes a Boolean variable; LI / UI make the column integer;
 //   - in an LP file a variable in General is integer, one in Binary is
-//     Boolean with bounds [0, 1]; `inf`, `infinity` (any case, signed) are
-//     infinite; `\` starts a comment; expressions may run over lines.
+//     Boolean with bounds [0, 1] (those Bounds gave are kept); `inf`,
+//     `infinity` (any case, signed) are infinite; `\` starts a comment;
+//     expressions may run over lines, a coefficient on its variable's line;
+//   - in an LP file a bound is taken as written (a negative upper bound
+//     keeps the lower bound 0), and a name met first in Bounds, General,
+//     Binary or SOS is a new variable;
 //   - a read model holds the objective, then the rows, then the sets, then
 //     every variable that appears in none of them, in the file's order.
+//
+// Writing rules: columns are written in the order a reader meets them (the
+// objective's, then those of the rows and sets, then the unused ones); a
+// member of a set without a weight gets the previous weight plus one; a
+// range whose lower bound is above its upper bound has no MPS form and is
+// refused in that format; a row with both bounds infinite is written as
+// ">= -1e+30".
 //
 // Errors. A file that cannot be read gives one QelException whose message
 // reads
@@ -61,8 +72,9 @@
 // or, when the line is well formed but its meaning is wrong,
 //     <file>:<line>: <what is wrong>
 // e.g. `plan.mps:12: expected a bound type (UP, LO, FX, FR, MI, PL, BV,
-// LI, UI), found "XX"` or `plan.lp:7: unknown variable "z" in Binary`
-// ("end of file" replaces the quoted text at the end). A missing file gives
+// LI, UI), found "XX"` or `plan.lp:9: row "c1" defined twice`
+// ("end of line" or "end of file" replaces the quoted text when nothing is
+// left). A missing file gives
 // `cannot open "<path>"`. A failed read creates nothing: the whole file is
 // checked before the first object is made, and a refusal of memory while
 // the model is built ends every object made so far.

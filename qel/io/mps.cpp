@@ -235,19 +235,25 @@ enum class Section {
   QMatrix
 };
 
-constexpr std::int64_t ObjectiveRow = -1;
-constexpr std::int64_t FreeRow = -2;
+constexpr std::int64_t NoRow = -1;  // what QelNameTable::find gives for a name not there
+constexpr std::int64_t ObjectiveRow = -2;
+constexpr std::int64_t FreeRow = -3;
 
 struct Entry {
-  std::int64_t row;
-  std::int64_t col;
+  std::int32_t row;  // the readers hold fewer than 2^31 rows and columns
+  std::int32_t col;
   double value;
 };
 
 class MpsReader {
  public:
   MpsReader(std::string_view text, const std::string& file, bool fixed)
-      : _text(text), _file(file), _fixed(fixed) {}
+      : _text(text), _file(file), _fixed(fixed) {
+    // Room for the names a file of this size may hold: no rehashing.
+    _rows.reserve(text.size() / 256);
+    _cols.reserve(text.size() / 256);
+    _entries.reserve(text.size() / 32);
+  }
 
   QelFileModel run() {
     Section section = Section::Start;
@@ -411,18 +417,18 @@ class MpsReader {
     char t = type.size() == 1 ? static_cast<char>(std::toupper(static_cast<unsigned char>(type[0])))
                               : '?';
     if (t != 'N' && t != 'L' && t != 'G' && t != 'E') expected("a row type (N, L, G, E)", type);
-    if (_rows.count(name) != 0) fail("row \"" + std::string(name) + "\" defined twice");
+    if (_rows.find(name) != NoRow) fail("row \"" + std::string(name) + "\" defined twice");
     if (t == 'N') {
       if (!_objFound) {
         _objFound = true;
         _f.objName = std::string(name);
-        _rows.emplace(name, ObjectiveRow);
+        _rows.insert(name, ObjectiveRow);
       } else {
-        _rows.emplace(name, FreeRow);
+        _rows.insert(name, FreeRow);
       }
       return;
     }
-    _rows.emplace(name, static_cast<std::int64_t>(_f.rows.size()));
+    _rows.insert(name, static_cast<std::int64_t>(_f.rows.size()));
     QelFileRow r;
     r.name = std::string(name);
     _f.rows.push_back(std::move(r));
@@ -430,15 +436,15 @@ class MpsReader {
   }
 
   std::int64_t rowIndex(std::string_view name) {
-    auto it = _rows.find(name);
-    if (it == _rows.end()) fail("unknown row \"" + std::string(name) + "\"");
-    return it->second;
+    std::int64_t r = _rows.find(name);
+    if (r == NoRow) fail("unknown row \"" + std::string(name) + "\"");
+    return r;
   }
 
   std::int64_t colIndex(std::string_view name) {
-    auto it = _cols.find(name);
-    if (it == _cols.end()) fail("unknown column \"" + std::string(name) + "\"");
-    return it->second;
+    std::int64_t c = _cols.find(name);
+    if (c < 0) fail("unknown column \"" + std::string(name) + "\"");
+    return c;
   }
 
   void column() {
@@ -458,12 +464,10 @@ class MpsReader {
     if (name == _lastName && _lastCol >= 0) {
       c = _lastCol;
     } else {
-      auto it = _cols.find(name);
-      if (it != _cols.end()) {
-        c = it->second;
-      } else {
+      c = _cols.find(name);
+      if (c < 0) {
         c = static_cast<std::int64_t>(_f.columns.size());
-        _cols.emplace(name, c);
+        _cols.insert(name, c);
         QelFileColumn col;
         col.name = std::string(name);
         col.type = _integer ? QelVarType::Int : QelVarType::Float;
@@ -481,7 +485,7 @@ class MpsReader {
       if (r == ObjectiveRow)
         _objCoef[c] += v;
       else if (r >= 0 && v != 0)
-        _entries.push_back({r, c, v});
+        _entries.push_back({static_cast<std::int32_t>(r), static_cast<std::int32_t>(c), v});
     }
   }
 
@@ -662,11 +666,11 @@ class MpsReader {
   QelFileModel _f;
   bool _objFound = false;
   bool _integer = false;
-  std::unordered_map<std::string_view, std::int64_t> _rows;
+  QelNameTable _rows;  // row index, ObjectiveRow or FreeRow
   std::vector<char> _rowType;
   std::vector<double> _rhs;
   std::vector<double> _range;
-  std::unordered_map<std::string_view, std::int64_t> _cols;
+  QelNameTable _cols;
   std::vector<char> _lbSet;
   std::vector<double> _objCoef;
   std::vector<Entry> _entries;

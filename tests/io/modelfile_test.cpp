@@ -298,6 +298,38 @@ TEST_P(ModelFiles, WhatTheFormatCannotHoldIsRefusedByName) {
   env.end();
 }
 
+TEST_P(ModelFiles, ColumnsInNoTermGoLastAndStayThere) {
+  // A free-standing variable added first and one whose terms cancel are
+  // written after the others, where a reader puts them: written again, the
+  // model read gives the same text (found by the LP reader fuzzer).
+  QelEnv env;
+  QelNumVar lone(env, 0, 1, "lone"), x(env, 0, 1, "x"), y(env, 0, 1, "y");
+  QelModel m(env, "order");
+  m.add(lone);
+  m.add(QelObjective(env, x, QelObjective::Minimize, "obj"));
+  m.add(QelRange(env, 0, x + y - y, 1, "c"));
+  std::string text = Write(m, GetParam());
+  QelModel back = Read(env, text, GetParam());
+  EXPECT_EQ(Write(back, GetParam()), text);
+  EXPECT_LT(text.find("x"), text.find("lone"));
+  EXPECT_LT(text.find("lone"), text.find(" y"));
+  env.end();
+}
+
+TEST_P(ModelFiles, RowsWithoutAnyColumn) {
+  // No column at all: the LP form of an empty row is "0 <= 1" (found by
+  // the MPS reader fuzzer).
+  QelEnv env;
+  QelModel m(env, "empty");
+  m.add(QelRange(env, -QelFileInfinity, QelNumExpr(env, 0.0), 1, "nothing"));
+  std::string text = Write(m, GetParam());
+  QelModel back = Read(env, text, GetParam());
+  EXPECT_EQ(Canonical(back),
+            "objective obj min const 0 terms\nrow nothing [-1e+20, 1] const 0 terms\n");
+  EXPECT_EQ(Write(back, GetParam()), text);
+  env.end();
+}
+
 INSTANTIATE_TEST_SUITE_P(Formats, ModelFiles,
                          ::testing::Values(QelFileFormat::Mps, QelFileFormat::Lp),
                          [](const ::testing::TestParamInfo<QelFileFormat>& info) {
@@ -561,7 +593,7 @@ TEST(ModelFileErrors, EveryMalformedInputHasItsMessage) {
       {"min\n x\nst\n c: x <= 1\n c: y >= 2\nend\n", "bad.lp:5: row \"c\" defined twice"},
       {"min\n x\nst\n c: 1 <= x >= 3\nend\n",
        "bad.lp:4: a ranged constraint needs two \"<=\" or two \">=\""},
-      {"min\n x\nst\n c: 1 <= 2\nend\n", "bad.lp:5: expected a variable, found \"end\""},
+      {"min\n x\nst\n c: 1 <= 2 <= 3\nend\n", "bad.lp:4: expected a variable, found \"<=\""},
       {"min\n x\nst\n c: [ x ^ 2 ] <= 1\nend\n",
        "bad.lp:4: quadratic terms are only read in the objective"},
       {"min\n obj: [ x ^ 3 ] / 2\nend\n", "bad.lp:2: expected 2, found \"3\""},

@@ -1,0 +1,5 @@
+NAME          bad
+ROWS
+ N  obj
+ L  4
+ENDATA
