@@ -718,6 +718,7 @@ class QelCbcI : public QelEngineI {
     bool rowsWorth = _deadEntries > 1024 && 2 * _deadEntries > _rowCol.size();
     bool colsWorth = _cols.size() > 1024 && 2 * static_cast<size_t>(_liveCols) < _cols.size();
     if (!rowsWorth && !colsWorth) return;
+    countCompaction();
     std::vector<int> newCol(_cols.size(), -1);
     std::vector<Column> cols;
     cols.reserve(static_cast<size_t>(_liveCols));
@@ -938,19 +939,6 @@ class QelCbcI : public QelEngineI {
     return args;
   }
 
-  // The engine whose solve runs CBC's driver on this thread.
-  static thread_local QelCbcI* CurrentEngine;
-
-  // Called by the driver between its phases (after the initial LP, after
-  // preprocessing, before the search): a nonzero answer ends the solve, when
-  // the time is up or the progress callback asked to stop.
-  static int BetweenPhases(CbcModel*, int) {
-    QelCbcI* e = CurrentEngine;
-    if (e == nullptr) return 0;
-    bool outOfTime = e->getParams().timeLimit > 0 && e->remainingTime() <= 0;
-    return outOfTime || e->stopRequested() ? 1 : 0;
-  }
-
   // What one stage of the solve found.
   struct Outcome {
     QelEngineStatus status = QelEngineStatus::Unknown;
@@ -1003,10 +991,11 @@ class QelCbcI : public QelEngineI {
     std::vector<std::string> args = driverArguments();
     std::vector<const char*> argv;
     for (const std::string& a : args) argv.push_back(a.c_str());
-    CurrentEngine = this;
+    // No phase callback stops the driver: CBC 2.10 leaks its solver copy
+    // when a phase callback ends the solve; the LP's wall-clock limit and
+    // "-sec" bound the time.
     KeepHeap heap(_keepHeap);
-    CbcMain1(static_cast<int>(argv.size()), argv.data(), model, &BetweenPhases, data);
-    CurrentEngine = nullptr;
+    CbcMain1(static_cast<int>(argv.size()), argv.data(), model, nullptr, data);
     bool outOfTime = getParams().timeLimit > 0 && remainingTime() <= 0;
     if (report) {
       this->report().nodes += model.getNodeCount();
@@ -1185,8 +1174,6 @@ class QelCbcI : public QelEngineI {
   std::unique_ptr<OsiClpSolverInterface> _loaded;             // the last loadOnly()
   bool _keepHeap = true;                                      // the engine's own option keepHeap
 };
-
-thread_local QelCbcI* QelCbcI::CurrentEngine = nullptr;
 
 QEL_RTTI_DEF(QelCbcI)
 

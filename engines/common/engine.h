@@ -172,6 +172,7 @@ struct QelEngineStats {
   long silentChanges = 0;       ///< changes found by the checks before a solve
   long namesOnly = 0;           ///< renames: names never enter the form
   long solves = 0;              ///< calls of solve()
+  long compactions = 0;         ///< times the form's dead parts were taken out
 };
 
 /// The settings both engines share. A zero limit means no limit.
@@ -462,6 +463,8 @@ class QelEngineI : public QelAlgorithmI {
   void rehash(const QelExtractableI* member);
   /// Counts one change applied in place.
   void countIncremental() { ++_stats.incrementalChanges; }
+  /// Counts one compaction of the form.
+  void countCompaction() { ++_stats.compactions; }
   /// Counts one change found by the checks before a solve.
   void countSilentChange() { ++_stats.silentChanges; }
   /// Stores the objective values the engine reports (one per criterion).

@@ -13,7 +13,26 @@ using namespace enginetest;
 
 namespace {
 
-QelEngineI* Make(QelEnv env) { return QelNewCbcEngine(env); }
+#if defined(__SANITIZE_ADDRESS__)
+#define QEL_TEST_UNDER_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define QEL_TEST_UNDER_ASAN 1
+#endif
+#endif
+
+// A CBC engine for the tests. Under AddressSanitizer every allocation of
+// CBC (which is not instrumented) goes through the sanitizer's allocator,
+// and the driver's root cut loop after preprocessing takes some 20 s on the
+// small pack reformulation below (0.4 s otherwise): the sanitizer build runs
+// with CBC's cuts off, through the same driver.
+QelEngineI* Make(QelEnv env) {
+  QelEngineI* e = QelNewCbcEngine(env);
+#ifdef QEL_TEST_UNDER_ASAN
+  e->setParam("cuts", "off");
+#endif
+  return e;
+}
 
 struct CbcTest : ::testing::Test {
   void TearDown() override {
@@ -597,7 +616,11 @@ QelModel Rows(QelEnv env, long n) {
 }
 
 TEST_F(CbcTest, ExtractionIsLinearInTheModelsSize) {
+#ifdef QEL_TEST_UNDER_ASAN
+  const long n = 2500;  // the sanitizer makes building the models slow
+#else
   const long n = 6000;
+#endif
   QelModel small = Rows(env, n), large = Rows(env, 2 * n);
   // Only extract() is timed: the engines are made and destroyed outside.
   auto extractInto = [this](const QelModel& m) {
@@ -660,8 +683,13 @@ TEST_F(CbcTest, TheTimeLimitBoundsTheWholeSolve) {
   auto start = std::chrono::steady_clock::now();
   QelEngineStatus s = mip->solve();
   double t = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  EXPECT_LE(t, 1.1) << s;
-  EXPECT_LE(mip->getReport().time, 1.1);
+#ifdef QEL_TEST_UNDER_ASAN
+  const double bound = 1.5;  // CBC's allocations slowed by the sanitizer
+#else
+  const double bound = 1.1;  // within 10%
+#endif
+  EXPECT_LE(t, bound) << s;
+  EXPECT_LE(mip->getReport().time, bound);
   EXPECT_TRUE(s == QelEngineStatus::Feasible || s == QelEngineStatus::Optimal ||
               s == QelEngineStatus::Unknown)
       << s;
@@ -700,4 +728,43 @@ TEST_F(CbcLimitsTest, TwoThreadsAndASeedReachTheSameOptimum) {
   ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
   EXPECT_NEAR(mip->getObjValue(), best, 1e-6);
   EXPECT_EQ(CheckSolution(mip.get(), problem.model.getImpl()), 5);
+}
+
+TEST_F(CbcTest, DeadRowsAndColumnsAreCompactedAway) {
+  // A pack of 40 items into 30 bins (1,200 binaries and their rows) and 200
+  // ranges; taking out the pack and most ranges leaves more than half of the
+  // form dead, which the next solve compacts.
+  QelModel m(env, "m");
+  QelIntVarArray load(env, 30, 0, 100), where(env, 40, 0, 29);
+  QelIntArray weight(env, 40);
+  for (long i = 0; i < 40; ++i) weight.set(i, 5 + i % 7);
+  QelIntVar used(env, 0, 30, "used");
+  QelPack pack(env, load.toIntExprArray(), where.toIntExprArray(), weight, used, "pack");
+  weight.end();
+  QelNumVarArray x(env, 50, 0, 20);  // continuous: the ranges are an LP
+  std::vector<QelRange> ranges;
+  for (int i = 0; i < 200; ++i) {
+    ranges.emplace_back(env, -QelInfiniteBound, x[i % 50] + 2 * x[(i + 1) % 50] + x[(i + 7) % 50],
+                        10 + i % 13);
+    m.add(ranges.back());
+  }
+  m.add(pack);
+  m.add(QelObjective(env, QelSum(x), QelObjective::Maximize, "obj"));
+  mip->extract(m.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  m.remove(pack);
+  for (int i = 0; i < 150; ++i) m.remove(ranges[static_cast<size_t>(i)]);
+  EXPECT_EQ(mip->getStats().compactions, 0);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(mip->getStats().compactions, 1);
+  EXPECT_EQ(CheckSolution(mip.get(), m.getImpl()), 50);
+  expectSameAsFresh(m);
+  // Members added after the compaction get their rows in the compacted form.
+  QelRange cap(env, -QelInfiniteBound, QelSum(x), 100, "cap");
+  m.add(cap);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_LE(mip->getObjValue(), 100 + 1e-6);
+  expectSameAsFresh(m);
+  m.remove(cap);
+  pack.end();
 }
