@@ -51,6 +51,28 @@ int main() {
   std::cout << cap->eval(values) << " " << notThree->eval(values) << "\n";
   Expect(out.take(), "9 12.5\n1 0\n", "the values and the constraint checks");
 
+  // guide: relational operators and sums in a loop
+  QelIntVarArray w(env, 4, 0, 5);
+  w.setNames("w");
+  QelIntExpr load(env, 0);  // grows in place
+  for (long i = 0; i < w.getSize(); ++i) load += (i + 1) * w[i];
+  QelRange limit = load <= 12;  // -QelInfinity <= load <= 12
+  QelRange order = x - y >= 1;  // 1 <= x - y <= QelInfinity
+  std::cout << limit << "\n" << order << "\n";
+  limit.setUB(10);    // QelSetRangeBounds reaches the engines
+  x.setBounds(0, 9);  // QelSetNumVarBounds
+  for (long i = 0; i < w.getSize(); ++i) values.setValue(w[i], 1);
+  QelNumArray got = values.getValues(w);  // one new array, ours to end
+  std::cout << got << " " << limit->eval(values) << " " << order->eval(values) << "\n";
+  got.end();
+  Expect(out.take(),
+         "w(0) + 2 * w(1) + 3 * w(2) + 4 * w(3) <= 12\n"
+         "x - y >= 1\n"
+         "[1, 1, 1, 1] 1 0\n",
+         "the ranges, the values of w and the checks");
+  Check(limit.getLB() == -QelInfinity && limit.getUB() == 10 && x.getUB() == 9,
+        "the open bound is infinite and the new bounds are kept");
+
   // guide: arrays of members
   QelIntVarArray v(env, 3, 0, 9);  // three new integer variables
   v.setNames("v");                 // v(0), v(1), v(2)
@@ -92,6 +114,7 @@ int main() {
 
   values.end();
   v.end();
+  w.end();
   env.end();  // every object above goes with it
   return guide::Result();
 }

@@ -610,3 +610,12 @@ QelInt QelEngineI::applyNotice(const QelAddVarToAllMinDistance& n, void*) {
   markStale(n.getConstraint());
   return 0;
 }
+
+// Variable bounds are compared before every solve (syncVariables), whether
+// they were changed with a notice or without.
+QelInt QelEngineI::applyNotice(const QelSetNumVarBounds&, void*) { return 0; }
+
+QelInt QelEngineI::applyNotice(const QelSetRangeBounds& n, void*) {
+  markStale(n.getRange());
+  return 0;
+}

@@ -19,6 +19,7 @@
 #include <qel/change/change.h>
 #include <qel/constraints/alldiff.h>
 #include <qel/constraints/sos.h>
+#include <qel/kernel/constraint.h>
 #include <qel/model/model.h>
 #include <qel/objective/objectivechange.h>
 

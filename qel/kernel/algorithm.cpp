@@ -2,6 +2,8 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <sstream>
+#include <string>
 #include <vector>
 
 #include <qel/change/change.h>
@@ -125,10 +127,28 @@ void QelAlgorithmI::notifyChange(const QelExtractableI* x, const QelChange& c) {
   }
 }
 
+namespace {
+
+// `what`, then ": " and the variable: its name, or its class and id (an
+// ended variable without a name has nothing left to name it by).
+std::string VarMessage(const char* what, const QelNumVarI* v) {
+  std::ostringstream text;
+  text << what;
+  if (v->getName() != nullptr) {
+    text << ": " << v->getName();
+  } else if (v->getId() >= 0) {
+    text << ": ";
+    v->display(text);
+  }
+  return text.str();
+}
+
+}  // namespace
+
 void QelAlgorithmI::setValue(const QelNumVarI* v, double value) {
   if (v == nullptr) throw QelEmptyHandleException();
   QelInt id = v->getId();
-  if (id < 0) throw QelWrongUsage("QelAlgorithm: the variable has ended");
+  if (id < 0) throw QelWrongUsage(VarMessage("QelAlgorithm: the variable has ended", v).c_str());
   if (id >= _valueCapacity) {
     QelInt cap = _valueCapacity == 0 ? 64 : _valueCapacity;
     while (cap <= id) cap *= 2;
@@ -161,7 +181,10 @@ QelBool QelAlgorithmI::hasValue(const QelNumVarI* v) const {
 }
 
 double QelAlgorithmI::getValue(const QelNumVarI* v) const {
-  if (!hasValue(v)) throw QelWrongUsage("QelAlgorithm: no value for this variable");
+  if (!hasValue(v)) {
+    if (v == nullptr) throw QelEmptyHandleException();
+    throw QelWrongUsage(VarMessage("QelAlgorithm: no value for this variable", v).c_str());
+  }
   return _values[v->getId()];
 }
 
@@ -201,6 +224,22 @@ void QelAlgorithm::setValue(const QelNumVar& v, double value) const {
 double QelAlgorithm::getValue(const QelNumExpr& e) const {
   if (_impl == nullptr) throw QelEmptyHandleException();
   return _impl->getValue(e.getImpl());
+}
+
+QelNumArray QelAlgorithm::getValues(const QelNumExprArray& xs) const {
+  if (_impl == nullptr) throw QelEmptyHandleException();
+  if (xs.getImpl() == nullptr) throw QelEmptyHandleException();
+  long n = xs.getSize();
+  // Every value is read before the array is made: a missing one throws
+  // and leaves nothing behind.
+  std::vector<double> values(static_cast<size_t>(n));
+  for (long i = 0; i < n; ++i) {
+    auto* e = static_cast<const QelNumExprI*>(xs.getElement(i));
+    values[static_cast<size_t>(i)] = _impl->getValue(e);
+  }
+  QelNumArray out(QelEnv(_impl->getEnv()), n);
+  for (long i = 0; i < n; ++i) out.set(i, values[static_cast<size_t>(i)]);
+  return out;
 }
 
 QelEnv QelAlgorithm::getEnv() const { return QelEnv(_impl != nullptr ? _impl->getEnv() : nullptr); }

@@ -17,10 +17,12 @@
 #ifndef QEL_KERNEL_ALGORITHM_H
 #define QEL_KERNEL_ALGORITHM_H
 
+#include <qel/kernel/array.h>
 #include <qel/kernel/env.h>
 #include <qel/kernel/envobject.h>
 
 class QelNumExpr;
+class QelNumExprArray;
 class QelNumVar;
 class QelExtractable;
 
@@ -126,6 +128,10 @@ class QEL_API QelAlgorithm {
   void setValue(const QelNumVar& v, double value) const;
   /// The value of expression `e` against the held values.
   double getValue(const QelNumExpr& e) const;
+  /// The values of every element of `xs`, in one new array of the
+  /// algorithm's environment (the caller ends it). An element without a
+  /// value throws as getValue does, and then nothing is made.
+  QelNumArray getValues(const QelNumExprArray& xs) const;
   /// The environment.
   QelEnv getEnv() const;
 

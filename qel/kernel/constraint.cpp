@@ -1,6 +1,10 @@
 // Constraints, ranges, number sets, set variables and interval variables.
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <ostream>
+#include <sstream>
+#include <utility>
 
 #include <qel/extractable/visitor.h>
 #include <qel/kernel/constraint.h>
@@ -58,16 +62,58 @@ void QelRangeI::visitSubExtractables(QelExtractableVisitor* v) {
 }
 
 void QelRangeI::display(std::ostream& os) const {
-  os << _lb << " <= ";
-  if (_expr != nullptr) _expr->display(os);
-  os << " <= " << _ub;
+  auto expr = [this, &os]() {
+    if (_expr != nullptr) _expr->display(os);
+  };
+  bool lower = !QelIsInfinite(_lb);
+  bool upper = !QelIsInfinite(_ub);
+  if (lower && upper && _lb == _ub) {
+    expr();
+    os << " == " << _lb;
+  } else if (lower && !upper) {
+    expr();
+    os << " >= " << _lb;
+  } else if (upper && !lower) {
+    expr();
+    os << " <= " << _ub;
+  } else {
+    // Both bounds, or none: the full form keeps the (infinite) numbers.
+    os << _lb << " <= ";
+    expr();
+    os << " <= " << _ub;
+  }
 }
 
-double QelRangeI::eval(QelAlgorithm alg) const {
-  if (_expr == nullptr) throw QelWrongUsage("QelRangeI::eval: the range has no expression");
+double QelRangeI::eval(QelAlgorithm alg) const { return eval(alg, DefaultTolerance); }
+
+double QelRangeI::eval(QelAlgorithm alg, double tolerance) const {
+  if (_expr == nullptr) {
+    std::ostringstream text;
+    text << "QelRangeI::eval: the range ";
+    printNameOrId(text, "QelRange");
+    text << " has no expression";
+    throw QelWrongUsage(text.str().c_str());
+  }
   double v = _expr->eval(alg);
-  return (_lb <= v && v <= _ub) ? 1.0 : 0.0;
+  if (v != v) return 0.0;
+  auto slack = [tolerance](double bound) { return tolerance * std::max(1.0, std::fabs(bound)); };
+  if (!QelIsInfinite(_lb) && v < _lb - slack(_lb)) return 0.0;
+  if (!QelIsInfinite(_ub) && v > _ub + slack(_ub)) return 0.0;
+  return 1.0;
 }
+
+void QelRangeI::setBounds(double lb, double ub) {
+  QelRequireBounds(lb, ub, "QelRange::setBounds", [this](std::ostream& os) {
+    os << "the range ";
+    printNameOrId(os, "QelRange");
+  });
+  _lb = lb;
+  _ub = ub;
+  notify(QelSetRangeBounds(this));
+}
+
+void QelSetRangeBounds::visitChange(QelEnvI*, QelExtractableI*, QelChangeVisitor*) const {}
+QelExtractableI* QelSetRangeBounds::getChangedExtractable() const { return _r; }
 
 QelRange::QelRange(QelEnv env, double lb, const QelNumExpr& expr, double ub, const char* name)
     : QelHandle<QelRangeI, QelConstraint>(
@@ -81,7 +127,107 @@ QelNumExpr RangeExpr(const QelRange& r) {
   return QelNumExpr(r.getImpl()->getExpr());
 }
 
+QelRangeI* RangeOf(const QelRange& r) {
+  if (r.getImpl() == nullptr) throw QelEmptyHandleException("QelRange: using empty handle");
+  return r.getImpl();
+}
+
 }  // namespace
+
+double QelRange::getLB() const { return RangeOf(*this)->getLB(); }
+double QelRange::getUB() const { return RangeOf(*this)->getUB(); }
+QelNumExpr QelRange::getExpr() const { return QelNumExpr(RangeOf(*this)->getExpr()); }
+void QelRange::setLB(double lb) const { RangeOf(*this)->setBounds(lb, RangeOf(*this)->getUB()); }
+void QelRange::setUB(double ub) const { RangeOf(*this)->setBounds(RangeOf(*this)->getLB(), ub); }
+void QelRange::setBounds(double lb, double ub) const { RangeOf(*this)->setBounds(lb, ub); }
+double QelRange::eval(QelAlgorithm alg, double tolerance) const {
+  return RangeOf(*this)->eval(alg, tolerance);
+}
+
+// ---- relational operators ----------------------------------------------------
+
+namespace {
+
+QelNumExprI* OperandOf(const QelNumExpr& e) {
+  if (e.getImpl() == nullptr) throw QelEmptyHandleException();
+  return e.getImpl();
+}
+
+// A new range lb <= e <= ub in e's environment.
+QelRange NewRange(double lb, const QelNumExpr& e, double ub) {
+  QelNumExprI* x = OperandOf(e);
+  QelEnvI* env = x->getEnv();
+  return QelNewObject<QelRangeI>(env, env, lb, x, ub);
+}
+
+// lb <= d <= ub for the difference d = a - b an operator has just made (a
+// temporary): its constant moves into the bounds, so that `x + 3 <= y`
+// reads x - y <= -3.
+QelRange DifferenceRange(double lb, QelNumExpr d, double ub) {
+  double c = d.getConstant();
+  if (c != 0) {
+    d -= c;  // in place: nothing else has d
+    if (!QelIsInfinite(lb)) lb -= c;
+    if (!QelIsInfinite(ub)) ub -= c;
+  }
+  try {
+    return NewRange(lb, d, ub);
+  } catch (...) {
+    d.end();
+    throw;
+  }
+}
+
+}  // namespace
+
+QelRange operator<=(const QelNumExpr& a, const QelNumExpr& b) {
+  return DifferenceRange(-QelInfinity, a - b, 0);
+}
+QelRange operator<=(const QelNumExpr& a, double ub) { return NewRange(-QelInfinity, a, ub); }
+QelRange operator<=(double lb, const QelNumExpr& b) { return NewRange(lb, b, QelInfinity); }
+QelRange operator>=(const QelNumExpr& a, const QelNumExpr& b) {
+  return DifferenceRange(0, a - b, QelInfinity);
+}
+QelRange operator>=(const QelNumExpr& a, double lb) { return NewRange(lb, a, QelInfinity); }
+QelRange operator>=(double ub, const QelNumExpr& b) { return NewRange(-QelInfinity, b, ub); }
+QelRange operator==(const QelNumExpr& a, const QelNumExpr& b) {
+  return DifferenceRange(0, a - b, 0);
+}
+QelRange operator==(const QelNumExpr& a, double v) { return NewRange(v, a, v); }
+QelRange operator<=(QelNumExpr&& a, const QelNumExpr& b) {
+  return DifferenceRange(-QelInfinity, std::move(a) - b, 0);
+}
+QelRange operator<=(const QelNumExpr& a, QelNumExpr&& b) {
+  return DifferenceRange(-QelInfinity, a - std::move(b), 0);
+}
+QelRange operator<=(QelNumExpr&& a, QelNumExpr&& b) {
+  return DifferenceRange(-QelInfinity, std::move(a) - std::move(b), 0);
+}
+QelRange operator>=(QelNumExpr&& a, const QelNumExpr& b) {
+  return DifferenceRange(0, std::move(a) - b, QelInfinity);
+}
+QelRange operator>=(const QelNumExpr& a, QelNumExpr&& b) {
+  return DifferenceRange(0, a - std::move(b), QelInfinity);
+}
+QelRange operator>=(QelNumExpr&& a, QelNumExpr&& b) {
+  return DifferenceRange(0, std::move(a) - std::move(b), QelInfinity);
+}
+QelRange operator==(QelNumExpr&& a, const QelNumExpr& b) {
+  return DifferenceRange(0, std::move(a) - b, 0);
+}
+QelRange operator==(const QelNumExpr& a, QelNumExpr&& b) {
+  return DifferenceRange(0, a - std::move(b), 0);
+}
+QelRange operator==(QelNumExpr&& a, QelNumExpr&& b) {
+  return DifferenceRange(0, std::move(a) - std::move(b), 0);
+}
+QelRange operator<=(QelNumExpr&& a, double ub) { return NewRange(-QelInfinity, a, ub); }
+QelRange operator<=(double lb, QelNumExpr&& b) { return NewRange(lb, b, QelInfinity); }
+QelRange operator>=(QelNumExpr&& a, double lb) { return NewRange(lb, a, QelInfinity); }
+QelRange operator>=(double ub, QelNumExpr&& b) { return NewRange(-QelInfinity, b, ub); }
+QelRange operator==(QelNumExpr&& a, double v) { return NewRange(v, a, v); }
+QelRange operator==(double v, QelNumExpr&& b) { return NewRange(v, b, v); }
+QelRange operator==(double v, const QelNumExpr& b) { return NewRange(v, b, v); }
 
 QelNumExpr::LinearIterator QelRange::getLinearIterator() const {
   return RangeExpr(*this).getLinearIterator();

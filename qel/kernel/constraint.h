@@ -7,10 +7,17 @@
 // variables (QelIntervalVarI) and sets of numbers (QelNumSet, used to
 // evaluate all-different constraints) complete the kernel.
 //
+// The relational operators build ranges: `x + y <= 8` is the range
+// -QelInfinity <= x + y <= 8, `2 * x >= y` is 0 <= 2 * x - y <= QelInfinity,
+// `x == 3` is 3 <= x <= 3. An infinite bound (magnitude QelInfinity or more)
+// is no bound: it is neither printed nor checked.
+//
 //   QelRange r(env, 0, x + y, 10);          // 0 <= x + y <= 10
+//   model.add(x + y <= 8);                   // prints "x + y <= 8"
 //   QelAlgorithm alg(env);
 //   alg.setValue(x, 4); alg.setValue(y, 5);
-//   r.getImpl()->eval(alg);                  // 1.0
+//   r.eval(alg);                             // 1.0
+//   r.setUB(8);                              // engines follow the notice
 #ifndef QEL_KERNEL_CONSTRAINT_H
 #define QEL_KERNEL_CONSTRAINT_H
 
@@ -55,16 +62,29 @@ class QEL_API QelRangeI : public QelConstraintI {
   QelExtractableI* makeClone(QelEnvI* env) const override;
   /// The expression.
   void visitSubExtractables(QelExtractableVisitor* v) override;
-  /// Writes "lb <= expr <= ub".
+  /// Writes "lb <= expr <= ub"; "expr <= ub" or "expr >= lb" when the
+  /// other bound is infinite, "expr == lb" when both bounds are equal.
   void display(std::ostream& os) const override;
-  /// Whether the expression's value lies in [lb, ub].
+  /// eval with the default tolerance.
   double eval(QelAlgorithm alg) const override;
+  /// 1.0 when the expression's value v lies in [lb, ub] up to `tolerance`,
+  /// relative to the bound: lb - tolerance * max(1, |lb|) <= v <=
+  /// ub + tolerance * max(1, |ub|); infinite bounds are not checked.
+  /// Solvers meet bounds to such a tolerance, so that an exact comparison
+  /// would refuse their solutions.
+  double eval(QelAlgorithm alg, double tolerance) const;
+  /// The tolerance of eval: 1e-6, relative to the bound's magnitude.
+  static constexpr double DefaultTolerance = 1e-6;
   /// The expression, or null.
   QelNumExprI* getExpr() const { return _expr; }
   /// The lower bound.
   double getLB() const { return _lb; }
   /// The upper bound.
   double getUB() const { return _ub; }
+  /// Sets both bounds, then notifies QelSetRangeBounds. Throws
+  /// QelWrongUsage, naming the range, when lb > ub or a bound is NaN, and
+  /// then changes nothing.
+  void setBounds(double lb, double ub);
 
  private:
   double _lb;
@@ -86,7 +106,97 @@ class QEL_API QelRange : public QelHandle<QelRangeI, QelConstraint> {
   QelNumExpr::LinearIterator getLinearIterator() const;
   /// The quadratic terms of the range's expression (same failures).
   QelNumExpr::QuadIterator getQuadIterator() const;
+  /// The lower bound.
+  double getLB() const;
+  /// The upper bound.
+  double getUB() const;
+  /// The expression (an empty handle when the range has none).
+  QelNumExpr getExpr() const;
+  /// Sets the lower bound and notifies QelSetRangeBounds (see
+  /// QelRangeI::setBounds for the failures).
+  void setLB(double lb) const;
+  /// Sets the upper bound and notifies QelSetRangeBounds.
+  void setUB(double ub) const;
+  /// Sets both bounds and notifies QelSetRangeBounds once.
+  void setBounds(double lb, double ub) const;
+  /// 1.0 when the values held by `alg` satisfy the range up to
+  /// `tolerance` (see QelRangeI::eval), else 0.0.
+  double eval(QelAlgorithm alg, double tolerance = QelRangeI::DefaultTolerance) const;
 };
+
+/// The bounds of a range were changed (the range already holds them).
+class QEL_API QelSetRangeBounds : public QelChange {
+  QEL_CHANGE_DECL(QelSetRangeBounds, QelChange)
+
+ public:
+  /// For the range `r`.
+  explicit QelSetRangeBounds(QelRangeI* r) : _r(r) {}
+  /// Nothing: no sub-object comes or goes.
+  void visitChange(QelEnvI*, QelExtractableI*, QelChangeVisitor*) const override;
+  /// The range.
+  QelExtractableI* getChangedExtractable() const override;
+  /// The range.
+  QelRangeI* getRange() const { return _r; }
+  /// Its new lower bound.
+  double getLB() const { return _r->getLB(); }
+  /// Its new upper bound.
+  double getUB() const { return _r->getUB(); }
+
+ private:
+  QelRangeI* _r;
+};
+
+// ---- relational operators: ranges -----------------------------------------
+
+/// -QelInfinity <= a - b <= 0 (the constant of a - b moves to the bound).
+QEL_API QelRange operator<=(const QelNumExpr& a, const QelNumExpr& b);
+/// -QelInfinity <= a <= ub.
+QEL_API QelRange operator<=(const QelNumExpr& a, double ub);
+/// lb <= b <= QelInfinity.
+QEL_API QelRange operator<=(double lb, const QelNumExpr& b);
+/// 0 <= a - b <= QelInfinity (the constant of a - b moves to the bound).
+QEL_API QelRange operator>=(const QelNumExpr& a, const QelNumExpr& b);
+/// lb <= a <= QelInfinity.
+QEL_API QelRange operator>=(const QelNumExpr& a, double lb);
+/// -QelInfinity <= b <= ub.
+QEL_API QelRange operator>=(double ub, const QelNumExpr& b);
+/// 0 <= a - b <= 0 (the constant of a - b moves to the bounds).
+QEL_API QelRange operator==(const QelNumExpr& a, const QelNumExpr& b);
+/// a <= b where `a` is a temporary: a becomes a - b in place when nothing
+/// else has it (an operand left temporary goes back to the environment).
+QEL_API QelRange operator<=(QelNumExpr&& a, const QelNumExpr& b);
+/// a <= b where `b` is a temporary, given back once read.
+QEL_API QelRange operator<=(const QelNumExpr& a, QelNumExpr&& b);
+/// a <= b of two temporaries.
+QEL_API QelRange operator<=(QelNumExpr&& a, QelNumExpr&& b);
+/// a >= b where `a` is a temporary.
+QEL_API QelRange operator>=(QelNumExpr&& a, const QelNumExpr& b);
+/// a >= b where `b` is a temporary.
+QEL_API QelRange operator>=(const QelNumExpr& a, QelNumExpr&& b);
+/// a >= b of two temporaries.
+QEL_API QelRange operator>=(QelNumExpr&& a, QelNumExpr&& b);
+/// a == b where `a` is a temporary.
+QEL_API QelRange operator==(QelNumExpr&& a, const QelNumExpr& b);
+/// a == b where `b` is a temporary.
+QEL_API QelRange operator==(const QelNumExpr& a, QelNumExpr&& b);
+/// a == b of two temporaries.
+QEL_API QelRange operator==(QelNumExpr&& a, QelNumExpr&& b);
+/// a <= ub for a temporary `a` (the range holds it).
+QEL_API QelRange operator<=(QelNumExpr&& a, double ub);
+/// lb <= b for a temporary `b`.
+QEL_API QelRange operator<=(double lb, QelNumExpr&& b);
+/// a >= lb for a temporary `a`.
+QEL_API QelRange operator>=(QelNumExpr&& a, double lb);
+/// ub >= b for a temporary `b`.
+QEL_API QelRange operator>=(double ub, QelNumExpr&& b);
+/// a == v for a temporary `a`.
+QEL_API QelRange operator==(QelNumExpr&& a, double v);
+/// v == b for a temporary `b`.
+QEL_API QelRange operator==(double v, QelNumExpr&& b);
+/// v <= a <= v.
+QEL_API QelRange operator==(const QelNumExpr& a, double v);
+/// v <= b <= v.
+QEL_API QelRange operator==(double v, const QelNumExpr& b);
 
 /// A set of doubles in environment memory (values compared as doubles:
 /// 1 and 1.0 are one value, so are 0.0 and -0.0).

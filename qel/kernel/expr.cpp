@@ -9,6 +9,7 @@
 #include <cstring>
 #include <functional>
 #include <ostream>
+#include <sstream>
 #include <unordered_map>
 #include <utility>
 
@@ -46,15 +47,25 @@ void QelEnvI::release(QelNumExprI* e) {
 
 namespace {
 
-// The variable `e` is, or null.
+// The variable `e` is, or null. The exact class is tried first: it answers
+// at once for the kernel's own classes, which operators meet at every term.
 QelNumVarI* AsVar(const QelNumExprI* e) {
+  QelTypeInfo t = e->getTypeInfo();
+  if (t == QelNumVarI::GetTypeInfo())
+    return const_cast<QelNumVarI*>(static_cast<const QelNumVarI*>(e));
+  if (t == QelNumLinTermI::GetTypeInfo() || t == QelIntLinTermI::GetTypeInfo()) return nullptr;
   return e->isType(QelNumVarI::GetTypeInfo())
              ? const_cast<QelNumVarI*>(static_cast<const QelNumVarI*>(e))
              : nullptr;
 }
 
-// The parts of `e` when it is a linear term of either class, else null.
+// The parts of `e` when it is a linear term of either class, else null
+// (the exact class first, as in AsVar).
 const QelLinearParts* PartsOf(const QelNumExprI* e) {
+  QelTypeInfo t = e->getTypeInfo();
+  if (t == QelNumLinTermI::GetTypeInfo()) return &static_cast<const QelNumLinTermI*>(e)->getParts();
+  if (t == QelIntLinTermI::GetTypeInfo()) return &static_cast<const QelIntLinTermI*>(e)->getParts();
+  if (t == QelNumVarI::GetTypeInfo()) return nullptr;
   if (e->isType(QelNumLinTermI::GetTypeInfo()))
     return &static_cast<const QelNumLinTermI*>(e)->getParts();
   if (e->isType(QelIntLinTermI::GetTypeInfo()))
@@ -304,14 +315,17 @@ void WriteCoef(std::ostream& os, double coef, bool first) {
   }
 }
 
+// Terms of coefficient 0 are not written: they add nothing.
 void DisplayParts(const QelLinearParts& p, std::ostream& os) {
   bool first = true;
   for (const QelLinTermNode* n = p.head; n != nullptr; n = n->next) {
+    if (n->coef == 0) continue;
     WriteCoef(os, n->coef, first);
     n->var->display(os);
     first = false;
   }
   for (const QelQuadTermNode* n = p.quadHead; n != nullptr; n = n->next) {
+    if (n->coef == 0) continue;
     WriteCoef(os, n->coef, first);
     n->var1->display(os);
     os << " * ";
@@ -319,6 +333,7 @@ void DisplayParts(const QelLinearParts& p, std::ostream& os) {
     first = false;
   }
   for (const QelAggregateTermNode* n = p.aggHead; n != nullptr; n = n->next) {
+    if (n->coef == 0) continue;
     WriteCoef(os, n->coef, first);
     os << "(";
     n->expr->display(os);
@@ -652,6 +667,11 @@ void RequireIntegral(bool ok, const char* what) {
 // ===========================================================================
 
 QelNumExprI::~QelNumExprI() = default;
+
+QelBool QelNumExprI::isTemporary() const {
+  return !_shared && _useCount <= 0 && getId() >= 0 && isRefCountedExpr() &&
+         !QelEnvI::IsMarked(this);
+}
 QelBool QelNumExprI::isNumExpr() { return true; }
 QelBool QelNumExprI::isIntegral() const { return false; }
 double QelNumExprI::getConstant() const { return 0; }
@@ -706,6 +726,28 @@ void QelNumVarI::display(std::ostream& os) const {
       break;
   }
 }
+
+void QelRequireBounds(double lb, double ub, const char* what,
+                      const std::function<void(std::ostream&)>& name) {
+  if (lb == lb && ub == ub && lb <= ub) return;
+  std::ostringstream text;
+  text << what << ": ";
+  name(text);
+  text << " cannot take the bounds [" << lb << ", " << ub << "]";
+  throw QelWrongUsage(text.str().c_str());
+}
+
+void QelNumVarI::setBounds(double lb, double ub) {
+  QelRequireBounds(lb, ub, "QelNumVar::setBounds", [this](std::ostream& os) { display(os); });
+  _lb = lb;
+  _ub = ub;
+  notify(QelSetNumVarBounds(this));
+}
+
+void QelSetNumVarBounds::visitChange(QelEnvI*, QelExtractableI*, QelChangeVisitor*) const {}
+QelExtractableI* QelSetNumVarBounds::getChangedExtractable() const { return _x; }
+double QelSetNumVarBounds::getLB() const { return _x->getLB(); }
+double QelSetNumVarBounds::getUB() const { return _x->getUB(); }
 
 // ===========================================================================
 // QelNumLinTermI
@@ -978,7 +1020,7 @@ QelNumExpr::QuadIterator QelNumExpr::getQuadIterator() const {
 double QelNumExpr::getConstant() const { return ImplOf(*this)->getConstant(); }
 
 QelIntExpr::QelIntExpr(QelEnv env, QelInt value)
-    : QelIntExpr(QelNewObject<QelIntLinTermI>(EnvOf(env), EnvOf(env), value)) {}
+    : QelIntExpr(QelNewObject<QelIntLinTermI>(EnvOf(env), EnvOf(env), value), QelTemporaryTag()) {}
 
 QelNumVar::QelNumVar(QelEnv env, double lb, double ub, const char* name)
     : QelNumVar(NewVar(env, lb, ub, QelVarType::Float, name)) {}
@@ -993,6 +1035,317 @@ QelIntVar::QelIntVar(QelEnv env, QelInt lb, QelInt ub, const char* name)
 QelBoolVar::QelBoolVar(QelEnv env, const char* name)
     : QelIntVar(NewVar(env, 0, 1, QelVarType::Bool, name)) {}
 
+QelVarType QelNumVar::getType() const {
+  if (getImpl() == nullptr) throw QelEmptyHandleException("QelNumVar: using empty handle");
+  return getImpl()->getType();
+}
+
+void QelNumVar::setLB(double lb) const {
+  if (getImpl() == nullptr) throw QelEmptyHandleException("QelNumVar: using empty handle");
+  getImpl()->setBounds(lb, getImpl()->getUB());
+}
+
+void QelNumVar::setUB(double ub) const {
+  if (getImpl() == nullptr) throw QelEmptyHandleException("QelNumVar: using empty handle");
+  getImpl()->setBounds(getImpl()->getLB(), ub);
+}
+
+void QelNumVar::setBounds(double lb, double ub) const {
+  if (getImpl() == nullptr) throw QelEmptyHandleException("QelNumVar: using empty handle");
+  getImpl()->setBounds(lb, ub);
+}
+
+// ===========================================================================
+// Temporaries: compound assignments and reassignment
+// ===========================================================================
+
+namespace {
+
+// The last expression an operator built and the temporaries it was built
+// from, so that `e = e + t` can give e's former expression back. Only
+// compared, never followed, unless the ids still match.
+struct LastBuild {
+  const QelExtractableI* result = nullptr;
+  QelInt resultId = -1;
+  const QelExtractableI* operand[2] = {nullptr, nullptr};
+  QelInt operandId[2] = {-1, -1};
+};
+
+thread_local LastBuild lastBuild;
+
+void RecordBuild(const QelNumExprI* result, const QelNumExprI* a, const QelNumExprI* b) {
+  lastBuild = LastBuild();
+  lastBuild.result = result;
+  lastBuild.resultId = result->getId();
+  const QelNumExprI* ops[2] = {a, b};
+  for (int k = 0; k < 2; ++k) {
+    if (ops[k] == nullptr || !ops[k]->isTemporary()) continue;
+    lastBuild.operand[k] = ops[k];
+    lastBuild.operandId[k] = ops[k]->getId();
+  }
+}
+
+bool BuiltFrom(const QelExtractableI* result, const QelExtractableI* old) {
+  if (result == nullptr || result != lastBuild.result || result->getId() != lastBuild.resultId)
+    return false;
+  for (int k = 0; k < 2; ++k)
+    if (old == lastBuild.operand[k] && old->getId() == lastBuild.operandId[k]) return true;
+  return false;
+}
+
+// Ends `e` when it is a temporary (nothing uses it, no other handle has
+// it): the former expression of a handle that now leads elsewhere. A model
+// may still list it (models take no use), so it is ended the full way.
+void GiveBack(QelNumExprI* e) {
+  if (e != nullptr && e->isTemporary()) e->end();
+}
+
+// Gives back `e`, a temporary handle's expression an operation has just
+// consumed (an rvalue operand), when it is a temporary. Nothing uses it, no
+// other handle leads to it, and only an expression a handle still led to
+// could have been put in a model: it is unregistered and destroyed at once,
+// without the search for holders that ending makes (which visits every
+// object of the environment).
+void Discard(QelNumExprI* e) {
+  if (e == nullptr || !e->isTemporary()) return;
+  e->getEnv()->unregister(e);
+  delete e;
+}
+
+// The expression a handle leads to after an operation that made `fresh`
+// from its former expression `old`: a former one left behind goes back.
+QelNumExprI* Replace(QelNumExprI* old, QelNumExprI* fresh) {
+  if (old != fresh) GiveBack(old);
+  return fresh;
+}
+
+// Where the lists of a linear parts end, taken before an addition in place
+// so that a refused allocation can be undone.
+class PartsMark {
+ public:
+  explicit PartsMark(const QelLinearParts& p)
+      : _tail(p.tail),
+        _quads(CountNodes(p.quadHead)),
+        _aggs(CountNodes(p.aggHead)),
+        _constant(p.constant),
+        _decision(p.decision) {}
+
+  // Gives back every node added since the mark, with the uses it took.
+  void undo(QelEnvI* env, QelLinearParts& p) const {
+    QelLinTermNode* lin = _tail != nullptr ? _tail->next : p.head;
+    if (_tail != nullptr)
+      _tail->next = nullptr;
+    else
+      p.head = nullptr;
+    p.tail = _tail;
+    while (lin != nullptr) {
+      QelLinTermNode* next = lin->next;
+      QelNumVarI* x = lin->var;
+      FreeNode(env, lin);
+      Drop(x);
+      lin = next;
+    }
+    QelQuadTermNode** quad = &p.quadHead;
+    for (long k = 0; k < _quads; ++k) quad = &(*quad)->next;
+    for (QelQuadTermNode* n = *quad; n != nullptr;) {
+      QelQuadTermNode* next = n->next;
+      QelNumVarI* x = n->var1;
+      QelNumVarI* y = n->var2;
+      FreeNode(env, n);
+      Drop(x);
+      Drop(y);
+      n = next;
+    }
+    *quad = nullptr;
+    QelAggregateTermNode** agg = &p.aggHead;
+    for (long k = 0; k < _aggs; ++k) agg = &(*agg)->next;
+    for (QelAggregateTermNode* n = *agg; n != nullptr;) {
+      QelAggregateTermNode* next = n->next;
+      QelNumExprI* e = n->expr;
+      FreeNode(env, n);
+      Drop(e);
+      n = next;
+    }
+    *agg = nullptr;
+    p.constant = _constant;
+    p.decision = _decision;
+  }
+
+ private:
+  QelLinTermNode* _tail;
+  long _quads;
+  long _aggs;
+  double _constant;
+  const QelNumVarI* _decision;
+};
+
+// Moves every node of `from` to the end of `into`, each coefficient and
+// the constant multiplied by `factor`; `from` is left empty. The nodes keep
+// the uses they hold. Allocates nothing.
+void SpliceParts(QelLinearParts& into, QelLinearParts& from, double factor) {
+  for (QelLinTermNode* n = from.head; n != nullptr; n = n->next) n->coef *= factor;
+  for (QelQuadTermNode* n = from.quadHead; n != nullptr; n = n->next) n->coef *= factor;
+  for (QelAggregateTermNode* n = from.aggHead; n != nullptr; n = n->next) n->coef *= factor;
+  if (from.head != nullptr) {
+    if (into.tail != nullptr)
+      into.tail->next = from.head;
+    else
+      into.head = from.head;
+    into.tail = from.tail;
+  }
+  QelQuadTermNode** quad = &into.quadHead;
+  while (*quad != nullptr) quad = &(*quad)->next;
+  *quad = from.quadHead;
+  QelAggregateTermNode** agg = &into.aggHead;
+  while (*agg != nullptr) agg = &(*agg)->next;
+  *agg = from.aggHead;
+  into.constant += factor * from.constant;
+  if (from.head != nullptr || from.quadHead != nullptr) RecomputeDecision(into);
+  from.head = from.tail = nullptr;
+  from.quadHead = nullptr;
+  from.aggHead = nullptr;
+  from.constant = 0;
+  from.decision = nullptr;
+}
+
+// Multiplies every coefficient and the constant of `p` by `f`.
+void ScaleParts(QelLinearParts& p, double f) {
+  for (QelLinTermNode* n = p.head; n != nullptr; n = n->next) n->coef *= f;
+  for (QelQuadTermNode* n = p.quadHead; n != nullptr; n = n->next) n->coef *= f;
+  for (QelAggregateTermNode* n = p.aggHead; n != nullptr; n = n->next) n->coef *= f;
+  p.constant *= f;
+}
+
+bool Whole(double v) { return std::floor(v) == v; }
+
+// The linear parts `self` can be changed through in place: a temporary
+// linear term that stays of its kind (an integer term only takes integral
+// additions), else null.
+QelLinearParts* InPlaceParts(QelNumExprI* self, bool intHandle, double selfFactor,
+                             const QelNumExprI* t, double factor, double c) {
+  if (self == nullptr || !self->isTemporary()) return nullptr;
+  const QelLinearParts* parts = PartsOf(self);
+  if (parts == nullptr) return nullptr;
+  QelTypeInfo kind = self->getTypeInfo();
+  if (kind == QelIntLinTermI::GetTypeInfo() ||
+      (kind != QelNumLinTermI::GetTypeInfo() && self->isType(QelIntLinTermI::GetTypeInfo()))) {
+    bool integral =
+        Whole(selfFactor) && Whole(factor) && Whole(c) && (t == nullptr || IsIntegralExpr(t));
+    return integral ? const_cast<QelLinearParts*>(parts) : nullptr;
+  }
+  return intHandle ? nullptr : const_cast<QelLinearParts*>(parts);
+}
+
+// selfFactor * self + factor * t + c, in place when `self` allows it (see
+// InPlaceParts), else as a new linear term (numeric, or integer for an
+// integer handle). Returns `self` or the new term; the caller decides what
+// becomes of a `self` left behind. All or nothing.
+QelNumExprI* Accumulate(QelNumExprI* self, bool intHandle, double selfFactor, QelNumExprI* t,
+                        double factor, double c, bool tConsumed = false) {
+  if (self == nullptr) {
+    if (t == nullptr) throw QelEmptyHandleException();
+    selfFactor = 0;
+  }
+  // In place: a product by a number changes coefficients only; a sum
+  // appends (and is undone when an allocation is refused), or takes over
+  // the nodes of a consumed temporary term.
+  QelLinearParts* p = InPlaceParts(self, intHandle, selfFactor, t, factor, c);
+  if (p != nullptr && (selfFactor == 1 || t == nullptr)) {
+    QelLinearParts* from = t != nullptr && tConsumed && t != self && t->isTemporary()
+                               ? const_cast<QelLinearParts*>(PartsOf(t))
+                               : nullptr;
+    if (from != nullptr) {
+      SpliceParts(*p, *from, factor);
+    } else if (t != nullptr) {
+      QelEnvI* env = self->getEnv();
+      PartsMark mark(*p);
+      try {
+        PartsAppender(env, *p).scaled(t, factor);
+      } catch (...) {
+        mark.undo(env, *p);
+        throw;
+      }
+    }
+    if (selfFactor != 1) ScaleParts(*p, selfFactor);
+    p->constant += c;
+    return self;
+  }
+  QelEnvI* env = (self != nullptr ? self : t)->getEnv();
+  auto fill = [&](PartsAppender& out) {
+    if (self != nullptr && selfFactor != 0) out.scaled(self, selfFactor);
+    if (t != nullptr) out.scaled(t, factor);
+    out.constant(c);
+  };
+  QelNumExprI* fresh = intHandle ? static_cast<QelNumExprI*>(MakeTerm<QelIntLinTermI>(env, fill))
+                                 : static_cast<QelNumExprI*>(MakeTerm<QelNumLinTermI>(env, fill));
+  return fresh;
+}
+
+QelNumExprI* Checked(QelNumExprI* t) {
+  if (t == nullptr) throw QelEmptyHandleException();
+  return t;
+}
+
+}  // namespace
+
+QelNumExpr& QelNumExpr::operator=(QelNumExpr&& other) noexcept {
+  QelExtractableI* old = _impl;
+  _impl = other._impl;
+  other._impl = nullptr;
+  if (old != nullptr && old != _impl && BuiltFrom(_impl, old)) {
+    lastBuild = LastBuild();
+    try {
+      GiveBack(static_cast<QelNumExprI*>(old));
+    } catch (...) {  // NOLINT(bugprone-empty-catch)
+      // Memory that cannot be given back from here (another thread,
+      // allocation switched off) stays with the environment until it ends.
+    }
+  }
+  return *this;
+}
+
+// The compound assignments of one family: Expr is the handle, Scalar the
+// type of its constants, IsInt whether its linear terms are integral.
+#define QEL_COMPOUND_ASSIGNMENTS(Expr, Scalar, IsInt)                                              \
+  Expr& Expr::operator+=(const Expr& t) {                                                          \
+    _impl = Replace(getImpl(), Accumulate(getImpl(), IsInt, 1, Checked(t.getImpl()), 1, 0));       \
+    return *this;                                                                                  \
+  }                                                                                                \
+  Expr& Expr::operator+=(Expr&& t) {                                                               \
+    _impl = Replace(getImpl(), Accumulate(getImpl(), IsInt, 1, Checked(t.getImpl()), 1, 0, true)); \
+    if (t.getImpl() != getImpl()) Discard(t.getImpl());                                            \
+    return *this;                                                                                  \
+  }                                                                                                \
+  Expr& Expr::operator+=(Scalar c) {                                                               \
+    _impl = Replace(getImpl(),                                                                     \
+                    Accumulate(Checked(getImpl()), IsInt, 1, nullptr, 0, static_cast<double>(c))); \
+    return *this;                                                                                  \
+  }                                                                                                \
+  Expr& Expr::operator-=(const Expr& t) {                                                          \
+    _impl = Replace(getImpl(), Accumulate(getImpl(), IsInt, 1, Checked(t.getImpl()), -1, 0));      \
+    return *this;                                                                                  \
+  }                                                                                                \
+  Expr& Expr::operator-=(Expr&& t) {                                                               \
+    _impl =                                                                                        \
+        Replace(getImpl(), Accumulate(getImpl(), IsInt, 1, Checked(t.getImpl()), -1, 0, true));    \
+    if (t.getImpl() != getImpl()) Discard(t.getImpl());                                            \
+    return *this;                                                                                  \
+  }                                                                                                \
+  Expr& Expr::operator-=(Scalar c) {                                                               \
+    _impl = Replace(                                                                               \
+        getImpl(), Accumulate(Checked(getImpl()), IsInt, 1, nullptr, 0, -static_cast<double>(c))); \
+    return *this;                                                                                  \
+  }                                                                                                \
+  Expr& Expr::operator*=(Scalar c) {                                                               \
+    _impl = Replace(getImpl(),                                                                     \
+                    Accumulate(Checked(getImpl()), IsInt, static_cast<double>(c), nullptr, 0, 0)); \
+    return *this;                                                                                  \
+  }
+
+QEL_COMPOUND_ASSIGNMENTS(QelNumExpr, double, false)
+QEL_COMPOUND_ASSIGNMENTS(QelIntExpr, QelInt, true)
+#undef QEL_COMPOUND_ASSIGNMENTS
+
 // ===========================================================================
 // Operators
 // ===========================================================================
@@ -1003,55 +1356,136 @@ namespace {
 // fa * a, plus fb * b when b is given. Both families of operators share it.
 template <class Term, class Scalar>
 Term* LinearSum(QelNumExprI* a, Scalar fa, QelNumExprI* b, Scalar fb, Scalar c) {
-  return MakeTerm<Term>(a->getEnv(), [&](PartsAppender& out) {
+  Term* t = MakeTerm<Term>(a->getEnv(), [&](PartsAppender& out) {
     out.scaled(a, static_cast<double>(fa));
     if (b != nullptr) out.scaled(b, static_cast<double>(fb));
     out.constant(static_cast<double>(c));
   });
+  RecordBuild(t, a, b);
+  return t;
 }
 
 }  // namespace
 
 // The linear operators of one family: Expr is the handle, Scalar the type of
 // its constants, Term the linear term class the results are made of.
-#define QEL_LINEAR_OPERATORS(Expr, Scalar, Term)                                                  \
-  Expr operator+(const Expr& a, const Expr& b) {                                                  \
-    return LinearSum<Term, Scalar>(ImplOf(a), 1, ImplOf(b), 1, 0);                                \
-  }                                                                                               \
-  Expr operator+(const Expr& a, Scalar c) {                                                       \
-    return LinearSum<Term, Scalar>(ImplOf(a), 1, nullptr, 0, c);                                  \
-  }                                                                                               \
-  Expr operator+(Scalar c, const Expr& a) {                                                       \
-    return LinearSum<Term, Scalar>(ImplOf(a), 1, nullptr, 0, c);                                  \
-  }                                                                                               \
-  Expr operator-(const Expr& a, const Expr& b) {                                                  \
-    return LinearSum<Term, Scalar>(ImplOf(a), 1, ImplOf(b), -1, 0);                               \
-  }                                                                                               \
-  Expr operator-(const Expr& a, Scalar c) {                                                       \
-    return LinearSum<Term, Scalar>(ImplOf(a), 1, nullptr, 0, -c);                                 \
-  }                                                                                               \
-  Expr operator-(Scalar c, const Expr& a) {                                                       \
-    return LinearSum<Term, Scalar>(ImplOf(a), -1, nullptr, 0, c);                                 \
-  }                                                                                               \
-  Expr operator-(const Expr& a) { return LinearSum<Term, Scalar>(ImplOf(a), -1, nullptr, 0, 0); } \
-  Expr operator*(const Expr& a, Scalar c) {                                                       \
-    return LinearSum<Term, Scalar>(ImplOf(a), c, nullptr, 0, 0);                                  \
-  }                                                                                               \
-  Expr operator*(Scalar c, const Expr& a) {                                                       \
-    return LinearSum<Term, Scalar>(ImplOf(a), c, nullptr, 0, 0);                                  \
+#define QEL_LINEAR_OPERATORS(Expr, Scalar, Term)                                             \
+  Expr operator+(const Expr& a, const Expr& b) {                                             \
+    return Expr(LinearSum<Term, Scalar>(ImplOf(a), 1, ImplOf(b), 1, 0), QelTemporaryTag());  \
+  }                                                                                          \
+  Expr operator+(const Expr& a, Scalar c) {                                                  \
+    return Expr(LinearSum<Term, Scalar>(ImplOf(a), 1, nullptr, 0, c), QelTemporaryTag());    \
+  }                                                                                          \
+  Expr operator+(Scalar c, const Expr& a) {                                                  \
+    return Expr(LinearSum<Term, Scalar>(ImplOf(a), 1, nullptr, 0, c), QelTemporaryTag());    \
+  }                                                                                          \
+  Expr operator-(const Expr& a, const Expr& b) {                                             \
+    return Expr(LinearSum<Term, Scalar>(ImplOf(a), 1, ImplOf(b), -1, 0), QelTemporaryTag()); \
+  }                                                                                          \
+  Expr operator-(const Expr& a, Scalar c) {                                                  \
+    return Expr(LinearSum<Term, Scalar>(ImplOf(a), 1, nullptr, 0, -c), QelTemporaryTag());   \
+  }                                                                                          \
+  Expr operator-(Scalar c, const Expr& a) {                                                  \
+    return Expr(LinearSum<Term, Scalar>(ImplOf(a), -1, nullptr, 0, c), QelTemporaryTag());   \
+  }                                                                                          \
+  Expr operator-(const Expr& a) {                                                            \
+    return Expr(LinearSum<Term, Scalar>(ImplOf(a), -1, nullptr, 0, 0), QelTemporaryTag());   \
+  }                                                                                          \
+  Expr operator*(const Expr& a, Scalar c) {                                                  \
+    return Expr(LinearSum<Term, Scalar>(ImplOf(a), c, nullptr, 0, 0), QelTemporaryTag());    \
+  }                                                                                          \
+  Expr operator*(Scalar c, const Expr& a) {                                                  \
+    return Expr(LinearSum<Term, Scalar>(ImplOf(a), c, nullptr, 0, 0), QelTemporaryTag());    \
   }
 
 QEL_LINEAR_OPERATORS(QelNumExpr, double, QelNumLinTermI)
 QEL_LINEAR_OPERATORS(QelIntExpr, QelInt, QelIntLinTermI)
 #undef QEL_LINEAR_OPERATORS
 
+// ---- operators on temporaries ----------------------------------------------
+
+namespace {
+
+// a + factor * b + c where `a` is a temporary handle: in place when it
+// allows it (else a new term, and `a` goes back); `b`, when it is a
+// temporary handle too (`bTemp`), goes back once read.
+QelNumExprI* Consume(QelNumExprI* a, bool intFamily, double selfFactor, QelNumExprI* b, bool bTemp,
+                     double factor, double c) {
+  if (a == nullptr) throw QelEmptyHandleException();
+  QelNumExprI* result = Accumulate(a, intFamily, selfFactor, b, factor, c, bTemp);
+  if (result != a) Discard(a);
+  if (bTemp && b != result) Discard(b);
+  return result;
+}
+
+QelNumExprI* ImplOrNull(const QelNumExpr& e) { return ImplOf(e); }
+
+// The handle of the family on a result of Consume (an integer family's
+// result is always an integer expression).
+QelNumExpr Wrap(QelNumExprI* e, QelNumExpr*) { return QelNumExpr(e, QelTemporaryTag()); }
+QelIntExpr Wrap(QelNumExprI* e, QelIntExpr*) {
+  return QelIntExpr(static_cast<QelIntExprI*>(e), QelTemporaryTag());
+}
+
+}  // namespace
+
+#define QEL_TEMPORARY_OPERATORS(Expr, Scalar, IsInt)                                        \
+  Expr operator+(Expr&& a, const Expr& b) {                                                 \
+    return Wrap(Consume(a.getImpl(), IsInt, 1, ImplOrNull(b), false, 1, 0),                 \
+                static_cast<Expr*>(nullptr));                                               \
+  }                                                                                         \
+  Expr operator+(const Expr& a, Expr&& b) {                                                 \
+    Expr r = static_cast<const Expr&>(a) + static_cast<const Expr&>(b);                     \
+    if (b.getImpl() != r.getImpl()) Discard(b.getImpl());                                   \
+    return r;                                                                               \
+  }                                                                                         \
+  Expr operator+(Expr&& a, Expr&& b) {                                                      \
+    return Wrap(Consume(a.getImpl(), IsInt, 1, ImplOrNull(b), true, 1, 0),                  \
+                static_cast<Expr*>(nullptr));                                               \
+  }                                                                                         \
+  Expr operator-(Expr&& a, const Expr& b) {                                                 \
+    return Wrap(Consume(a.getImpl(), IsInt, 1, ImplOrNull(b), false, -1, 0),                \
+                static_cast<Expr*>(nullptr));                                               \
+  }                                                                                         \
+  Expr operator-(const Expr& a, Expr&& b) {                                                 \
+    Expr r = static_cast<const Expr&>(a) - static_cast<const Expr&>(b);                     \
+    if (b.getImpl() != r.getImpl()) Discard(b.getImpl());                                   \
+    return r;                                                                               \
+  }                                                                                         \
+  Expr operator-(Expr&& a, Expr&& b) {                                                      \
+    return Wrap(Consume(a.getImpl(), IsInt, 1, ImplOrNull(b), true, -1, 0),                 \
+                static_cast<Expr*>(nullptr));                                               \
+  }                                                                                         \
+  Expr operator+(Expr&& a, Scalar c) {                                                      \
+    return Wrap(Consume(a.getImpl(), IsInt, 1, nullptr, false, 0, static_cast<double>(c)),  \
+                static_cast<Expr*>(nullptr));                                               \
+  }                                                                                         \
+  Expr operator-(Expr&& a, Scalar c) {                                                      \
+    return Wrap(Consume(a.getImpl(), IsInt, 1, nullptr, false, 0, -static_cast<double>(c)), \
+                static_cast<Expr*>(nullptr));                                               \
+  }                                                                                         \
+  Expr operator*(Expr&& a, Scalar c) {                                                      \
+    return Wrap(Consume(a.getImpl(), IsInt, static_cast<double>(c), nullptr, false, 0, 0),  \
+                static_cast<Expr*>(nullptr));                                               \
+  }                                                                                         \
+  Expr operator*(Scalar c, Expr&& a) {                                                      \
+    return Wrap(Consume(a.getImpl(), IsInt, static_cast<double>(c), nullptr, false, 0, 0),  \
+                static_cast<Expr*>(nullptr));                                               \
+  }
+
+QEL_TEMPORARY_OPERATORS(QelNumExpr, double, false)
+QEL_TEMPORARY_OPERATORS(QelIntExpr, QelInt, true)
+#undef QEL_TEMPORARY_OPERATORS
+
 QelNumExpr operator*(const QelNumExpr& a, const QelNumExpr& b) {
   QelNumExprI* ai = ImplOf(a);
   QelNumExprI* bi = ImplOf(b);
   QelEnvI* env = ai->getEnv();
   if (ProductIsQuadratic(ai, bi))
-    return MakeTerm<QelNumLinTermI>(env, [ai, bi](PartsAppender& out) { out.product(ai, bi); });
-  return QelNewObject<QelNumProductI>(env, env, ai, bi);
+    return QelNumExpr(
+        MakeTerm<QelNumLinTermI>(env, [ai, bi](PartsAppender& out) { out.product(ai, bi); }),
+        QelTemporaryTag());
+  return QelNumExpr(QelNewObject<QelNumProductI>(env, env, ai, bi), QelTemporaryTag());
 }
 
 QelIntExpr operator*(const QelIntExpr& a, const QelIntExpr& b) {
@@ -1059,7 +1493,9 @@ QelIntExpr operator*(const QelIntExpr& a, const QelIntExpr& b) {
   QelNumExprI* bi = ImplOf(b);
   QelEnvI* env = ai->getEnv();
   if (ProductIsQuadratic(ai, bi))
-    return MakeTerm<QelIntLinTermI>(env, [ai, bi](PartsAppender& out) { out.product(ai, bi); });
+    return QelIntExpr(
+        MakeTerm<QelIntLinTermI>(env, [ai, bi](PartsAppender& out) { out.product(ai, bi); }),
+        QelTemporaryTag());
   // Beyond degree two: an integer term holding the product as its one
   // aggregate, so that the result stays an integer expression.
   QelIntLinTermI* t = QelNewObject<QelIntLinTermI>(env, env);
@@ -1075,7 +1511,7 @@ QelIntExpr operator*(const QelIntExpr& a, const QelIntExpr& b) {
     t->end();
     throw;
   }
-  return t;
+  return QelIntExpr(t, QelTemporaryTag());
 }
 
 // ===========================================================================
@@ -1132,6 +1568,27 @@ QelIntVarArray::QelIntVarArray(QelEnv env, long n, QelInt lb, QelInt ub)
     : QelIntExprArray(QelExtractableArray(NewVarArray(env, n, static_cast<double>(lb),
                                                       static_cast<double>(ub), QelVarType::Int))) {}
 
+QelBoolVarArray::QelBoolVarArray(QelEnv env, long n)
+    : QelIntVarArray(QelExtractableArray(NewVarArray(env, n, 0, 1, QelVarType::Bool))) {}
+
+namespace {
+
+long CountOf(long rows, long cols) {
+  if (rows < 0 || cols < 0) throw QelWrongUsage("QelVarArray2D: negative dimension");
+  return rows * cols;
+}
+
+}  // namespace
+
+QelNumVarArray2D::QelNumVarArray2D(QelEnv env, long rows, long cols, double lb, double ub)
+    : QelVarArray2D(QelNumVarArray(env, CountOf(rows, cols), lb, ub), rows, cols) {}
+
+QelIntVarArray2D::QelIntVarArray2D(QelEnv env, long rows, long cols, QelInt lb, QelInt ub)
+    : QelVarArray2D(QelIntVarArray(env, CountOf(rows, cols), lb, ub), rows, cols) {}
+
+QelBoolVarArray2D::QelBoolVarArray2D(QelEnv env, long rows, long cols)
+    : QelVarArray2D(QelBoolVarArray(env, CountOf(rows, cols)), rows, cols) {}
+
 QelIntExprArray QelIntVarArray::toIntExprArray() const {
   if (_impl == nullptr) return QelIntExprArray();
   return QelIntExprArray(QelExtractableArray(QelArrayI::MakeCopy(_impl->getAllocator(), _impl)));
@@ -1151,28 +1608,34 @@ QelEnvI* SumEnv(const QelNumExprArray& xs) {
 
 }  // namespace
 
-QelNumExpr QelSum(const QelNumExprArray& xs) {
-  QelEnvI* env = SumEnv(xs);
-  return MakeTerm<QelNumLinTermI>(env, [&xs](PartsAppender& out) {
+namespace {
+
+// The sum of the elements of `xs`, as a new linear term of class Term.
+template <class Term>
+Term* SumOf(const QelNumExprArray& xs) {
+  return MakeTerm<Term>(SumEnv(xs), [&xs](PartsAppender& out) {
     for (long i = 0; i < xs.getSize(); ++i)
       out.scaled(static_cast<QelNumExprI*>(xs.getElement(i)), 1.0);
   });
 }
 
+}  // namespace
+
+QelNumExpr QelSum(const QelNumExprArray& xs) {
+  return QelNumExpr(SumOf<QelNumLinTermI>(xs), QelTemporaryTag());
+}
+
 QelIntExpr QelSum(const QelIntExprArray& xs) {
-  QelEnvI* env = SumEnv(xs);
-  return MakeTerm<QelIntLinTermI>(env, [&xs](PartsAppender& out) {
-    for (long i = 0; i < xs.getSize(); ++i)
-      out.scaled(static_cast<QelNumExprI*>(xs.getElement(i)), 1.0);
-  });
+  return QelIntExpr(SumOf<QelIntLinTermI>(xs), QelTemporaryTag());
 }
 
 QelNumExpr QelScalProd(const QelNumExprArray& xs, const QelNumArray& coefs) {
   QelEnvI* env = SumEnv(xs);
   if (coefs.getSize() != xs.getSize())
     throw QelWrongUsage("QelScalProd: arrays of different sizes");
-  return MakeTerm<QelNumLinTermI>(env, [&xs, &coefs](PartsAppender& out) {
+  QelNumLinTermI* t = MakeTerm<QelNumLinTermI>(env, [&xs, &coefs](PartsAppender& out) {
     for (long i = 0; i < xs.getSize(); ++i)
       out.scaled(static_cast<QelNumExprI*>(xs.getElement(i)), coefs[i]);
   });
+  return QelNumExpr(t, QelTemporaryTag());
 }

@@ -15,18 +15,36 @@
 // something has used one and given its last use back, it is ended. Expression
 // handles own nothing.
 //
+// Temporaries: an expression built by an operator that nothing uses and no
+// second handle leads to (QelNumExprI::isTemporary; copying a handle or
+// putting the expression in an array shares it for good) may be changed or
+// given back by the operation that consumes it. `e += t`, `e -= t` and
+// `e *= c` extend e's linear term in place (else copy it: copy-on-write);
+// `x + y + z` extends the temporary x + y; a temporary right operand, like
+// `2 * x` in `e += 2 * x`, goes back once read; and `e = e + t` gives e's
+// former sum back. A sum built in a loop therefore keeps one expression, not
+// one per step. What only a plain QelExtractable handle or a model leads to
+// is not seen: keep a QelNumExpr copy of an expression you will still use.
+//
 //   QelEnv env;
 //   QelIntVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
 //   QelIntExpr e = 2 * x + y - 1;             // an integer linear term
 //   QelNumExpr q = x * y + 0.5;               // with a quadratic term
+//   QelNumExpr s(env, 0.0);
+//   for (long i = 0; i < v.getSize(); ++i) s += c[i] * v[i];  // in place
 //   QelAlgorithm alg(env);
 //   alg.setValue(x, 3); alg.setValue(y, 4);
 //   double v = alg.getValue(e);               // 9
 #ifndef QEL_KERNEL_EXPR_H
 #define QEL_KERNEL_EXPR_H
 
+#include <functional>
 #include <iosfwd>
+#include <utility>
 
+#include <cstdint>
+
+#include <qel/change/change.h>
 #include <qel/change/hooks.h>
 #include <qel/collections/extractablearray.h>
 #include <qel/extractable/extractable.h>
@@ -70,9 +88,21 @@ class QEL_API QelNumExprI : public QelExtractableI {
   void lockExpr() { ++_useCount; }
   /// Gives one use back without ending anything (see QelEnvI::release).
   void unlockExpr() { --_useCount; }
+  /// Whether more than one handle may lead to the expression: set when a
+  /// handle on it is copied or it is put in an expression array, never
+  /// cleared.
+  QelBool isShared() const { return _shared; }
+  /// Records that more than one handle may lead to the expression.
+  void markShared() { _shared = true; }
+  /// Whether the expression is a temporary that only one handle leads to:
+  /// use-counted, used by nothing, never shared and not ended. Compound
+  /// assignments extend such an expression in place, and an operator or
+  /// assignment done with it gives it back to the environment.
+  QelBool isTemporary() const;
 
  private:
-  QelInt _useCount = 0;
+  std::int32_t _useCount = 0;
+  QelBool _shared = false;
 };
 
 /// Base of the integer expressions.
@@ -121,10 +151,15 @@ class QEL_API QelNumVarI : public QelIntExprI {
   double getLB() const { return _lb; }
   /// The upper bound.
   double getUB() const { return _ub; }
-  /// Sets the lower bound.
+  /// Sets the lower bound without notice (engines compare bounds before
+  /// each solve); QelNumVar::setLB notifies.
   void setLB(double lb) { _lb = lb; }
-  /// Sets the upper bound.
+  /// Sets the upper bound without notice; QelNumVar::setUB notifies.
   void setUB(double ub) { _ub = ub; }
+  /// Sets both bounds, then notifies QelSetNumVarBounds. Throws
+  /// QelWrongUsage, naming the variable, when lb > ub or a bound is NaN,
+  /// and then changes nothing.
+  void setBounds(double lb, double ub);
   /// The type.
   QelVarType getType() const { return _type; }
 
@@ -132,6 +167,29 @@ class QEL_API QelNumVarI : public QelIntExprI {
   double _lb;
   double _ub;
   QelVarType _type;
+};
+
+/// The bounds of a variable were changed through QelNumVar::setLB, setUB
+/// or setBounds (the variable already holds the new bounds).
+class QEL_API QelSetNumVarBounds : public QelChange {
+  QEL_CHANGE_DECL(QelSetNumVarBounds, QelChange)
+
+ public:
+  /// For the variable `x`.
+  explicit QelSetNumVarBounds(QelNumVarI* x) : _x(x) {}
+  /// Nothing: no sub-object comes or goes.
+  void visitChange(QelEnvI*, QelExtractableI*, QelChangeVisitor*) const override;
+  /// The variable.
+  QelExtractableI* getChangedExtractable() const override;
+  /// The variable.
+  QelNumVarI* getVar() const { return _x; }
+  /// Its new lower bound.
+  double getLB() const;
+  /// Its new upper bound.
+  double getUB() const;
+
+ private:
+  QelNumVarI* _x;
 };
 
 /// One linear term of a linear expression: coef * var, in environment
@@ -326,6 +384,12 @@ class QEL_API QelNumProductI : public QelNumExprI {
   QelNumExprI* _right;
 };
 
+/// Throws QelWrongUsage "<what>: <name> cannot take the bounds [lb, ub]"
+/// when [lb, ub] is no interval (lb > ub, or a bound is NaN); `name`
+/// writes the object concerned.
+QEL_API void QelRequireBounds(double lb, double ub, const char* what,
+                              const std::function<void(std::ostream&)>& name);
+
 /// Throws QelWrongUsage "QelTestIsLinear: expression is not linear" when
 /// `e` is not linear.
 QEL_API void QelTestIsLinear(QelNumExprI* e);
@@ -334,14 +398,58 @@ QEL_API void QelTestIsLinear(QelNumExprI* e);
 // Handles
 // ===========================================================================
 
+/// Marks the handle made by an operator on the expression it just built:
+/// the one handle leading to it.
+struct QelTemporaryTag {};
+
 /// Handle on a numeric expression.
 class QEL_API QelNumExpr : public QelHandle<QelNumExprI, QelExtractable> {
  public:
-  using QelHandle<QelNumExprI, QelExtractable>::QelHandle;
+  /// A handle on `impl`. Another handle may lead to it already: the
+  /// expression is shared from then on (never changed in place).
+  QelNumExpr(QelNumExprI* impl) : QelHandle(impl) { MarkShared(impl); }
+  /// The one handle on `impl`, an expression an operator just built (it
+  /// stays a temporary; see QelNumExprI::isTemporary).
+  QelNumExpr(QelNumExprI* impl, QelTemporaryTag) : QelHandle(impl) {}
   /// An empty handle.
   QelNumExpr() = default;
   /// The constant `value` as an expression of `env`.
   QelNumExpr(QelEnv env, double value);
+  /// Another handle on the expression of `other` (which is then shared).
+  QelNumExpr(const QelNumExpr& other) : QelHandle(other.getImpl()) { MarkShared(_impl); }
+  /// Takes the expression of `other`, which becomes empty.
+  QelNumExpr(QelNumExpr&& other) noexcept : QelHandle(other.getImpl()) { other._impl = nullptr; }
+  /// Leads to the expression of `other` (which is then shared).
+  QelNumExpr& operator=(const QelNumExpr& other) {
+    MarkShared(other._impl);
+    _impl = other._impl;
+    return *this;
+  }
+  /// Takes the expression of `other`, which becomes empty. When that
+  /// expression was built by an operator from this handle's former one
+  /// (`e = e + t`) and the former one is a temporary (see
+  /// QelNumExprI::isTemporary), the former one goes back to the environment.
+  QelNumExpr& operator=(QelNumExpr&& other) noexcept;
+  /// Handles own nothing: the expression stays.
+  ~QelNumExpr() = default;
+
+  /// Adds `t`: in place when this handle's expression is a temporary linear
+  /// term of the right kind, else into a new linear term this handle then
+  /// leads to (copy-on-write: what holds the former expression keeps it
+  /// unchanged). An empty handle starts from 0 in the environment of `t`.
+  QelNumExpr& operator+=(const QelNumExpr& t);
+  /// Adds the temporary `t`, then gives it back when nothing else has it.
+  QelNumExpr& operator+=(QelNumExpr&& t);
+  /// Adds the constant `c` (an empty handle throws QelEmptyHandleException).
+  QelNumExpr& operator+=(double c);
+  /// Subtracts `t` (as += does).
+  QelNumExpr& operator-=(const QelNumExpr& t);
+  /// Subtracts the temporary `t`, then gives it back.
+  QelNumExpr& operator-=(QelNumExpr&& t);
+  /// Subtracts the constant `c`.
+  QelNumExpr& operator-=(double c);
+  /// Multiplies by `c` (as += does).
+  QelNumExpr& operator*=(double c);
 
   /// Iterates over the linear terms of a linear expression.
   class QEL_API LinearIterator {
@@ -396,6 +504,12 @@ class QEL_API QelNumExpr : public QelHandle<QelNumExprI, QelExtractable> {
   QuadIterator getQuadIterator() const;
   /// The constant part.
   double getConstant() const;
+
+ protected:
+  /// Records that a second handle leads to `impl` (null: nothing).
+  static void MarkShared(QelExtractableI* impl) {
+    if (impl != nullptr) static_cast<QelNumExprI*>(impl)->markShared();
+  }
 };
 
 /// The expression handle of the kernel's general form.
@@ -408,10 +522,43 @@ class QEL_API QelIntExpr : public QelNumExpr {
   QelIntExpr() = default;
   /// A handle on `impl`.
   QelIntExpr(QelIntExprI* impl) : QelNumExpr(impl) {}
+  /// The one handle on `impl`, just built by an operator.
+  QelIntExpr(QelIntExprI* impl, QelTemporaryTag tag) : QelNumExpr(impl, tag) {}
   /// The integer constant `value` as an expression of `env`.
   QelIntExpr(QelEnv env, QelInt value);
   /// The implementation, or null.
   QelIntExprI* getImpl() const { return static_cast<QelIntExprI*>(_impl); }
+
+  /// Adds `t` (see QelNumExpr::operator+=; the result stays integral).
+  QelIntExpr& operator+=(const QelIntExpr& t);
+  /// Adds the temporary `t`, then gives it back.
+  QelIntExpr& operator+=(QelIntExpr&& t);
+  /// Adds the constant `c`.
+  QelIntExpr& operator+=(QelInt c);
+  /// Subtracts `t`.
+  QelIntExpr& operator-=(const QelIntExpr& t);
+  /// Subtracts the temporary `t`, then gives it back.
+  QelIntExpr& operator-=(QelIntExpr&& t);
+  /// Subtracts the constant `c`.
+  QelIntExpr& operator-=(QelInt c);
+  /// Multiplies by `c`.
+  QelIntExpr& operator*=(QelInt c);
+  /// Adds the constant `c`.
+  QelIntExpr& operator+=(int c) { return *this += QelInt(c); }
+  /// Subtracts the constant `c`.
+  QelIntExpr& operator-=(int c) { return *this -= QelInt(c); }
+  /// Multiplies by `c`.
+  QelIntExpr& operator*=(int c) { return *this *= QelInt(c); }
+  /// A fractional number would make the expression non-integral.
+  QelIntExpr& operator+=(double) = delete;
+  /// A fractional number would make the expression non-integral.
+  QelIntExpr& operator-=(double) = delete;
+  /// A fractional number would make the expression non-integral.
+  QelIntExpr& operator*=(double) = delete;
+  /// A numeric expression would make the expression non-integral.
+  QelIntExpr& operator+=(const QelNumExpr&) = delete;
+  /// A numeric expression would make the expression non-integral.
+  QelIntExpr& operator-=(const QelNumExpr&) = delete;
 };
 
 /// Handle on a numeric variable (float, integer or Boolean).
@@ -431,6 +578,15 @@ class QEL_API QelNumVar : public QelNumExpr {
   double getLB() const { return getImpl()->getLB(); }
   /// The upper bound.
   double getUB() const { return getImpl()->getUB(); }
+  /// Sets the lower bound and notifies QelSetNumVarBounds (see
+  /// QelNumVarI::setBounds for the failures).
+  void setLB(double lb) const;
+  /// Sets the upper bound and notifies QelSetNumVarBounds.
+  void setUB(double ub) const;
+  /// Sets both bounds and notifies QelSetNumVarBounds once.
+  void setBounds(double lb, double ub) const;
+  /// The variable's type.
+  QelVarType getType() const;
 };
 
 /// Handle on an integer variable.
@@ -450,6 +606,14 @@ class QEL_API QelIntVar : public QelIntExpr {
   QelInt getLB() const { return static_cast<QelInt>(getImpl()->getLB()); }
   /// The upper bound.
   QelInt getUB() const { return static_cast<QelInt>(getImpl()->getUB()); }
+  /// Sets the lower bound and notifies QelSetNumVarBounds.
+  void setLB(QelInt lb) const { QelNumVar(getImpl()).setLB(static_cast<double>(lb)); }
+  /// Sets the upper bound and notifies QelSetNumVarBounds.
+  void setUB(QelInt ub) const { QelNumVar(getImpl()).setUB(static_cast<double>(ub)); }
+  /// Sets both bounds and notifies QelSetNumVarBounds once.
+  void setBounds(QelInt lb, QelInt ub) const {
+    QelNumVar(getImpl()).setBounds(static_cast<double>(lb), static_cast<double>(ub));
+  }
 };
 
 /// Handle on a Boolean variable.
@@ -556,6 +720,71 @@ inline QelNumExpr operator*(double c, const QelIntExpr& a) {
   return c * static_cast<const QelNumExpr&>(a);
 }
 
+// ---- operators on temporaries -----------------------------------------------
+// An operand passed as a temporary handle (the result of another operator,
+// `x + y` in `x + y + z`) is consumed: a temporary left operand is extended
+// in place (QelNumExprI::isTemporary), a temporary right operand goes back
+// to the environment once read. Chains and loops then keep no intermediate
+// expressions.
+
+/// a + b, extending the temporary `a` in place.
+QEL_API QelNumExpr operator+(QelNumExpr&& a, const QelNumExpr& b);
+/// a + b, giving the temporary `b` back.
+QEL_API QelNumExpr operator+(const QelNumExpr& a, QelNumExpr&& b);
+/// a + b of two temporaries.
+QEL_API QelNumExpr operator+(QelNumExpr&& a, QelNumExpr&& b);
+/// a - b, extending the temporary `a` in place.
+QEL_API QelNumExpr operator-(QelNumExpr&& a, const QelNumExpr& b);
+/// a - b, giving the temporary `b` back.
+QEL_API QelNumExpr operator-(const QelNumExpr& a, QelNumExpr&& b);
+/// a - b of two temporaries.
+QEL_API QelNumExpr operator-(QelNumExpr&& a, QelNumExpr&& b);
+/// a + c, in place.
+QEL_API QelNumExpr operator+(QelNumExpr&& a, double c);
+/// a - c, in place.
+QEL_API QelNumExpr operator-(QelNumExpr&& a, double c);
+/// a * c, in place.
+QEL_API QelNumExpr operator*(QelNumExpr&& a, double c);
+/// c * a, in place.
+QEL_API QelNumExpr operator*(double c, QelNumExpr&& a);
+
+/// a + b, extending the temporary `a` in place.
+QEL_API QelIntExpr operator+(QelIntExpr&& a, const QelIntExpr& b);
+/// a + b, giving the temporary `b` back.
+QEL_API QelIntExpr operator+(const QelIntExpr& a, QelIntExpr&& b);
+/// a + b of two temporaries.
+QEL_API QelIntExpr operator+(QelIntExpr&& a, QelIntExpr&& b);
+/// a - b, extending the temporary `a` in place.
+QEL_API QelIntExpr operator-(QelIntExpr&& a, const QelIntExpr& b);
+/// a - b, giving the temporary `b` back.
+QEL_API QelIntExpr operator-(const QelIntExpr& a, QelIntExpr&& b);
+/// a - b of two temporaries.
+QEL_API QelIntExpr operator-(QelIntExpr&& a, QelIntExpr&& b);
+/// a + c, in place.
+QEL_API QelIntExpr operator+(QelIntExpr&& a, QelInt c);
+/// a - c, in place.
+QEL_API QelIntExpr operator-(QelIntExpr&& a, QelInt c);
+/// a * c, in place.
+QEL_API QelIntExpr operator*(QelIntExpr&& a, QelInt c);
+/// c * a, in place.
+QEL_API QelIntExpr operator*(QelInt c, QelIntExpr&& a);
+/// a + c, in place.
+inline QelIntExpr operator+(QelIntExpr&& a, int c) { return std::move(a) + QelInt(c); }
+/// a - c, in place.
+inline QelIntExpr operator-(QelIntExpr&& a, int c) { return std::move(a) - QelInt(c); }
+/// a * c, in place.
+inline QelIntExpr operator*(QelIntExpr&& a, int c) { return std::move(a) * QelInt(c); }
+/// c * a, in place.
+inline QelIntExpr operator*(int c, QelIntExpr&& a) { return QelInt(c) * std::move(a); }
+/// a + c: a numeric expression (in place when `a` allows it).
+inline QelNumExpr operator+(QelIntExpr&& a, double c) { return static_cast<QelNumExpr&&>(a) + c; }
+/// a - c: a numeric expression.
+inline QelNumExpr operator-(QelIntExpr&& a, double c) { return static_cast<QelNumExpr&&>(a) - c; }
+/// a * c: a numeric expression.
+inline QelNumExpr operator*(QelIntExpr&& a, double c) { return static_cast<QelNumExpr&&>(a) * c; }
+/// c * a: a numeric expression.
+inline QelNumExpr operator*(double c, QelIntExpr&& a) { return c * static_cast<QelNumExpr&&>(a); }
+
 // ===========================================================================
 // Expression and variable arrays
 // ===========================================================================
@@ -568,12 +797,30 @@ class QEL_API QelNumExprArray : public QelExtractableArray {
   QelNumExprArray() = default;
   /// A handle on the same array as `a`.
   QelNumExprArray(const QelExtractableArray& a) : QelExtractableArray(a.getImpl()) {}
-  /// Element i.
-  QelNumExpr operator[](long i) const {
-    return QelNumExpr(static_cast<QelNumExprI*>(getElement(i)));
+  /// Element i (a second handle on it: the expression is shared from then
+  /// on, so that compound assignments and operators never change it in
+  /// place).
+  QelNumExpr operator[](long i) const { return QelNumExpr(SharedElement(i)); }
+  using QelExtractableArray::add;
+  /// Appends `e`. The array keeps no use of it, but leads to it: the
+  /// expression is shared from then on (compound assignments on a handle
+  /// copy it instead of changing it in place).
+  void add(QelNumExpr e) const {
+    if (e.getImpl() != nullptr) e.getImpl()->markShared();
+    QelExtractableArray::add(e);
   }
   /// Takes one use of every element.
   void lockExprs() const;
+
+ protected:
+  /// Element i, marked shared (null stays null).
+  QelNumExprI* SharedElement(long i) const {
+    auto* e = static_cast<QelNumExprI*>(getElement(i));
+    if (e != nullptr) e->markShared();
+    return e;
+  }
+
+ public:
   /// Gives one use of every element back (QelEnvI::release).
   void releaseExprs() const;
 };
@@ -586,9 +833,9 @@ class QEL_API QelIntExprArray : public QelNumExprArray {
   QelIntExprArray() = default;
   /// A handle on the same array as `a`.
   QelIntExprArray(const QelExtractableArray& a) : QelNumExprArray(a.getImpl()) {}
-  /// Element i.
+  /// Element i (shared from then on, see QelNumExprArray::operator[]).
   QelIntExpr operator[](long i) const {
-    return QelIntExpr(static_cast<QelIntExprI*>(getElement(i)));
+    return QelIntExpr(static_cast<QelIntExprI*>(SharedElement(i)));
   }
 };
 
@@ -622,6 +869,110 @@ class QEL_API QelIntVarArray : public QelIntExprArray {
   operator QelNumVarArray() const { return QelNumVarArray(getImpl()); }
   /// A new integer expression array holding the same variables.
   QelIntExprArray toIntExprArray() const;
+};
+
+/// Array of Boolean variables.
+class QEL_API QelBoolVarArray : public QelIntVarArray {
+ public:
+  using QelIntVarArray::QelIntVarArray;
+  /// An empty handle.
+  QelBoolVarArray() = default;
+  /// A handle on the same array as `a`.
+  QelBoolVarArray(const QelExtractableArray& a) : QelIntVarArray(a.getImpl()) {}
+  /// `n` new Boolean variables of `env`.
+  QelBoolVarArray(QelEnv env, long n);
+  /// Element i.
+  QelBoolVar operator[](long i) const {
+    return QelBoolVar(static_cast<QelNumVarI*>(getElement(i)));
+  }
+};
+
+/// A two-dimensional array of variables: `rows` x `cols` variables kept
+/// row by row in one variable array (getArray), which constraints and sums
+/// take as it is. `VarArray` is QelNumVarArray, QelIntVarArray or
+/// QelBoolVarArray; `Var` the handle of its elements. Copying copies the
+/// handle; end() releases the array (not the variables).
+///
+///   QelIntVarArray2D assign(env, 3, 4, 0, 1);   // assign(i, j) in {0, 1}
+///   model.add(QelSum(assign.getRow(0)) == 1);   // getRow: a new array
+///   QelNumArray v = alg.getValues(assign.getArray());
+template <class VarArray, class Var>
+class QelVarArray2D {
+ public:
+  /// An empty handle.
+  QelVarArray2D() = default;
+  /// `rows` x `cols` variables taken from `flat` (row by row; its size
+  /// must be rows * cols, else QelWrongUsage).
+  QelVarArray2D(const VarArray& flat, long rows, long cols)
+      : _flat(flat), _rows(rows), _cols(cols) {
+    if (rows < 0 || cols < 0 || flat.getSize() != rows * cols)
+      throw QelWrongUsage("QelVarArray2D: the array does not hold rows * cols variables");
+  }
+  /// Number of rows.
+  long getRows() const { return _rows; }
+  /// Number of columns.
+  long getCols() const { return _cols; }
+  /// The variable of row i, column j (QelWrongUsage out of range).
+  Var operator()(long i, long j) const {
+    if (i < 0 || i >= _rows || j < 0 || j >= _cols)
+      throw QelWrongUsage("QelVarArray2D: index out of range");
+    return _flat[i * _cols + j];
+  }
+  /// Every variable, row by row (the array itself, not a copy).
+  const VarArray& getArray() const { return _flat; }
+  /// A new array of the variables of row i (the caller ends it).
+  VarArray getRow(long i) const { return slice(i * _cols, 1, _cols, i < 0 || i >= _rows); }
+  /// A new array of the variables of column j (the caller ends it).
+  VarArray getCol(long j) const { return slice(j, _cols, _rows, j < 0 || j >= _cols); }
+  /// Releases the array (the variables stay); the handle becomes empty.
+  void end() {
+    _flat.end();
+    _rows = _cols = 0;
+  }
+
+ protected:
+  /// The array of the variables.
+  VarArray _flat;
+
+ private:
+  VarArray slice(long first, long step, long count, bool outOfRange) const {
+    if (outOfRange) throw QelWrongUsage("QelVarArray2D: index out of range");
+    VarArray out(QelExtractableArray(QelArrayI::Make(_flat.getImpl()->getAllocator(), 0)));
+    for (long k = 0; k < count; ++k) out.add(QelExtractable(_flat.getElement(first + k * step)));
+    return out;
+  }
+  long _rows = 0;
+  long _cols = 0;
+};
+
+/// A two-dimensional array of float variables.
+class QEL_API QelNumVarArray2D : public QelVarArray2D<QelNumVarArray, QelNumVar> {
+ public:
+  using QelVarArray2D::QelVarArray2D;
+  /// An empty handle.
+  QelNumVarArray2D() = default;
+  /// `rows` x `cols` new float variables of `env` with bounds [lb, ub].
+  QelNumVarArray2D(QelEnv env, long rows, long cols, double lb, double ub);
+};
+
+/// A two-dimensional array of integer variables.
+class QEL_API QelIntVarArray2D : public QelVarArray2D<QelIntVarArray, QelIntVar> {
+ public:
+  using QelVarArray2D::QelVarArray2D;
+  /// An empty handle.
+  QelIntVarArray2D() = default;
+  /// `rows` x `cols` new integer variables of `env` with bounds [lb, ub].
+  QelIntVarArray2D(QelEnv env, long rows, long cols, QelInt lb, QelInt ub);
+};
+
+/// A two-dimensional array of Boolean variables.
+class QEL_API QelBoolVarArray2D : public QelVarArray2D<QelBoolVarArray, QelBoolVar> {
+ public:
+  using QelVarArray2D::QelVarArray2D;
+  /// An empty handle.
+  QelBoolVarArray2D() = default;
+  /// `rows` x `cols` new Boolean variables of `env`.
+  QelBoolVarArray2D(QelEnv env, long rows, long cols);
 };
 
 /// The sum of the elements of `xs`.

@@ -134,7 +134,11 @@ TEST(AlgorithmValues, MissingValueThrows) {
   QelAlgorithm alg(env);
   EXPECT_FALSE(alg.getImpl()->hasValue(x.getImpl()));
   EXPECT_EQ(MessageOf<QelWrongUsage>([&] { alg.getImpl()->getValue(x.getImpl()); }),
-            "QelAlgorithm: no value for this variable");
+            "QelAlgorithm: no value for this variable: x");
+  QelNumVar anonymous(env, 0, 1);
+  EXPECT_EQ(
+      MessageOf<QelWrongUsage>([&] { alg.getValue(2.0 * anonymous); }),
+      "QelAlgorithm: no value for this variable: QelNumVar" + std::to_string(anonymous.getId()));
   alg.setValue(x, 1);
   EXPECT_THROW(alg.getImpl()->getValue(y.getImpl()), QelWrongUsage);
   EXPECT_THROW(alg.getValue(x + y), QelWrongUsage);
@@ -445,5 +449,38 @@ TEST(AlgorithmExtract, AnEngineThatCannotExtractLeavesNothingRecorded) {
   x.end();
   y.end();
   EXPECT_EQ(env.getImpl()->getBytesInUse(), 0);
+  env.end();
+}
+
+TEST(AlgorithmValues, ValuesOfAWholeArrayInOneCall) {
+  QelEnv env;
+  QelIntVarArray xs(env, 5, 0, 10);
+  QelAlgorithm alg(env);
+  for (long i = 0; i < 5; ++i) alg.setValue(xs[i], static_cast<double>(i * i));
+  const QelInt baseline = env.getImpl()->getBytesInUse();
+  QelNumArray v = alg.getValues(xs);
+  ASSERT_EQ(v.getSize(), 5);
+  for (long i = 0; i < 5; ++i) EXPECT_EQ(v[i], static_cast<double>(i * i));
+  v.end();
+  EXPECT_EQ(env.getImpl()->getBytesInUse(), baseline);
+  // Expressions too, and a missing value leaves nothing behind.
+  QelNumExprArray es(QelExtractableArray(env, 0));
+  es.add(xs[1] + xs[2]);
+  es.add(2 * xs[4]);
+  QelNumArray ev = alg.getValues(es);
+  EXPECT_EQ(ev[0], 5);
+  EXPECT_EQ(ev[1], 32);
+  ev.end();
+  QelIntVar unset(env, 0, 1, "unset");
+  es.add(unset);
+  const QelInt before = env.getImpl()->getBytesInUse();
+  EXPECT_EQ(MessageOf<QelWrongUsage>([&] { alg.getValues(es); }),
+            "QelAlgorithm: no value for this variable: unset");
+  EXPECT_EQ(env.getImpl()->getBytesInUse(), before);
+  EXPECT_THROW(QelAlgorithm().getValues(xs), QelEmptyHandleException);
+  EXPECT_THROW(alg.getValues(QelNumExprArray()), QelEmptyHandleException);
+  es.end();
+  xs.end();
+  alg.end();
   env.end();
 }

@@ -10,6 +10,9 @@
 
 #include <qel/extractable/visitor.h>
 #include <qel/kernel/constraint.h>
+#include <qel/model/model.h>
+
+#include "support/qeltest.h"
 
 namespace {
 
@@ -132,13 +135,14 @@ TEST_F(ConstraintTest, RangeEvaluation) {
 
   const double inf = std::numeric_limits<double>::infinity();
   QelRange open(env, -inf, x * y, 0);
-  EXPECT_EQ(Show(open), "-inf <= x * y <= 0");
+  EXPECT_EQ(Show(open), "x * y <= 0");  // an infinite bound is not printed
   EXPECT_EQ(open.getImpl()->eval(alg), 1.0);
 
   QelRange none(env, 0, QelNumExpr(), 1);
   EXPECT_EQ(none.getImpl()->getExpr(), nullptr);
-  EXPECT_EQ(WrongUsageMessage([&] { none.getImpl()->eval(alg); }),
-            "QelRangeI::eval: the range has no expression");
+  EXPECT_EQ(
+      WrongUsageMessage([&] { none.getImpl()->eval(alg); }),
+      "QelRangeI::eval: the range QelRange" + std::to_string(none.getId()) + " has no expression");
   alg.end();
 }
 
@@ -481,3 +485,142 @@ TEST_F(ConstraintTest, EndingEverythingGivesTheMemoryBack) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// Relational operators, bounds and tolerance
+// ---------------------------------------------------------------------------
+
+TEST_F(ConstraintTest, RelationalOperatorsBuildRanges) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelRange le = x + y <= 8;
+  EXPECT_EQ(le.getLB(), -QelInfinity);
+  EXPECT_EQ(le.getUB(), 8);
+  EXPECT_EQ(Show(le), "x + y <= 8");
+  QelRange ge = 2.0 * x >= y;
+  EXPECT_EQ(ge.getLB(), 0);
+  EXPECT_EQ(ge.getUB(), QelInfinity);
+  EXPECT_EQ(Show(ge), "2 * x - y >= 0");
+  QelRange eq = x == 3;
+  EXPECT_EQ(Show(eq), "x == 3");
+  QelRange both = 1 <= x;
+  EXPECT_EQ(Show(both), "x >= 1");
+  QelRange rev = 4 >= y;
+  EXPECT_EQ(Show(rev), "y <= 4");
+  QelRange eq2 = 5.0 == x + y;
+  EXPECT_EQ(Show(eq2), "x + y == 5");
+  // The constant of a difference moves to the bound.
+  QelRange moved = x + 3.0 <= y - 1.0;
+  EXPECT_EQ(Show(moved), "x - y <= -4");
+  QelRange same = x - 2.0 == y;
+  EXPECT_EQ(Show(same), "x - y == 2");
+  QelIntVar i(env, 0, 5, "i"), j(env, 0, 5, "j");
+  QelRange ints = i + j <= 8;
+  EXPECT_EQ(Show(ints), "i + j <= 8");
+  QelRange zero = i - j == 0;
+  EXPECT_EQ(Show(zero), "i - j == 0");
+  QelRange full(env, -1, x, 1);
+  EXPECT_EQ(Show(full), "-1 <= x <= 1");
+  QelRange none(env, -QelInfinity, x, QelInfinity);
+  EXPECT_EQ(Show(none), "-1e+20 <= x <= 1e+20");
+  EXPECT_THROW(QelNumExpr() <= 1.0, QelEmptyHandleException);
+  EXPECT_THROW(x <= QelNumExpr(), QelEmptyHandleException);
+
+  QelAlgorithm alg(env);
+  alg.setValue(x, 5);
+  alg.setValue(y, 3);
+  EXPECT_EQ(le.eval(alg), 1.0);
+  EXPECT_EQ(ge.eval(alg), 1.0);
+  EXPECT_EQ(eq.eval(alg), 0.0);
+  EXPECT_EQ(moved.eval(alg), 0.0);  // 8 <= 2 fails
+  alg.setValue(y, 9);
+  EXPECT_EQ(moved.eval(alg), 1.0);  // 8 <= 8
+  EXPECT_EQ(le.eval(alg), 0.0);
+  alg.end();
+}
+
+TEST_F(ConstraintTest, ModelsTakeRelationalExpressions) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelModel m(env, "m");
+  m.add(x + y <= 8);
+  m.add(x - 2.0 * y >= -1);
+  std::ostringstream os;
+  m.getImpl()->display(os);
+  EXPECT_NE(os.str().find("x + y <= 8"), std::string::npos) << os.str();
+  EXPECT_NE(os.str().find("x - 2 * y >= -1"), std::string::npos) << os.str();
+}
+
+TEST_F(ConstraintTest, RangeBoundsAreSetThroughTheHandleWithANotice) {
+  QelNumVar x(env, 0, 10, "x");
+  QelRange r = x <= 8;
+  r.setName("cap");
+  qeltest::RecordingAlgorithmI* alg = qeltest::MakeRecorder(env);
+  alg->extract(r.getImpl());
+  r.setLB(1);
+  r.setUB(6);
+  r.setBounds(2, 5);
+  EXPECT_EQ(r.getLB(), 2);
+  EXPECT_EQ(r.getUB(), 5);
+  EXPECT_EQ(Show(r), "2 <= x <= 5");
+  EXPECT_EQ(alg->notices, std::vector<std::string>(3, "QelSetRangeBounds"));
+  EXPECT_EQ(alg->objects.back(), r.getImpl());
+  EXPECT_EQ(WrongUsageMessage([&] { r.setUB(1); }),
+            "QelRange::setBounds: the range cap cannot take the bounds [2, 1]");
+  EXPECT_EQ(r.getUB(), 5);
+  EXPECT_EQ(alg->notices.size(), 3u);
+  QelSetRangeBounds notice(r.getImpl());
+  EXPECT_EQ(notice.getChangedExtractable(), r.getImpl());
+  EXPECT_EQ(notice.getRange(), r.getImpl());
+  EXPECT_EQ(notice.getLB(), 2);
+  EXPECT_EQ(notice.getUB(), 5);
+  EXPECT_EQ(r.getExpr().getImpl(), x.getImpl());
+  EXPECT_THROW(QelRange().setLB(0), QelEmptyHandleException);
+  delete alg;
+}
+
+TEST_F(ConstraintTest, RangeEvaluationAllowsARelativeTolerance) {
+  QelNumVar x(env, -1e9, 1e9, "x");
+  QelRange small = x <= 1;
+  QelRange large = x >= 1e6;
+  QelAlgorithm alg(env);
+  alg.setValue(x, 1 + 5e-7);
+  EXPECT_EQ(small.eval(alg), 1.0);     // within 1e-6
+  EXPECT_EQ(small.eval(alg, 0), 0.0);  // exact comparison
+  alg.setValue(x, 1 + 2e-6);
+  EXPECT_EQ(small.eval(alg), 0.0);
+  alg.setValue(x, 1e6 - 0.5);
+  EXPECT_EQ(large.eval(alg), 1.0);  // 1e-6 of 1e6 is 1
+  alg.setValue(x, 1e6 - 2);
+  EXPECT_EQ(large.eval(alg), 0.0);
+  EXPECT_EQ(large.eval(alg, 1e-5), 1.0);
+  alg.setValue(x, std::nan(""));
+  EXPECT_EQ(small.eval(alg), 0.0);
+  alg.setValue(x, -1e300);
+  EXPECT_EQ(small.eval(alg), 1.0);  // no lower bound to check
+  alg.end();
+}
+
+TEST_F(ConstraintTest, RelationalOperatorsGiveTheirMemoryBack) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  const QelInt baseline = envI()->getBytesInUse();
+  const QelInt objects = envI()->getNumberOfExtractables();
+  {
+    QelRange r = x + 3.0 <= y;
+    QelRange s = x <= 4;
+    r.end();
+    s.end();
+  }
+  EXPECT_EQ(envI()->getNumberOfExtractables(), objects);
+  EXPECT_EQ(envI()->getBytesInUse(), baseline);
+}
+
+TEST_F(ConstraintTest, ZeroOnEitherSideIsANumber) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelRange a = x + y <= 0;
+  QelRange b = 0 <= x - y;
+  QelRange c = x - y == 0;
+  QelRange d = x >= 0;
+  EXPECT_EQ(Show(a), "x + y <= 0");
+  EXPECT_EQ(Show(b), "x - y >= 0");
+  EXPECT_EQ(Show(c), "x - y == 0");
+  EXPECT_EQ(Show(d), "x >= 0");
+}

@@ -11,6 +11,7 @@
 #include <qel/extractable/visitor.h>
 #include <qel/kernel/expr.h>
 
+#include "support/qeltest.h"
 #include "support/refusing.h"
 
 namespace {
@@ -228,7 +229,7 @@ TEST_F(ExprTest, OperatorsPrintTheExpectedTerms) {
   EXPECT_EQ(Show(x - 2.5 * y), "x - 2.5 * y");
   EXPECT_EQ(Show(x + 0.25 * y), "x + 0.25 * y");
   EXPECT_EQ(Show(x - y + x), "x - y + x");
-  EXPECT_EQ(Show(x * 0.0), "0 * x");
+  EXPECT_EQ(Show(x * 0.0), "0");  // a zero coefficient is not written
   EXPECT_EQ(Show(x + 0.0), "x");
 }
 
@@ -255,9 +256,10 @@ TEST_F(ExprTest, TermOperandsAreCopiedNotHeld) {
   EXPECT_EQ(Show(f), "2 * x + 2 * y + x");
   EXPECT_EQ(LinearOf(f), (LinTerms{{2.0, x.getImpl()}, {2.0, y.getImpl()}, {1.0, x.getImpl()}}));
   EXPECT_EQ(Uses(e), 0);
-  // x: once in e, once in e * 2, twice in f.
-  EXPECT_EQ(Uses(x), 4);
-  EXPECT_EQ(Uses(y), 3);
+  // x: once in e, twice in f (e * 2 was a temporary, extended in place
+  // into f).
+  EXPECT_EQ(Uses(x), 3);
+  EXPECT_EQ(Uses(y), 2);
 }
 
 TEST_F(ExprTest, IntegerOperatorsGiveIntegerTerms) {
@@ -880,8 +882,9 @@ TEST_F(ExprTest, EndingAVariableEndsTheTermsHoldingIt) {
   x.end();
   EXPECT_EQ(envI()->getExtractable(eId), nullptr);
   EXPECT_EQ(envI()->getExtractable(qId), q.getImpl());
-  // y is held twice by q and twice by the y * y it was made from.
-  EXPECT_EQ(Uses(y), 4);
+  // y is held twice by q (the y * y it was made from was a temporary,
+  // scaled in place).
+  EXPECT_EQ(Uses(y), 2);
   y.end();
   EXPECT_EQ(envI()->getExtractable(qId), nullptr);
 }
@@ -1208,4 +1211,332 @@ TEST(ExprRefusedMemory, ZeroOneNormalizationIsAllOrNothing) {
     return refused;
   });
   EXPECT_EQ(refusals, 2);
+}
+
+namespace {
+
+long CountLinear(const QelNumExpr& e) { return static_cast<long>(LinearOf(e).size()); }
+
+template <class F>
+std::string WrongUsageMessage(F f) {
+  try {
+    f();
+  } catch (const QelWrongUsage& e) {
+    return e.getMessage() != nullptr ? e.getMessage() : "";
+  }
+  return "(nothing thrown)";
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Printing
+// ---------------------------------------------------------------------------
+
+TEST_F(ExprTest, PrintingSkipsZeroCoefficientsAndSubtractsNegativeOnes) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y"), z(env, 0, 10, "z");
+  QelNumExpr e = x - 2.0 * y + 0.0 * z;
+  EXPECT_EQ(Show(e), "x - 2 * y");
+  QelNumExpr f = 0.0 * x - 2.0 * y;
+  EXPECT_EQ(Show(f), "-2 * y");
+  QelNumExpr g = 0.0 * x;
+  EXPECT_EQ(Show(g), "0");
+  QelNumExpr q = 0.0 * (x * y) + 3.0 * z - 1.0;
+  EXPECT_EQ(Show(q), "3 * z - 1");
+  EndAll(env);
+}
+
+// ---------------------------------------------------------------------------
+// Compound assignments and temporaries
+// ---------------------------------------------------------------------------
+
+TEST_F(ExprTest, PlusEqualsExtendsATemporaryInPlace) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y"), z(env, 0, 10, "z");
+  QelNumExpr e(env, 0.0);
+  QelNumExprI* first = e.getImpl();
+  e += 2.0 * x;
+  e += y;
+  e -= 3.0 * z;
+  e += 4.0;
+  e -= 1.0;
+  EXPECT_EQ(e.getImpl(), first);  // no copy was made
+  EXPECT_EQ(Show(e), "2 * x + y - 3 * z + 3");
+  e *= 2.0;
+  EXPECT_EQ(e.getImpl(), first);
+  EXPECT_EQ(Show(e), "4 * x + 2 * y - 6 * z + 6");
+  EXPECT_EQ(Uses(x), 1);  // one node holds x
+  EndAll(env);
+}
+
+TEST_F(ExprTest, PlusEqualsCopiesWhatSomethingHolds) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelNumExpr e = x + y;
+  QelRange r(env, 0, e, 8);  // the range uses e
+  QelNumExprI* held = e.getImpl();
+  e += 2.0 * x;
+  EXPECT_NE(e.getImpl(), held);
+  EXPECT_EQ(Show(r.getImpl()->getExpr()), "x + y");
+  EXPECT_EQ(Show(e), "x + y + 2 * x");
+  // The copy is a temporary of its own: the next addition stays in place.
+  QelNumExprI* copy = e.getImpl();
+  e += y;
+  EXPECT_EQ(e.getImpl(), copy);
+  EndAll(env);
+}
+
+TEST_F(ExprTest, PlusEqualsCopiesWhatAnotherHandleLeadsTo) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelNumExpr a = x + y;
+  QelNumExpr b = a;  // a copy of the handle: the expression is shared
+  b += x;
+  EXPECT_EQ(Show(a), "x + y");
+  EXPECT_EQ(Show(b), "x + y + x");
+  QelNumExprArray arr(QelExtractableArray(env, 0));
+  QelNumExpr c = 2.0 * y;
+  arr.add(c);  // an array leads to it too
+  c += 1.0;
+  EXPECT_EQ(Show(arr[0]), "2 * y");
+  EXPECT_EQ(Show(c), "2 * y + 1");
+  arr.end();
+  EndAll(env);
+}
+
+TEST_F(ExprTest, PlusEqualsOnAVariableOrAnEmptyHandleMakesATerm) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelNumExpr e = x;
+  e += y;
+  EXPECT_EQ(Show(e), "x + y");
+  EXPECT_EQ(Show(x), "x");
+  QelNumExpr sum;
+  sum += 3.0 * y;
+  EXPECT_EQ(Show(sum), "3 * y");
+  QelNumExpr none;
+  EXPECT_THROW(none += 1.0, QelEmptyHandleException);
+  EXPECT_THROW(none *= 2.0, QelEmptyHandleException);
+  EXPECT_THROW(sum += QelNumExpr(), QelEmptyHandleException);
+  EndAll(env);
+}
+
+TEST_F(ExprTest, IntegerCompoundAssignmentsStayIntegral) {
+  QelIntVar i(env, 0, 10, "i"), j(env, 0, 10, "j");
+  QelIntExpr e(env, 0);
+  QelNumExprI* first = e.getImpl();
+  e += 2 * i;
+  e -= j;
+  e += 5;
+  e *= 3;
+  EXPECT_EQ(e.getImpl(), first);
+  EXPECT_TRUE(e.getImpl()->isType(QelIntLinTermI::GetTypeInfo()));
+  EXPECT_EQ(Show(e), "6 * i - 3 * j + 15");
+  // A numeric handle on an integer term: an integral addition stays in
+  // place, a fractional one makes a numeric copy.
+  QelNumExpr n = i + j;
+  QelNumExprI* intTerm = n.getImpl();
+  n += 2.0 * i;
+  EXPECT_EQ(n.getImpl(), intTerm);
+  QelNumVar x(env, 0, 1, "x");
+  n += 0.5 * x;
+  EXPECT_NE(n.getImpl(), intTerm);
+  EXPECT_TRUE(n.getImpl()->isType(QelNumLinTermI::GetTypeInfo()));
+  EXPECT_EQ(Show(n), "i + j + 2 * i + 0.5 * x");
+  EndAll(env);
+}
+
+TEST_F(ExprTest, PlusEqualsGivesTheAddedTemporaryBack) {
+  QelNumVarArray v(env, 50, 0, 1);
+  const QelInt before = envI()->getNumberOfExtractables();
+  QelNumExpr e(env, 0.0);
+  for (long i = 0; i < v.getSize(); ++i) e += 2.0 * v[i];
+  // Only e itself was added: each 2 * v[i] went back once added.
+  EXPECT_EQ(envI()->getNumberOfExtractables(), before + 1);
+  QelAlgorithm alg(env);
+  for (long i = 0; i < v.getSize(); ++i) alg.setValue(v[i], 1);
+  EXPECT_EQ(alg.getValue(e), 100);
+  alg.end();
+  v.end();
+  EndAll(env);
+}
+
+TEST_F(ExprTest, ReassigningASumGivesTheFormerOneBack) {
+  QelNumVarArray v(env, 40, 0, 1);
+  const QelInt objects = envI()->getNumberOfExtractables();
+  QelNumExpr e(env, 0.0);
+  for (long i = 0; i < v.getSize(); ++i) e = e + v[i];
+  // The loop keeps one sum, not forty.
+  EXPECT_EQ(envI()->getNumberOfExtractables(), objects + 1);
+  EXPECT_EQ(CountLinear(e), 40);
+  v.end();
+  EndAll(env);
+}
+
+TEST_F(ExprTest, ReassigningKeepsWhatIsStillHeldOrShared) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelNumExpr e = x + y;
+  QelNumExpr keep = e;  // shared
+  e = e + x;
+  EXPECT_EQ(Show(keep), "x + y");
+  QelNumExpr held = x - y;
+  QelRange r(env, 0, held, 1);
+  held = held + y;
+  EXPECT_EQ(Show(r.getImpl()->getExpr()), "x - y");
+  // A reassignment from something not built on the former expression
+  // keeps it: another handle may have been taken from it.
+  QelNumExpr base = 2.0 * x;
+  QelNumExprI* former = base.getImpl();
+  base = 3.0 * y;
+  EXPECT_GE(former->getId(), 0);
+  EndAll(env);
+}
+
+TEST(ExprRefusedMemory, PlusEqualsIsAllOrNothing) {
+  long refusals = qeltest::ForEachRefusal([](QelEnv env, qeltest::RequestCounter& counter, long n) {
+    QelNumVar x(env, 0, 1, "x"), y(env, 0, 1, "y"), z(env, 0, 1, "z");
+    QelNumExpr e = x + 2.0 * y;
+    QelNumExpr t = x * y + 3.0 * z + x * (x * y);
+    std::string before = Show(e);
+    QelNumExprI* impl = e.getImpl();
+    const QelInt usesOfX = Uses(x);
+    counter.refuseAfter(n);
+    bool refused = false;
+    try {
+      e += t;
+    } catch (const QelMemoryException&) {
+      refused = true;
+    }
+    counter.stop();
+    if (refused) {
+      EXPECT_EQ(e.getImpl(), impl) << "request " << n;
+      EXPECT_EQ(Show(e), before) << "request " << n;
+      EXPECT_EQ(Uses(x), usesOfX) << "request " << n;
+    } else {
+      EXPECT_EQ(Show(e), "x + 2 * y + 3 * z + x * y + ((x) * (x * y))");
+    }
+    qeltest::EndAllObjects(env);
+    return refused;
+  });
+  EXPECT_GE(refusals, 3);
+}
+
+// ---------------------------------------------------------------------------
+// Bounds, Boolean and two-dimensional arrays
+// ---------------------------------------------------------------------------
+
+TEST_F(ExprTest, SettingBoundsThroughTheHandleNotifies) {
+  QelNumVar x(env, 0, 10, "x");
+  QelIntVar i(env, 0, 10, "i");
+  qeltest::RecordingAlgorithmI* alg = qeltest::MakeRecorder(env);
+  alg->extract(x.getImpl());
+  alg->extract(i.getImpl());
+  x.setLB(-1);
+  x.setUB(4.5);
+  x.setBounds(1, 2);
+  i.setBounds(3, 7);
+  EXPECT_EQ(x.getLB(), 1);
+  EXPECT_EQ(x.getUB(), 2);
+  EXPECT_EQ(i.getLB(), 3);
+  EXPECT_EQ(i.getUB(), 7);
+  EXPECT_EQ(alg->notices, std::vector<std::string>(4, "QelSetNumVarBounds"));
+  EXPECT_EQ(alg->objects.back(), i.getImpl());
+  // Refused bounds change nothing and send nothing; the message names the
+  // variable.
+  EXPECT_EQ(WrongUsageMessage([&] { x.setLB(3); }),
+            "QelNumVar::setBounds: x cannot take the bounds [3, 2]");
+  EXPECT_THROW(x.setBounds(std::nan(""), 1), QelWrongUsage);
+  QelNumVar anonymous(env, 0, 1);
+  EXPECT_EQ(WrongUsageMessage([&] { anonymous.setUB(-1); }), "QelNumVar::setBounds: QelNumVar" +
+                                                                 std::to_string(anonymous.getId()) +
+                                                                 " cannot take the bounds [0, -1]");
+  EXPECT_EQ(x.getLB(), 1);
+  EXPECT_EQ(alg->notices.size(), 4u);
+  QelSetNumVarBounds notice(x.getImpl());
+  EXPECT_EQ(notice.getChangedExtractable(), x.getImpl());
+  EXPECT_EQ(notice.getLB(), 1);
+  EXPECT_EQ(notice.getUB(), 2);
+  EXPECT_THROW(QelNumVar().setLB(0), QelEmptyHandleException);
+  delete alg;
+  EndAll(env);
+}
+
+TEST_F(ExprTest, BoolVarArrayHoldsBooleanVariables) {
+  QelBoolVarArray b(env, 4);
+  ASSERT_EQ(b.getSize(), 4);
+  for (long k = 0; k < 4; ++k) {
+    EXPECT_EQ(b[k].getImpl()->getType(), QelVarType::Bool);
+    EXPECT_EQ(b[k].getLB(), 0);
+    EXPECT_EQ(b[k].getUB(), 1);
+  }
+  QelIntExpr s = QelSum(b);
+  EXPECT_TRUE(s.getImpl()->isIntegral());
+  b.end();
+  EndAll(env);
+}
+
+TEST_F(ExprTest, TwoDimensionalArraysIndexRowsAndColumns) {
+  const QelInt baseline = envI()->getBytesInUse();
+  QelIntVarArray2D m(env, 2, 3, 0, 5);
+  EXPECT_EQ(m.getRows(), 2);
+  EXPECT_EQ(m.getCols(), 3);
+  EXPECT_EQ(m.getArray().getSize(), 6);
+  EXPECT_EQ(m(1, 2).getImpl(), m.getArray()[5].getImpl());
+  EXPECT_EQ(m(1, 0).getUB(), 5);
+  QelIntVarArray row = m.getRow(1);
+  QelIntVarArray col = m.getCol(2);
+  ASSERT_EQ(row.getSize(), 3);
+  ASSERT_EQ(col.getSize(), 2);
+  EXPECT_EQ(row[0].getImpl(), m(1, 0).getImpl());
+  EXPECT_EQ(col[0].getImpl(), m(0, 2).getImpl());
+  EXPECT_EQ(col[1].getImpl(), m(1, 2).getImpl());
+  EXPECT_THROW(m(2, 0), QelWrongUsage);
+  EXPECT_THROW(m.getRow(-1), QelWrongUsage);
+  EXPECT_THROW(m.getCol(3), QelWrongUsage);
+  QelNumVarArray2D f(env, 2, 2, 0.5, 1.5);
+  EXPECT_EQ(f(0, 1).getLB(), 0.5);
+  QelBoolVarArray2D b(env, 3, 1);
+  EXPECT_EQ(b(2, 0).getImpl()->getType(), QelVarType::Bool);
+  QelIntVarArray flat(env, 4, 0, 1);
+  EXPECT_THROW(QelIntVarArray2D(flat, 3, 2), QelWrongUsage);
+  QelIntVarArray2D wrapped(flat, 2, 2);
+  EXPECT_EQ(wrapped(1, 1).getImpl(), flat[3].getImpl());
+  EXPECT_THROW(QelIntVarArray2D(env, -1, 2, 0, 1), QelWrongUsage);
+  row.end();
+  col.end();
+  m.end();
+  f.end();
+  b.end();
+  wrapped.end();
+  EndAll(env);
+  EXPECT_EQ(envI()->getBytesInUse(), baseline);
+}
+
+TEST_F(ExprTest, ChainsKeepNoIntermediateExpressions) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y"), z(env, 0, 10, "z");
+  QelIntVar i(env, 0, 10, "i"), j(env, 0, 10, "j"), k(env, 0, 10, "k");
+  const QelInt objects = envI()->getNumberOfExtractables();
+  QelNumExpr a = x + y + z - 2.0 * x + 3.0;
+  EXPECT_EQ(Show(a), "x + y + z - 2 * x + 3");
+  QelIntExpr b = 2 * (i + j) - 3 * k + 1;
+  EXPECT_EQ(Show(b), "2 * i + 2 * j - 3 * k + 1");
+  QelNumExpr c = (i + j) * 0.5 + (x - 1.0) * 2.0;
+  EXPECT_EQ(Show(c), "0.5 * i + 0.5 * j + 2 * x - 2");
+  // One object per statement: every intermediate went back.
+  EXPECT_EQ(envI()->getNumberOfExtractables(), objects + 3);
+  EXPECT_TRUE(b.getImpl()->isType(QelIntLinTermI::GetTypeInfo()));
+  EndAll(env);
+}
+
+TEST_F(ExprTest, OperatorsNeverChangeANamedOrSharedOperand) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y");
+  QelNumExpr named = x + y;
+  QelNumExpr sum = named + x;  // named is no temporary handle
+  EXPECT_EQ(Show(named), "x + y");
+  EXPECT_EQ(Show(sum), "x + y + x");
+  // An element read from an array is shared: an operator copies it.
+  QelNumExprArray arr(QelExtractableArray(env, 0));
+  arr.getImpl()->addRaw(
+      reinterpret_cast<std::uintptr_t>(static_cast<QelExtractableI*>((2.0 * y).getImpl())));
+  QelNumExpr more = arr[0] + x;
+  EXPECT_EQ(Show(arr[0]), "2 * y");
+  EXPECT_EQ(Show(more), "2 * y + x");
+  arr.end();
+  EndAll(env);
 }

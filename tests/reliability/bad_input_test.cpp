@@ -272,7 +272,7 @@ REFUSED(AlgorithmUnextractOfNothing, QelEmptyHandleException, kEmpty,
         values.getImpl()->unextract(nullptr))
 REFUSED(AlgorithmSetValueOfEmptyVariable, QelEmptyHandleException, kEmpty,
         values.setValue(QelNumVar(), 1))
-REFUSED(AlgorithmValueNeverSet, QelWrongUsage, "QelAlgorithm: no value for this variable",
+REFUSED(AlgorithmValueNeverSet, QelWrongUsage, "QelAlgorithm: no value for this variable: y",
         (void)values.getValue(y))
 REFUSED(AlgorithmValueOfEmptyExpression, QelEmptyHandleException, kEmpty,
         (void)values.getValue(QelNumExpr()))
@@ -394,7 +394,7 @@ REFUSED(RangeLinearIteratorWithoutExpression, QelWrongUsage, "can not get an ite
 REFUSED(RangeQuadIteratorWithoutExpression, QelWrongUsage, "can not get an iterator",
         (void)bare.getQuadIterator())
 REFUSED(RangeEvaluationWithoutExpression, QelWrongUsage,
-        "QelRangeI::eval: the range has no expression", (void)bare.getImpl()->eval(values))
+        "QelRangeI::eval: the range bare has no expression", (void)bare.getImpl()->eval(values))
 REFUSED(NumberSetInEmptyEnvironment, QelEmptyHandleException, kEmptyEnv, QelNumSet s(none))
 REFUSED(SetVariableInEmptyEnvironment, QelEmptyHandleException, kEmptyEnv,
         QelIntSetVar s(none, weights))
