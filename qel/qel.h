@@ -20,6 +20,7 @@
 #include <qel/extractable/extractable.h>
 #include <qel/extractable/property.h>
 #include <qel/extractable/visitor.h>
+#include <qel/io/modelfile.h>
 #include <qel/kernel/algorithm.h>
 #include <qel/kernel/array.h>
 #include <qel/kernel/constraint.h>
@@ -33,7 +34,6 @@
 #include <qel/model/model.h>
 #include <qel/objective/multicriterion.h>
 #include <qel/objective/objective.h>
-#include <qel/io/modelfile.h>
 #include <qel/objective/objectivechange.h>
 
 #endif
