@@ -36,7 +36,7 @@ std::vector<EngineKind> Kinds() {
   kinds.push_back({"Gecode", &QelNewGecodeEngine, {"PiecewiseLinearCostWithSOS2"}});
 #endif
 #ifdef QEL_HAVE_CBC
-  kinds.push_back({"CBC", &QelNewCbcEngine, {}});
+  kinds.push_back({"CBC", [](QelEnv env) { return UnderSanitizer(QelNewCbcEngine(env)); }, {}});
 #endif
   return kinds;
 }

@@ -13,26 +13,8 @@ using namespace enginetest;
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__)
-#define QEL_TEST_UNDER_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define QEL_TEST_UNDER_ASAN 1
-#endif
-#endif
-
-// A CBC engine for the tests. Under AddressSanitizer every allocation of
-// CBC (which is not instrumented) goes through the sanitizer's allocator,
-// and the driver's root cut loop after preprocessing takes some 20 s on the
-// small pack reformulation below (0.4 s otherwise): the sanitizer build runs
-// with CBC's cuts off, through the same driver.
-QelEngineI* Make(QelEnv env) {
-  QelEngineI* e = QelNewCbcEngine(env);
-#ifdef QEL_TEST_UNDER_ASAN
-  e->setParam("cuts", "off");
-#endif
-  return e;
-}
+// A CBC engine for the tests (see UnderSanitizer).
+QelEngineI* Make(QelEnv env) { return UnderSanitizer(QelNewCbcEngine(env)); }
 
 struct CbcTest : ::testing::Test {
   void TearDown() override {
