@@ -421,6 +421,7 @@ class QEL_API QelNumExpr : public QelHandle<QelNumExprI, QelExtractable> {
   QelNumExpr(QelNumExpr&& other) noexcept : QelHandle(other.getImpl()) { other._impl = nullptr; }
   /// Leads to the expression of `other` (which is then shared).
   QelNumExpr& operator=(const QelNumExpr& other) {
+    if (this == &other) return *this;
     MarkShared(other._impl);
     _impl = other._impl;
     return *this;
@@ -805,7 +806,9 @@ class QEL_API QelNumExprArray : public QelExtractableArray {
   /// Appends `e`. The array keeps no use of it, but leads to it: the
   /// expression is shared from then on (compound assignments on a handle
   /// copy it instead of changing it in place).
-  void add(QelNumExpr e) const {
+  // By value: a reference would tie with add(QelExtractable) for a
+  // variable handle.
+  void add(QelNumExpr e) const {  // NOLINT(performance-unnecessary-value-param)
     if (e.getImpl() != nullptr) e.getImpl()->markShared();
     QelExtractableArray::add(e);
   }
