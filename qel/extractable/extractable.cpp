@@ -25,43 +25,42 @@ QelExtractableI::QelExtractableI(QelEnvI* env, const char* name)
 }
 
 QelExtractableI::~QelExtractableI() {
-  // The object stays registered: unregistering it is the business of end()
-  // and of operator delete. When the environment refuses the calling thread
-  // (another thread, allocation off) nothing of its memory is touched here:
-  // operator delete reports the refusal, and what the object held stays in
-  // the environment's memory until the environment ends.
-  if (!_env->acceptsCallingThread()) return;
+  // When the environment refuses the calling thread (another thread,
+  // allocation off) nothing of its memory is touched: the object only gives
+  // its slot up, operator delete reports the refusal, and what the object
+  // held stays in the environment's memory until the environment ends.
+  if (!_env->acceptsCallingThread()) {
+    _env->unregister(this);
+    return;
+  }
+  // Still registered: deleted directly, not through end(), or a derived
+  // constructor threw. Removed from everything here, while the base part is
+  // whole; a failing listener is reported once the object is released.
+  std::exception_ptr failure;
+  if (_id >= 0) {
+    try {
+      _env->removeFromAllAndDestroy(this, 1);
+    } catch (...) {
+      failure = std::current_exception();
+      _env->unregister(this);
+    }
+  }
   // A map without buckets holds no entry (an empty map gives its buckets
   // back): the destruction then allocates nothing.
   QelDecisionExprMap* map = _env->getDecisionExprMapOrNull();
   if (map != nullptr && map->hasBuckets()) map->remove(this);
   releaseExtension();
+  if (failure) std::rethrow_exception(failure);
 }
 
 void QelExtractableI::operator delete(void* p, size_t size) noexcept(false) {
-  // The destructors have run; the block still holds the environment and the
-  // id (no destructor writes them).
+  // The destructors have run; the block still holds the environment.
   QelEnvI* env = EnvOfBlock(p);
-  QelExtractableI* x = static_cast<QelExtractableI*>(p);
   if (!env->acceptsCallingThread()) {
-    // Refused: the object counts as ended (its slot is free, any holder
-    // drops it at its next sweep), its block stays with the environment.
-    // When a destructor already threw the refusal, it is the one reported.
-    env->unregister(x);
+    // Refused: the block stays with the environment. When a destructor
+    // already threw the refusal, it is the one reported.
     if (std::uncaught_exceptions() == 0) env->checkThread();
     return;
-  }
-  if (x->_id >= 0) {
-    // Deleted directly, not through end(): removed from everything now.
-    try {
-      env->removeFromAllAndDestroy(x, 1);
-    } catch (...) {
-      // A listener failed (the removal finished first), or the removal could
-      // not start: either way the block goes back and the slot is free.
-      env->unregister(x);
-      env->free(p, size);
-      throw;
-    }
   }
   env->free(p, size);
 }

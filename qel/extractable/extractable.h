@@ -39,17 +39,18 @@ class QEL_API QelExtractableI : public QelRttiEnvObjectI {
   /// Registers the object in `env` (giving it its id) and, when `name` is
   /// not null, names it without notice.
   QelExtractableI(QelEnvI* env, const char* name = nullptr);
-  /// Removes the decision-expression cache entry and releases the extension
-  /// record; sends no notice and leaves the object registered. The memory
-  /// goes back to the environment through operator delete.
+  /// An object still registered (deleted directly, or whose derived
+  /// constructor threw) is first removed from everything with flag 1; then
+  /// the decision-expression cache entry goes and the extension record is
+  /// released. The memory goes back to the environment through operator
+  /// delete.
   ~QelExtractableI() override;
   using QelRttiEnvObjectI::operator delete;
-  /// Gives the block of a deleted object back to its environment. An object
-  /// still registered (deleted directly, not through end()) is first removed
-  /// from everything with flag 1. On a thread other than the environment's
-  /// allocator thread, or with allocation disabled, throws
-  /// QelEnvAllocatorThreadMismatch or QelEnvAllocationDisabled: the object
-  /// is then unregistered and its block stays with the environment.
+  /// Gives the block of a deleted object back to its environment. On a
+  /// thread other than the environment's allocator thread, or with
+  /// allocation disabled, throws QelEnvAllocatorThreadMismatch or
+  /// QelEnvAllocationDisabled: the object has then been unregistered by its
+  /// destructor and its block stays with the environment.
   static void operator delete(void* p, size_t size) noexcept(false);
 
   // ---- virtual operations, in table order ----------------------------

@@ -528,10 +528,6 @@ T* QelNewObject(QelEnvI* env, Args&&... args) {
   try {
     return new (p) T(std::forward<Args>(args)...);
   } catch (...) {
-    // An extractable is registered by its base constructor, and its
-    // destructor leaves it registered: nothing can know it yet, so it only
-    // gives its slot back.
-    if constexpr (std::is_base_of<QelExtractableI, T>::value) env->unregister(static_cast<T*>(p));
     env->free(p, sizeof(T));
     throw;
   }
