@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -37,7 +38,11 @@ struct Outcome {
 
 // Runs qel-solve with `args`; standard output and error apart.
 Outcome Solve(const std::string& args) {
-  std::string errFile = ::testing::TempDir() + "qel_solve_err.txt";
+  // One file per process and call: CTest runs the cases of this program in
+  // parallel processes, which must not share it.
+  static int calls = 0;
+  std::string errFile = ::testing::TempDir() + "qel_solve_err_" + std::to_string(getpid()) + "_" +
+                        std::to_string(++calls) + ".txt";
   std::string command = std::string(QEL_SOLVE_PROGRAM) + " " + args + " 2> " + errFile;
   Outcome o;
   FILE* p = popen(command.c_str(), "r");

@@ -607,16 +607,17 @@ TEST_F(CbcTest, ExtractionIsLinearInTheModelsSize) {
   // Only extract() is timed: the engines are made and destroyed outside.
   auto extractInto = [this](const QelModel& m) {
     double best = 1e100;
-    for (int run = 0; run < 3; ++run) {
+    for (int run = 0; run < 5; ++run) {
       EnginePtr e(Make(env));
       best = std::min(best, BestSeconds(1, [&] { e->extract(m.getImpl()); }));
     }
     return best;
   };
-  // Timing on a shared machine is noisy: the pair is measured again (up to
-  // three times) before the ratio counts as a failure.
+  // Timing on a shared machine is noisy (CTest runs another test beside
+  // this one): the pair is measured again (up to five times) before the
+  // ratio counts as a failure.
   double tSmall = 0, tLarge = 0;
-  for (int attempt = 0; attempt < 3; ++attempt) {
+  for (int attempt = 0; attempt < 5; ++attempt) {
     tSmall = extractInto(small);
     tLarge = extractInto(large);
     if (tLarge <= 2.2 * tSmall) break;
