@@ -101,6 +101,38 @@ void LinkLinear(QelLinearParts& p, QelLinTermNode* node) {
   p.decision = node->var;
 }
 
+// Gives back a chain of term nodes from `n` on, with the uses they took
+// (each node is freed before its use goes, as a use may end the object).
+void FreeChain(QelEnvI* env, QelLinTermNode* n) {
+  while (n != nullptr) {
+    QelLinTermNode* next = n->next;
+    QelNumVarI* x = n->var;
+    FreeNode(env, n);
+    Drop(x);
+    n = next;
+  }
+}
+void FreeChain(QelEnvI* env, QelQuadTermNode* n) {
+  while (n != nullptr) {
+    QelQuadTermNode* next = n->next;
+    QelNumVarI* x = n->var1;
+    QelNumVarI* y = n->var2;
+    FreeNode(env, n);
+    Drop(x);
+    Drop(y);
+    n = next;
+  }
+}
+void FreeChain(QelEnvI* env, QelAggregateTermNode* n) {
+  while (n != nullptr) {
+    QelAggregateTermNode* next = n->next;
+    QelNumExprI* e = n->expr;
+    FreeNode(env, n);
+    Drop(e);
+    n = next;
+  }
+}
+
 // Gives back every node and every use held, and leaves empty parts (the
 // constant and the bookkeeping word are kept).
 void ClearParts(QelEnvI* env, QelLinearParts& p) {
@@ -111,29 +143,9 @@ void ClearParts(QelEnvI* env, QelLinearParts& p) {
   p.quadHead = nullptr;
   p.aggHead = nullptr;
   p.decision = nullptr;
-  while (lin != nullptr) {
-    QelLinTermNode* next = lin->next;
-    QelNumVarI* x = lin->var;
-    FreeNode(env, lin);
-    Drop(x);
-    lin = next;
-  }
-  while (quad != nullptr) {
-    QelQuadTermNode* next = quad->next;
-    QelNumVarI* x = quad->var1;
-    QelNumVarI* y = quad->var2;
-    FreeNode(env, quad);
-    Drop(x);
-    Drop(y);
-    quad = next;
-  }
-  while (agg != nullptr) {
-    QelAggregateTermNode* next = agg->next;
-    QelNumExprI* e = agg->expr;
-    FreeNode(env, agg);
-    Drop(e);
-    agg = next;
-  }
+  FreeChain(env, lin);
+  FreeChain(env, quad);
+  FreeChain(env, agg);
 }
 
 template <class Node>
@@ -1138,34 +1150,14 @@ class PartsMark {
     else
       p.head = nullptr;
     p.tail = _tail;
-    while (lin != nullptr) {
-      QelLinTermNode* next = lin->next;
-      QelNumVarI* x = lin->var;
-      FreeNode(env, lin);
-      Drop(x);
-      lin = next;
-    }
+    FreeChain(env, lin);
     QelQuadTermNode** quad = &p.quadHead;
     for (long k = 0; k < _quads; ++k) quad = &(*quad)->next;
-    for (QelQuadTermNode* n = *quad; n != nullptr;) {
-      QelQuadTermNode* next = n->next;
-      QelNumVarI* x = n->var1;
-      QelNumVarI* y = n->var2;
-      FreeNode(env, n);
-      Drop(x);
-      Drop(y);
-      n = next;
-    }
+    FreeChain(env, *quad);
     *quad = nullptr;
     QelAggregateTermNode** agg = &p.aggHead;
     for (long k = 0; k < _aggs; ++k) agg = &(*agg)->next;
-    for (QelAggregateTermNode* n = *agg; n != nullptr;) {
-      QelAggregateTermNode* next = n->next;
-      QelNumExprI* e = n->expr;
-      FreeNode(env, n);
-      Drop(e);
-      n = next;
-    }
+    FreeChain(env, *agg);
     *agg = nullptr;
     p.constant = _constant;
     p.decision = _decision;
