@@ -704,6 +704,12 @@ TEST_F(CbcTest, ASolveAfterTheObjectiveWasRemovedSaysSo) {
 }
 
 TEST_F(CbcLimitsTest, TwoThreadsAndASeedReachTheSameOptimum) {
+#ifdef QEL_TEST_UNDER_ASAN
+  // CBC 2.10's threaded branch-and-bound leaks node records inside libCbc
+  // (CbcNode::createInfo, CbcPartialNodeInfo: no frame of ours), which the
+  // leak checker reports; the other builds run this test.
+  GTEST_SKIP() << "CBC's threaded search leaks inside libCbc under the leak checker";
+#endif
   ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
   double best = mip->getObjValue();
   mip->setThreads(2);
