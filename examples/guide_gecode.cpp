@@ -7,8 +7,8 @@
 
 #include <qel/qel.h>
 #ifdef QEL_HAVE_GECODE
-#include <engines/gecode/gecode.h>
-#include <engines/gecode/tests/models.h>
+#include <qel/engines/gecode.h>
+#include "engines/support/models.h"
 #endif
 
 int main() {

@@ -21,13 +21,13 @@
 #include <qel/qel.h>
 
 #if defined(QEL_HAVE_GECODE) || defined(QEL_HAVE_CBC)
-#include <engines/common/engine.h>
+#include <qel/engines/engine.h>
 #endif
 #ifdef QEL_HAVE_GECODE
-#include <engines/gecode/gecode.h>
+#include <qel/engines/gecode.h>
 #endif
 #ifdef QEL_HAVE_CBC
-#include <engines/cbc/cbc.h>
+#include <qel/engines/cbc.h>
 #endif
 
 namespace {

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Runs clang-tidy, with the checks of .clang-tidy, over every library source
-# (qel/*/*.cpp) and the library headers they include. Fails on any warning.
+# (qel/*/*.cpp, the engines left out) and the library headers they include. Fails on any warning.
 #
 #   tools/run-clang-tidy.sh [build-dir]
 #
@@ -33,7 +33,7 @@ if [[ ! -f "$build/compile_commands.json" ]]; then
   exit 2
 fi
 
-mapfile -t sources < <(ls qel/*/*.cpp)
+mapfile -t sources < <(ls qel/*/*.cpp | grep -v "^qel/engines/")
 jobs=${JOBS:-$(nproc 2> /dev/null || echo 2)}
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT

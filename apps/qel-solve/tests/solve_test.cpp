@@ -19,13 +19,13 @@
 #include "support/qeltest.h"
 
 #if defined(QEL_HAVE_CBC) || defined(QEL_HAVE_GECODE)
-#include <engines/common/engine.h>
+#include <qel/engines/engine.h>
 #endif
 #ifdef QEL_HAVE_CBC
-#include <engines/cbc/cbc.h>
+#include <qel/engines/cbc.h>
 #endif
 #ifdef QEL_HAVE_GECODE
-#include <engines/gecode/gecode.h>
+#include <qel/engines/gecode.h>
 #endif
 
 namespace {

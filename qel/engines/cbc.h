@@ -1,0 +1,131 @@
+// The CBC engine: mixed-integer linear programming (CBC over CLP).
+//
+// What it takes (everything else gets a QelEngineError naming the object and
+// its class):
+//   - float, integer and Boolean variables (one column each, with its bounds
+//     and integrality);
+//   - linear expressions (linear terms, aggregates and products by
+//     constants); quadratic terms and products of variables are refused;
+//   - ranges lb <= expr <= ub (one row);
+//   - special ordered sets of type 1 and 2 with their weights (CBC's SOS
+//     branching objects; a variable without a weight gets the previous
+//     weight plus one);
+//   - one objective, minimized or maximized; a lexicographic objective is
+//     solved criterion by criterion, each optimum being kept (within 1e-6,
+//     relative) by a row while the next criteria are optimized;
+//   - through standard integer reformulations, over expressions with finite
+//     bounds (integer ones where the reformulation needs it):
+//       difference x != c, x != y  d = x - c (or x - y), integer terms: one
+//                                  binary b with d >= 1 when b = 1, d <= -1
+//                                  when b = 0 (big-M from the bounds of d);
+//       all-min-distance (k)       the same disjunction |xi - xj| >= k for
+//                                  every pair (any linear expressions);
+//       all-different              the assignment form: a binary y[i][v] per
+//                                  expression and value, sum_v y[i][v] = 1,
+//                                  x[i] = sum_v v y[i][v], sum_i y[i][v] <= 1;
+//       pack                       a binary per item and bin: every item in
+//                                  one bin, where[i] = sum_j j x[i][j],
+//                                  load[j] = sum_i weight[i] x[i][j]; a binary
+//                                  u[j] per used bin for the used count and
+//                                  the used set (u[j] = 0 for the bins the set
+//                                  may not contain, its cardinality variable
+//                                  equal to the sum of the u[j]).
+// Bounds of magnitude 1e20 or more count as infinite. Refused: quadratic
+// expressions, interval variables, set variables outside a pack, the Boolean
+// arrays of a pack, reformulations over unbounded expressions (or, for
+// differences and all-different, over fractional terms), special ordered
+// sets holding a variable twice or a variable with a negative lower bound.
+//
+// Following changes: the engine keeps its own form, not an LP: columns
+// (model variables and the reformulations' binaries) and rows, the rows in
+// one row-major pool of coefficients, each row and auxiliary column owned by
+// the member that made it. New members append their rows and columns,
+// removed members mark theirs dead (dead parts are compacted away once they
+// make half of the form), a changed member (an all-different or a set that
+// lost or gained a variable, a member changed without notice) has its rows
+// and columns replaced; objective sense, constant and coefficients are set in
+// place, variable bounds and types are updated in place (the members whose
+// reformulation read those bounds are re-extracted). Extraction is linear in
+// the model's size: a row of k terms costs O(k) (linear forms are merged once
+// through a hash, not term by term), and nothing is copied row by row into
+// CLP. Each solve loads the live form into CLP in one piece (one
+// CoinPackedMatrix, one loadProblem). Columns follow the order in which the
+// engine first meets the variables; add the variables to the model first to
+// fix that order.
+//
+// Solving: CBC's standard machinery, as its own driver runs it by default:
+// the engine calls the driver (CbcMain0, then CbcMain1 with "-solve"), which
+// preprocesses (CglPreProcess), generates cuts (probing, Gomory, knapsack
+// cover, clique, MIR, flow cover, two-MIR, zero-half), runs its heuristics
+// (feasibility pump, rounding, RINS, ...), branches with its strong branching
+// defaults and maps the solution back through preprocessing. The shared
+// settings become the driver's options: time limit "-sec" (wall-clock,
+// "-timeMode elapsed"), relative gap "-ratioGap", absolute gap
+// "-allowableGap", node limit "-maxNodes", solution limit "-maxSolutions",
+// threads "-threads", random seed "-randomCbcSeed" and "-randomSeed", log
+// level 2 "-log 1" (CBC then prints its own lines on standard output).
+// setParam passes any other option of the driver by its name, checked
+// against the driver's own table of options (name, keyword or range):
+//   mip.setParam("cuts", "off");  mip.setParam("preprocess", "sos");
+// An LP without integer variables or sets is solved by CLP alone. Models
+// with special ordered sets are solved without preprocessing: CBC 2.10's
+// CglPreProcess fails an internal check on them (numberProhibited_ against
+// the number of columns) and would abort the process. A lexicographic
+// objective is solved stage by stage, each stage a fresh driver run on the
+// LP of the solve plus one row per earlier criterion.
+//
+// The time limit bounds the whole solve() call: the time spent bringing the
+// form up to date is taken off the driver's budget, the initial LP gets a
+// wall-clock limit (95% of what remains: an LP that alone took 3 s of a 1 s
+// limit stopped the whole solve 7 s late), and the driver gets the rest as
+// "-sec". (Stopping the driver from its phase callback would also work, but
+// CBC 2.10 then leaks its copy of the solver.)
+// The progress callback and the log's progress lines are fed from CBC's
+// event handler (every node and every solution).
+//
+// Why the branch-and-bound through the engine was slower than the same
+// algorithm called directly: measured on the MIPLIB samples p0033, p0201 and
+// lseu (bare CbcModel::branchAndBound in both, Release), the engine took
+// 1.5x to 2.7x as long on p0033 (four runs) and the same time on the other
+// two. Neither
+// the LP built row by row (against one load: same time, measured) nor the
+// extra initial LP solve (same time) explained it. A profile did: 60% of the
+// time of the whole search went to the C library's allocator growing and
+// shrinking the heap (brk, sysmalloc, page faults), because CLP allocates
+// and frees its work arrays at every node and glibc gives the top of the
+// heap back to the system whenever more than its trim threshold is free.
+// How often that happens depends on where the heap's top lies, which the
+// modeling objects built before the solve shift. With the trim threshold
+// raised, the same runs took 0.09 s instead of 0.45 to 1.3 s, engine and
+// direct alike. So the engine raises glibc's trim threshold and top pad
+// (mallopt M_TRIM_THRESHOLD 256 MiB, M_TOP_PAD 16 MiB) for the duration of
+// each search and sets them back to glibc's initial values (128 KiB) after;
+// setParam("keepHeap", "off") leaves the allocator alone. Under CBC's full
+// driver (preprocessing and cuts solve these samples in far fewer nodes) the
+// difference between the two settings stayed within the noise of a loaded
+// machine (docs/performance.md, "Cost of the engine layer").
+#ifndef QEL_ENGINES_CBC_H
+#define QEL_ENGINES_CBC_H
+
+#include <qel/engines/engine.h>
+
+/// A new CBC engine attached to `env` (destroy it with delete or
+/// QelEngine::end before the environment ends).
+QelEngineI* QelNewCbcEngine(QelEnv env);
+
+/// Brings the form of the CBC engine `engine` up to date and loads it into
+/// CLP in one piece, as a solve does before the search, without solving;
+/// returns the number of nonzeros loaded (throws QelWrongUsage for another
+/// engine). For measuring and checking what extraction costs.
+long QelCbcLoad(QelEngineI* engine);
+
+/// Handle on a CBC engine.
+class QelCbc : public QelEngine {
+ public:
+  /// An empty handle.
+  QelCbc() = default;
+  /// A new CBC engine attached to `env`.
+  explicit QelCbc(QelEnv env) : QelEngine(QelNewCbcEngine(env)) {}
+};
+
+#endif

@@ -1,0 +1,1158 @@
+// The Gecode engine (see gecode.h for what it takes and how it follows
+// changes).
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <numeric>
+#include <random>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include <gecode/int.hh>
+#include <gecode/minimodel.hh>
+#include <gecode/search.hh>
+#include <gecode/set.hh>
+
+#include <qel/engines/gecode.h>
+#include <qel/engines/linear.h>
+
+namespace {
+
+// The space: every integer variable the engine made (the model's variables
+// and auxiliary ones), the set variables, and, in the copy that is searched,
+// the criteria of the objective.
+class ModelSpace : public Gecode::Space {
+ public:
+  ModelSpace() = default;
+  ModelSpace(ModelSpace& other) : Gecode::Space(other), sense(other.sense) {
+    vars.resize(other.vars.size());
+    for (size_t i = 0; i < vars.size(); ++i) vars[i].update(*this, other.vars[i]);
+    sets.resize(other.sets.size());
+    for (size_t i = 0; i < sets.size(); ++i) sets[i].update(*this, other.sets[i]);
+    costs.update(*this, other.costs);
+    items.resize(other.items.size());
+    for (size_t i = 0; i < items.size(); ++i) items[i].update(*this, other.items[i]);
+    bins = other.bins;
+    weights = other.weights;
+  }
+  Gecode::Space* copy() override { return new ModelSpace(*this); }
+  // Branch and bound: the next solution is lexicographically better on the
+  // criteria (one criterion: simply better).
+  void constrain(const Gecode::Space& best) override {
+    const auto& b = static_cast<const ModelSpace&>(best);
+    int n = costs.size();
+    if (n == 0) return;
+    Gecode::IntArgs values(n);
+    for (int i = 0; i < n; ++i) values[i] = b.costs[i].val();
+    Gecode::rel(*this, costs, sense > 0 ? Gecode::IRT_LE : Gecode::IRT_GR, values);
+  }
+
+  std::vector<Gecode::IntVar> vars;
+  std::vector<Gecode::SetVar> sets;
+  Gecode::IntVarArray costs;
+  int sense = 1;  // 1: minimize, -1: maximize
+  // The items of the packs whose bins are interchangeable, and the number
+  // of bins of each, for the search that skips equivalent empty bins.
+  std::vector<Gecode::IntVarArray> items;
+  std::vector<int> bins;
+  std::vector<std::vector<int>> weights;  // in the order of `items`
+};
+
+// The load each bin of pack `pack` holds from the items placed so far.
+std::vector<long> PlacedLoads(const ModelSpace& space, int pack) {
+  const Gecode::IntVarArray& items = space.items[static_cast<size_t>(pack)];
+  const std::vector<int>& weights = space.weights[static_cast<size_t>(pack)];
+  std::vector<long> load(static_cast<size_t>(space.bins[static_cast<size_t>(pack)]), 0);
+  for (int i = 0; i < items.size(); ++i)
+    if (items[i].assigned() && items[i].val() >= 0 &&
+        items[i].val() < static_cast<int>(load.size()))
+      load[static_cast<size_t>(items[i].val())] += weights[static_cast<size_t>(i)];
+  return load;
+}
+
+// Value of the pack search: of the bins the item may still go into, the
+// fullest (best fit), the lowest of equally full ones.
+int BestBin(const Gecode::Space& home, Gecode::IntVar x, int pack) {
+  std::vector<long> load = PlacedLoads(static_cast<const ModelSpace&>(home), pack);
+  int best = x.min();
+  long bestLoad = -1;
+  for (Gecode::IntVarValues v(x); v(); ++v) {
+    if (v.val() < 0 || v.val() >= static_cast<int>(load.size())) continue;
+    if (load[static_cast<size_t>(v.val())] > bestLoad) {
+      best = v.val();
+      bestLoad = load[static_cast<size_t>(v.val())];
+    }
+  }
+  return best;
+}
+
+// Commit of the pack search: place the item into bin `b`, or keep it out
+// of `b` and of every bin holding the same load so far (the bins being
+// interchangeable, those are the same choice for the items left).
+void CommitItem(Gecode::Space& home, unsigned int alternative, Gecode::IntVar x, int pack, int b) {
+  if (alternative == 0) {
+    Gecode::rel(home, x, Gecode::IRT_EQ, b);
+    return;
+  }
+  std::vector<long> load = PlacedLoads(static_cast<const ModelSpace&>(home), pack);
+  Gecode::rel(home, x, Gecode::IRT_NQ, b);
+  if (b < 0 || b >= static_cast<int>(load.size())) return;
+  for (size_t e = 0; e < load.size(); ++e)
+    if (load[e] == load[static_cast<size_t>(b)])
+      Gecode::rel(home, x, Gecode::IRT_NQ, static_cast<int>(e));
+}
+
+// An expression in Gecode form: expr + offset (the offset gathers the
+// constants, which need not be integral).
+struct GExpr {
+  Gecode::LinIntExpr expr;
+  double offset = 0;
+};
+
+bool FitsInt(double v) {
+  return std::isfinite(v) && v >= Gecode::Int::Limits::min && v <= Gecode::Int::Limits::max;
+}
+
+// The names of the choices a setting takes by name.
+template <class T>
+using Names = std::vector<std::pair<const char*, T>>;
+
+Names<QelGecodeVarSelect> VarSelectNames() {
+  return {{"auto", QelGecodeVarSelect::Automatic},
+          {"inorder", QelGecodeVarSelect::InOrder},
+          {"firstfail", QelGecodeVarSelect::SmallestDomain},
+          {"degree", QelGecodeVarSelect::LargestDegree},
+          {"domafc", QelGecodeVarSelect::DomainOverAfc},
+          {"random", QelGecodeVarSelect::Random}};
+}
+
+Names<QelGecodeValSelect> ValSelectNames() {
+  return {
+      {"auto", QelGecodeValSelect::Automatic},      {"min", QelGecodeValSelect::Smallest},
+      {"max", QelGecodeValSelect::Largest},         {"median", QelGecodeValSelect::Median},
+      {"splitmin", QelGecodeValSelect::SplitLower}, {"splitmax", QelGecodeValSelect::SplitUpper},
+      {"random", QelGecodeValSelect::Random}};
+}
+
+Names<QelGecodeRestart> RestartNames() {
+  return {{"none", QelGecodeRestart::None},
+          {"luby", QelGecodeRestart::Luby},
+          {"geometric", QelGecodeRestart::Geometric}};
+}
+
+// The model's variables the engine made, with the bounds they had: found
+// by the variable's id (dense in its environment) rather than hashed, since
+// extraction looks a variable up once per nonzero.
+class VarTable {
+ public:
+  struct Entry {
+    const QelNumVarI* var;
+    int index;         // among the root space's variables
+    Gecode::IntVar x;  // the variable in the root space
+    double lb;
+    double ub;
+    QelVarType type;
+  };
+  // The entry of `v`, or null.
+  Entry* find(const QelNumVarI* v) {
+    int at = position(v);
+    return at < 0 ? nullptr : &_entries[static_cast<size_t>(at)];
+  }
+  void insert(const Entry& e) {
+    auto at = static_cast<int>(_entries.size());
+    _entries.push_back(e);
+    QelInt id = e.var->getId();
+    if (id >= 0 && static_cast<size_t>(id) >= _slot.size())
+      _slot.resize(std::max(static_cast<size_t>(id) + 1, 2 * _slot.size()), -1);
+    if (id >= 0 && _slot[static_cast<size_t>(id)] < 0)
+      _slot[static_cast<size_t>(id)] = at;
+    else
+      _other[e.var] = at;  // a variable of another environment with the same id
+  }
+  bool erase(const QelNumVarI* v) {
+    int at = position(v);
+    if (at < 0) return false;
+    setPosition(v, -1);
+    auto last = static_cast<int>(_entries.size()) - 1;
+    if (at != last) {
+      _entries[static_cast<size_t>(at)] = _entries.back();
+      setPosition(_entries[static_cast<size_t>(at)].var, at);
+    }
+    _entries.pop_back();
+    return true;
+  }
+  void clear() {
+    _entries.clear();
+    _slot.clear();
+    _other.clear();
+  }
+  std::vector<Entry>& entries() { return _entries; }
+  const std::vector<Entry>& entries() const { return _entries; }
+
+ private:
+  int position(const QelNumVarI* v) const {
+    QelInt id = v->getId();
+    if (id >= 0 && static_cast<size_t>(id) < _slot.size()) {
+      int at = _slot[static_cast<size_t>(id)];
+      if (at >= 0 && _entries[static_cast<size_t>(at)].var == v) return at;
+    }
+    if (_other.empty()) return -1;
+    auto it = _other.find(v);
+    return it == _other.end() ? -1 : it->second;
+  }
+  // Records the position of `v` (-1: none) where position() finds it.
+  void setPosition(const QelNumVarI* v, int at) {
+    QelInt id = v->getId();
+    if (id >= 0 && static_cast<size_t>(id) < _slot.size() && _slot[static_cast<size_t>(id)] >= 0 &&
+        _entries[static_cast<size_t>(_slot[static_cast<size_t>(id)])].var == v) {
+      _slot[static_cast<size_t>(id)] = at;
+      return;
+    }
+    if (at < 0)
+      _other.erase(v);
+    else
+      _other[v] = at;
+  }
+
+  std::vector<Entry> _entries;
+  std::vector<int> _slot;                             // by id: position in _entries, or -1
+  std::unordered_map<const QelNumVarI*, int> _other;  // variables whose id slot is taken
+};
+
+// The variable `e` is, alone (x, or 1 * x + 0), or null.
+const QelNumVarI* SingleVar(const QelNumExprI* e) {
+  if (e == nullptr) return nullptr;
+  if (const auto* v = QelDynamicCast<const QelNumVarI>(e)) return v;
+  const QelLinearParts* parts = nullptr;
+  if (const auto* t = QelDynamicCast<const QelNumLinTermI>(e)) parts = &t->getParts();
+  if (const auto* t = QelDynamicCast<const QelIntLinTermI>(e)) parts = &t->getParts();
+  if (parts == nullptr || parts->constant != 0.0 || parts->quadHead != nullptr ||
+      parts->aggHead != nullptr || parts->head == nullptr || parts->head->next != nullptr ||
+      parts->head->coef != 1.0)
+    return nullptr;
+  return parts->head->var;
+}
+
+// The items of one pack, for the pack-aware search and its bound.
+struct PackItems {
+  const QelPackI* pack = nullptr;
+  std::vector<int> bins;     // the root variables holding each item's bin
+  std::vector<int> weights;  // each item's weight
+  int binCount = 0;          // the number of bins
+  bool sameBins = false;     // whether the bins are interchangeable (same load
+                             // bounds, every item free to go into any bin)
+};
+
+// Martello and Toth's lower bound L2 on the number of bins of capacity `c`
+// that the items of `w` need: for each threshold k <= c/2, the items above
+// c - k need a bin each, so do the items above c/2, and the items between k
+// and c/2 fill the room those leave plus further bins.
+}  // namespace
+
+long QelGecodeBinLowerBound(std::vector<int> w, long c) {
+  if (c <= 0 || w.empty()) return 0;
+  std::sort(w.begin(), w.end(), std::greater<int>());
+  long total = std::accumulate(w.begin(), w.end(), 0L);
+  long best = (total + c - 1) / c;
+  std::vector<long> thresholds{0};
+  for (int x : w)
+    if (2L * x <= c) thresholds.push_back(x);
+  for (long k : thresholds) {
+    long big = 0;        // items above c - k
+    long middle = 0;     // items above c/2, up to c - k
+    long middleSum = 0;  //   their weight
+    long smallSum = 0;   // weight of the items from k up to c/2
+    for (int x : w) {
+      if (x > c - k)
+        ++big;
+      else if (2L * x > c) {
+        ++middle;
+        middleSum += x;
+      } else if (x >= k)
+        smallSum += x;
+    }
+    long spill = smallSum - (middle * c - middleSum);
+    long bound = big + middle + (spill > 0 ? (spill + c - 1) / c : 0);
+    best = std::max(best, bound);
+  }
+  return best;
+}
+
+namespace {
+
+class GecodeEngine : public QelGecodeI {
+  QEL_RTTI_DECL(GecodeEngine, QelGecodeI)
+
+ public:
+  explicit GecodeEngine(QelEnvI* env) : QelGecodeI(env) { makeRoot(); }
+
+  using QelEngineI::applyNotice;
+  using QelEngineI::extractObject;
+  using QelEngineI::modifyObject;
+  using QelEngineI::unextractObject;
+
+  // ---- extraction handlers ------------------------------------------------
+  void* extractObject(const QelNumVarI* v) override {
+    varIndex(v, v);
+    return nullptr;
+  }
+  void* extractObject(const QelNumLinTermI* e) override { return looseExpr(e); }
+  void* extractObject(const QelIntLinTermI* e) override { return looseExpr(e); }
+  void* extractObject(const QelNumProductI* e) override { return looseExpr(e); }
+
+  void* extractObject(const QelRangeI* r) override {
+    if (r->getExpr() == nullptr) throw refuse(r, "the range has no expression");
+    if (postLinearRange(r)) return nullptr;
+    GExpr g = toExpr(*_root, r->getExpr(), r, true);
+    double lb = r->getLB() - g.offset;
+    double ub = r->getUB() - g.offset;
+    bool postLb = bound(r, lb, true);
+    bool postUb = bound(r, ub, false);
+    if (postLb) Gecode::rel(*_root, g.expr >= static_cast<int>(std::ceil(lb)));
+    if (postUb) Gecode::rel(*_root, g.expr <= static_cast<int>(std::floor(ub)));
+    return nullptr;
+  }
+
+  void* extractObject(const QelDiffI* d) override {
+    GExpr x = toExpr(*_root, d->getX(), d, true);
+    if (d->getY() == nullptr) {
+      double c = d->getConstant() - x.offset;
+      // An integer expression always differs from a non-integral value.
+      if (!QelIsIntegerValue(c)) return nullptr;
+      if (!FitsInt(c)) throw refuse(d, "the constant lies beyond Gecode's integer range");
+      Gecode::rel(*_root, x.expr != static_cast<int>(c));
+      return nullptr;
+    }
+    GExpr y = toExpr(*_root, d->getY(), d, true);
+    double c = y.offset - x.offset;
+    if (!QelIsIntegerValue(c)) return nullptr;
+    if (!FitsInt(c)) throw refuse(d, "the constants lie beyond Gecode's integer range");
+    Gecode::rel(*_root, x.expr - y.expr != static_cast<int>(c));
+    return nullptr;
+  }
+
+  void* extractObject(const QelAllDiffI* a) override {
+    // An expression held twice gets a copy: distinct then fails, as it
+    // should, instead of refusing the repeated variable.
+    Gecode::IntVarArgs xs = varArgs(a->getExprArray(), a, nullptr, true);
+    if (xs.size() > 1) Gecode::distinct(*_root, xs);
+    return nullptr;
+  }
+
+  void* extractObject(const QelAllMinDistanceI* a) override {
+    QelInt k = a->getK();
+    if (!FitsInt(static_cast<double>(k)))
+      throw refuse(a, "the distance lies beyond Gecode's integer range");
+    Gecode::IntVarArgs xs = varArgs(a->getExprArray(), a, nullptr, true);
+    if (k <= 0 || xs.size() < 2) return nullptr;
+    // Tasks of length k that do not overlap start at least k apart.
+    Gecode::IntArgs lengths(xs.size());
+    for (int i = 0; i < xs.size(); ++i) lengths[i] = static_cast<int>(k);
+    Gecode::unary(*_root, xs, lengths);
+    return nullptr;
+  }
+
+  void* extractObject(const QelPackI* p) override {
+    if (p->getBoolArrays().getSize() > 0)
+      throw refuse(p, "the Boolean arrays of a pack have no meaning for this engine");
+    QelIntArray weight = p->getWeight();
+    QelIntExprArray where = p->getWhere();
+    if (weight.getSize() != where.getSize()) throw refuse(p, "where and weight differ in size");
+    Gecode::IntArgs sizes(static_cast<int>(weight.getSize()));
+    for (long i = 0; i < weight.getSize(); ++i) {
+      if (weight[i] < 0 || !FitsInt(static_cast<double>(weight[i])))
+        throw refuse(p, "item sizes must be non-negative integers within Gecode's range");
+      sizes[static_cast<int>(i)] = static_cast<int>(weight[i]);
+    }
+    if (p->getUsedSet() != nullptr) {
+      QelIntArray possible = p->getUsedSet()->getPossible();
+      for (long i = 0; i < possible.getSize(); ++i)
+        if (!FitsInt(static_cast<double>(possible[i])))
+          throw refuse(p, "a possible value of the used set lies beyond Gecode's range");
+    }
+    // The bins are the indices of load: bin j of Gecode is load[j], and the
+    // bin numbers in where are these indices, so every item lands in one of
+    // the bins 0..m-1 (binpacking constrains where to them). Load and where
+    // variables must be distinct: shared ones get copies.
+    std::unordered_set<int> taken;
+    Gecode::IntVarArgs loads = varArgs(p->getLoad(), p, &taken, true);
+    PackItems items;
+    items.pack = p;
+    Gecode::IntVarArgs bins = varArgs(where, p, &taken, true, &items.bins);
+    Gecode::binpacking(*_root, loads, bins, sizes);
+    // The items need at least `needed` bins, however they are placed: a
+    // bound the used count and the used set's cardinality both get (the
+    // bin-packing propagator alone does not tell them).
+    int capacity = 0;
+    for (int j = 0; j < loads.size(); ++j) capacity = std::max(capacity, loads[j].max());
+    for (int i = 0; i < sizes.size(); ++i) items.weights.push_back(sizes[i]);
+    items.binCount = loads.size();
+    items.sameBins = true;
+    for (int j = 1; j < loads.size(); ++j)
+      items.sameBins =
+          items.sameBins && loads[j].min() == loads[0].min() && loads[j].max() == loads[0].max();
+    // ... and every item may go into any bin: each is a variable of its
+    // own whose domain holds every bin.
+    for (int i = 0; i < bins.size() && items.sameBins; ++i) {
+      const auto* v = QelDynamicCast<const QelNumVarI>(
+          static_cast<const QelNumExprI*>(where.getElement(static_cast<long>(i))));
+      const VarTable::Entry* e = v == nullptr ? nullptr : _vars.find(v);
+      items.sameBins = e != nullptr && e->index == items.bins[static_cast<size_t>(i)] &&
+                       bins[i].min() <= 0 && bins[i].max() >= loads.size() - 1 && bins[i].range();
+    }
+    long needed = QelGecodeBinLowerBound(items.weights, capacity);
+    if (p->getUsed() != nullptr) {
+      GExpr used = toExpr(*_root, p->getUsed(), p, true);
+      if (!QelIsIntegerValue(used.offset))
+        throw refuse(p, "the used count has a non-integral constant");
+      Gecode::IntVar count = Gecode::expr(*_root, used.expr + static_cast<int>(used.offset));
+      Gecode::nvalues(*_root, bins, Gecode::IRT_EQ, count);
+      if (bins.size() > 0) Gecode::rel(*_root, count, Gecode::IRT_GQ, static_cast<int>(needed));
+    }
+    _packs.push_back(std::move(items));
+    if (QelIntSetVarI* s = p->getUsedSet()) {
+      QelIntArray possible = s->getPossible();
+      Gecode::IntArgs values(static_cast<int>(possible.getSize()));
+      for (long i = 0; i < possible.getSize(); ++i)
+        values[static_cast<int>(i)] = static_cast<int>(possible[i]);
+      Gecode::IntSet lub(values);
+      Gecode::SetVar set(*_root, Gecode::IntSet::empty, lub, 0,
+                         static_cast<unsigned int>(lub.size()));
+      Gecode::rel(*_root, Gecode::SOT_UNION, bins, set);
+      if (s->getCardVar() != nullptr)
+        Gecode::cardinality(*_root, set, var(*_root, s->getCardVar(), true));
+      if (bins.size() > 0)
+        Gecode::cardinality(*_root, set, static_cast<unsigned int>(needed),
+                            Gecode::Set::Limits::card);
+      _setIndex[s] = static_cast<int>(_root->sets.size());
+      _root->sets.push_back(set);
+    }
+    return nullptr;
+  }
+
+  void* extractObject(const QelSOS1I* s) override {
+    throw refuse(s,
+                 "special ordered sets are not supported (they are a mixed-integer "
+                 "programming construct; use a MIP engine)");
+  }
+  void* extractObject(const QelSOS2I* s) override {
+    throw refuse(s,
+                 "special ordered sets are not supported (they are a mixed-integer "
+                 "programming construct; use a MIP engine)");
+  }
+  void* extractObject(const QelIntSetVarI* s) override {
+    throw refuse(s, "set variables are taken only as the used set of a pack");
+  }
+  void* extractObject(const QelIntervalVarI* s) override {
+    throw refuse(s, "interval variables are not supported");
+  }
+
+  // The objective is posted into the searched copy at each solve; here its
+  // criteria are checked and their variables made in the root.
+  void* objectiveActivated(const QelObjectiveI* obj, void*) override {
+    long n = obj->getNumCriteria();
+    for (long i = 0; i < n; ++i) toExpr(*_root, obj->getCriterion(i), obj, true);
+    return nullptr;
+  }
+
+ protected:
+  void resetForm() override { makeRoot(); }
+
+  void addToForm(QelExtractableI* m) override {
+    try {
+      extractThroughHook(m);
+    } catch (const Gecode::Exception& e) {
+      throw refuse(m, std::string("Gecode refused it: ") + e.what());
+    }
+  }
+
+  void removeFromForm(QelExtractableI* m) override {
+    // The objective lives in the searched copy only; a variable or an
+    // expression alone constrains nothing.
+    if (QelDynamicCast<QelObjectiveI>(m) != nullptr) return;
+    if (QelDynamicCast<QelNumExprI>(m) != nullptr) return;
+    markDirty(QelDescribe(m) + " was removed: Gecode cannot take a propagator out of a space");
+  }
+
+  void refreshInForm(QelExtractableI* m) override {
+    if (const auto* obj = QelDynamicCast<QelObjectiveI>(m)) {
+      objectiveActivated(obj, nullptr);
+      countIncremental();
+      return;
+    }
+    if (QelDynamicCast<QelNumExprI>(m) != nullptr) {
+      addToForm(m);  // its variables
+      countIncremental();
+      return;
+    }
+    markDirty(QelDescribe(m) + " changed: Gecode cannot take a propagator out of a space");
+  }
+
+  void forget(const QelExtractableI* x) override {
+    bool known = false;
+    if (const auto* v = QelDynamicCast<const QelNumVarI>(x)) {
+      known = _vars.erase(v);
+    }
+    if (const auto* s = QelDynamicCast<const QelIntSetVarI>(x))
+      known = _setIndex.erase(s) != 0 || known;
+    if (known && !isDirty()) markDirty(QelDescribe(x) + " was removed from the model's objects");
+  }
+
+  void syncVariables() override {
+    for (VarTable::Entry& b : _vars.entries()) {
+      const QelNumVarI* v = b.var;
+      if (v->getLB() == b.lb && v->getUB() == b.ub && v->getType() == b.type) continue;
+      countSilentChange();
+      if (v->getType() != b.type || v->getType() == QelVarType::Float) {
+        markDirty("the type of " + QelDescribe(v) + " changed");
+        return;
+      }
+      if (v->getLB() < b.lb || v->getUB() > b.ub) {
+        markDirty("the bounds of " + QelDescribe(v) + " were widened");
+        return;
+      }
+      // Tightened: posted in place.
+      int lo = 0;
+      int hi = 0;
+      if (!intBounds(v, lo, hi)) {
+        markDirty("the bounds of " + QelDescribe(v) + " left Gecode's range");
+        return;
+      }
+      Gecode::IntVar x = _root->vars[static_cast<size_t>(b.index)];
+      if (lo > hi)
+        _root->fail();
+      else
+        Gecode::dom(*_root, x, lo, hi);
+      b.lb = v->getLB();
+      b.ub = v->getUB();
+      countIncremental();
+    }
+  }
+
+  QelEngineStatus runSolve() override {
+    try {
+      return search();
+    } catch (const Gecode::Exception& e) {
+      throw QelEngineError(std::string("Gecode engine: the search failed: ") + e.what());
+    }
+  }
+
+  QelFormSize getFormSize() const override {
+    QelFormSize size;
+    if (!_root->failed())
+      for (Gecode::Propagators p(*_root, Gecode::PropagatorGroup::all); p(); ++p) ++size.rows;
+    size.columns = static_cast<long>(_root->vars.size());
+    size.integers = size.columns;
+    return size;
+  }
+
+ public:
+  std::vector<std::string> getEngineParamNames() const override {
+    return {"varSelect", "valSelect", "restart", "restartScale", "restartBase", "failLimit"};
+  }
+
+ protected:
+  bool setEngineParam(const std::string& name, const std::string& value) override {
+    if (name == "varSelect") {
+      _search.variable = Choice(name, value, VarSelectNames());
+    } else if (name == "valSelect") {
+      _search.value = Choice(name, value, ValSelectNames());
+    } else if (name == "restart") {
+      _search.restart = Choice(name, value, RestartNames());
+    } else if (name == "restartScale" || name == "failLimit") {
+      double v = paramNumber(name, value);
+      if (v < 0 || v != std::floor(v) || v > 1e15)
+        throw badParam(name, "\"" + value + "\" is not a whole number from 0 to 1e15");
+      if (name == "restartScale" && v < 1) throw badParam(name, "the scale must be at least 1");
+      (name == "failLimit" ? _search.failLimit : _search.restartScale) =
+          static_cast<unsigned long>(v);
+    } else if (name == "restartBase") {
+      double v = paramNumber(name, value);
+      if (!(v > 1 && v <= 100)) throw badParam(name, "the base must lie in (1, 100]");
+      _search.restartBase = v;
+    } else {
+      return false;
+    }
+    return true;
+  }
+
+ private:
+  void makeRoot() {
+    _root = std::make_unique<ModelSpace>();
+    _vars.clear();
+    _setIndex.clear();
+    _packs.clear();
+  }
+
+  // The choice named `value` among `names`, or the error listing them.
+  template <class T>
+  T Choice(const std::string& name, const std::string& value, const Names<T>& names) const {
+    std::string known;
+    for (const auto& n : names) {
+      if (value == n.first) return n.second;
+      known += (known.empty() ? "" : ", ") + std::string(n.first);
+    }
+    throw badParam(name, "\"" + value + "\" is not one of " + known);
+  }
+
+  // Integer bounds of `v` in Gecode's range (infinite bounds, from 1e20 on,
+  // become the range's ends); false when a finite bound lies beyond it.
+  static bool intBounds(const QelNumVarI* v, int& lo, int& hi) {
+    double lb = v->getLB();
+    double ub = v->getUB();
+    if (QelIsInfiniteBound(lb) && lb < 0) lb = Gecode::Int::Limits::min;
+    if (QelIsInfiniteBound(ub) && ub > 0) ub = Gecode::Int::Limits::max;
+    lb = std::ceil(lb);
+    ub = std::floor(ub);
+    if (!FitsInt(lb) || !FitsInt(ub)) return false;
+    lo = static_cast<int>(lb);
+    hi = static_cast<int>(ub);
+    return true;
+  }
+
+  // Whether the bound `b` (of the range `r`) is to be posted: infinite
+  // bounds (from 1e20 on) are not; finite ones must fit Gecode's range.
+  bool bound(const QelExtractableI* r, double b, bool lower) const {
+    if (std::isnan(b)) throw refuse(r, "a bound is not a number");
+    if (QelIsInfiniteBound(b)) {
+      // lb = +infinity or ub = -infinity: nothing satisfies the range.
+      if ((lower && b > 0) || (!lower && b < 0)) _root->fail();
+      return false;
+    }
+    double rounded = lower ? std::ceil(b) : std::floor(b);
+    if (!FitsInt(rounded))
+      throw refuse(r, "the bound " + std::to_string(b) + " lies beyond Gecode's integer range");
+    return true;
+  }
+
+  // The index of `v` among the root's variables, made (through the
+  // variable's hook) when it is new.
+  int varIndex(const QelNumVarI* v, const QelExtractableI* owner) {
+    if (const VarTable::Entry* e = _vars.find(v)) return e->index;
+    if (v->getType() == QelVarType::Float)
+      throw refuse(v,
+                   "float variables are not supported; the engine takes integer and "
+                   "Boolean variables");
+    int lo = 0;
+    int hi = 0;
+    if (!intBounds(v, lo, hi)) throw refuse(v, "its bounds lie beyond Gecode's integer range");
+    (void)owner;
+    int index = static_cast<int>(_root->vars.size());
+    if (lo > hi) {
+      _root->vars.emplace_back(*_root, lo, lo);
+      _root->fail();  // an empty domain: the model has no solution
+    } else {
+      _root->vars.emplace_back(*_root, lo, hi);
+    }
+    _vars.insert({v, index, _root->vars.back(), v->getLB(), v->getUB(), v->getType()});
+    return index;
+  }
+
+  // The variable's Gecode variable in `home`; in the root it is made
+  // through the variable's hook when new.
+  Gecode::IntVar var(ModelSpace& home, const QelNumVarI* v, bool create) {
+    const VarTable::Entry* e = _vars.find(v);
+    if (e == nullptr) {
+      if (!create || &home != _root.get())
+        throw QelEngineError("Gecode engine: " + QelDescribe(v) + " was not extracted", v);
+      extractThroughHook(v);
+      e = _vars.find(v);
+    }
+    return &home == _root.get() ? e->x : home.vars[static_cast<size_t>(e->index)];
+  }
+
+  static int IntCoef(GecodeEngine* self, const QelExtractableI* owner, double c) {
+    if (!QelIsIntegerValue(c) || !FitsInt(c))
+      throw self->refuse(owner, "the coefficient " + std::to_string(c) +
+                                    " is not an integer within Gecode's range");
+    return static_cast<int>(c);
+  }
+
+  GExpr toExpr(ModelSpace& home, const QelNumExprI* e, const QelExtractableI* owner, bool create) {
+    GExpr g;
+    if (e == nullptr) throw refuse(owner, "it holds an empty expression");
+    if (const auto* v = QelDynamicCast<const QelNumVarI>(e)) {
+      g.expr = Gecode::LinIntExpr(var(home, v, create));
+      return g;
+    }
+    const QelLinearParts* parts = nullptr;
+    if (const auto* t = QelDynamicCast<const QelNumLinTermI>(e)) parts = &t->getParts();
+    if (const auto* t = QelDynamicCast<const QelIntLinTermI>(e)) parts = &t->getParts();
+    if (parts != nullptr) {
+      g.offset = parts->constant;
+      Gecode::IntArgs coefs;
+      Gecode::IntVarArgs xs;
+      for (const QelLinTermNode* n = parts->head; n != nullptr; n = n->next) {
+        if (n->coef == 0.0) continue;
+        coefs << IntCoef(this, owner, n->coef);
+        xs << var(home, n->var, create);
+      }
+      g.expr = xs.size() > 0 ? Gecode::LinIntExpr(coefs, xs) : Gecode::LinIntExpr(0);
+      for (const QelQuadTermNode* q = parts->quadHead; q != nullptr; q = q->next) {
+        if (q->coef == 0.0) continue;
+        int c = IntCoef(this, owner, q->coef);
+        Gecode::LinIntExpr product = Gecode::LinIntExpr(var(home, q->var1, create)) *
+                                     Gecode::LinIntExpr(var(home, q->var2, create));
+        g.expr = g.expr + c * product;
+      }
+      for (const QelAggregateTermNode* a = parts->aggHead; a != nullptr; a = a->next) {
+        if (a->coef == 0.0) continue;
+        int c = IntCoef(this, owner, a->coef);
+        GExpr sub = toExpr(home, a->expr, owner, create);
+        g.expr = g.expr + c * sub.expr;
+        g.offset += c * sub.offset;
+      }
+      return g;
+    }
+    if (const auto* p = QelDynamicCast<const QelNumProductI>(e)) {
+      GExpr l = toExpr(home, p->getLeft(), owner, create);
+      GExpr r = toExpr(home, p->getRight(), owner, create);
+      if (!QelIsIntegerValue(l.offset) || !QelIsIntegerValue(r.offset) || !FitsInt(l.offset) ||
+          !FitsInt(r.offset))
+        throw refuse(owner, "a factor of a product has a non-integral constant");
+      g.expr = (l.expr + static_cast<int>(l.offset)) * (r.expr + static_cast<int>(r.offset));
+      return g;
+    }
+    throw refuse(
+        owner, std::string("expressions of class ") + e->getRttiTypeName() + " are not supported");
+  }
+
+  // The expressions of `exprs` as Gecode variables of the root. With
+  // `distinct`, a variable is used once only (further uses, and variables
+  // already in `taken`, get a copy equal to it).
+  // `indices`, when given, receives the root index of each variable.
+  Gecode::IntVarArgs varArgs(const QelExtractableArray& exprs, const QelExtractableI* owner,
+                             std::unordered_set<int>* taken, bool distinct = false,
+                             std::vector<int>* indices = nullptr) {
+    std::unordered_set<int> local;
+    if (taken == nullptr) taken = &local;
+    Gecode::IntVarArgs out;
+    for (long i = 0; i < exprs.getSize(); ++i) {
+      const auto* e = static_cast<const QelNumExprI*>(exprs.getElement(i));
+      if (e == nullptr) throw refuse(owner, "it holds an empty expression");
+      if (const auto* v = QelDynamicCast<const QelNumVarI>(e)) {
+        var(*_root, v, true);
+        int index = _vars.find(v)->index;
+        if (!distinct || taken->insert(index).second) {
+          out << _root->vars[static_cast<size_t>(index)];
+          if (indices != nullptr) indices->push_back(index);
+          continue;
+        }
+      }
+      GExpr g = toExpr(*_root, e, owner, true);
+      if (!QelIsIntegerValue(g.offset) || !FitsInt(g.offset))
+        throw refuse(owner, "an expression has a non-integral constant");
+      Gecode::IntVar copy(*_root, Gecode::Int::Limits::min, Gecode::Int::Limits::max);
+      Gecode::rel(*_root, copy == g.expr + static_cast<int>(g.offset));
+      if (indices != nullptr) indices->push_back(static_cast<int>(_root->vars.size()));
+      _root->vars.push_back(copy);
+      out << copy;
+    }
+    return out;
+  }
+
+  // A range over a linear expression (no quadratic or nested terms) goes
+  // to Gecode's linear propagators at once, without building minimodel's
+  // expression tree; false for any other range.
+  bool postLinearRange(const QelRangeI* r) {
+    const QelLinearParts* parts = nullptr;
+    if (const auto* t = QelDynamicCast<const QelNumLinTermI>(r->getExpr())) parts = &t->getParts();
+    if (const auto* t = QelDynamicCast<const QelIntLinTermI>(r->getExpr())) parts = &t->getParts();
+    if (parts == nullptr || parts->quadHead != nullptr || parts->aggHead != nullptr) return false;
+    Gecode::IntArgs coefs;
+    Gecode::IntVarArgs xs;
+    for (const QelLinTermNode* n = parts->head; n != nullptr; n = n->next) {
+      if (n->coef == 0.0) continue;
+      coefs << IntCoef(this, r, n->coef);
+      xs << var(*_root, n->var, true);
+    }
+    double lb = r->getLB() - parts->constant;
+    double ub = r->getUB() - parts->constant;
+    bool postLb = bound(r, lb, true);
+    bool postUb = bound(r, ub, false);
+    if (postLb && postUb && std::ceil(lb) == std::floor(ub)) {
+      Gecode::linear(*_root, coefs, xs, Gecode::IRT_EQ, static_cast<int>(std::ceil(lb)));
+      return true;
+    }
+    if (postLb) Gecode::linear(*_root, coefs, xs, Gecode::IRT_GQ, static_cast<int>(std::ceil(lb)));
+    if (postUb) Gecode::linear(*_root, coefs, xs, Gecode::IRT_LQ, static_cast<int>(std::floor(ub)));
+    return true;
+  }
+
+  void* looseExpr(const QelNumExprI* e) {
+    toExpr(*_root, e, e, true);
+    return nullptr;
+  }
+
+  // Stops the search at the engine's limits and reports its progress (the
+  // log's lines, the progress callback, which may ask to stop). Gecode's
+  // parallel search calls it from its threads: the figures are guarded.
+  class Limits : public Gecode::Search::Stop {
+   public:
+    Limits(GecodeEngine& engine, unsigned long nodes, unsigned long fails)
+        : _engine(engine), _nodes(nodes), _fails(fails) {}
+    bool stop(const Gecode::Search::Statistics& st, const Gecode::Search::Options&) override {
+      if (_nodes > 0 && st.node >= _nodes) return true;
+      if (_fails > 0 && st.fail >= _fails) return true;
+      std::lock_guard<std::mutex> lock(_mutex);
+      _progress.nodes = std::max(_progress.nodes, static_cast<long>(st.node));
+      if (_stopped) return true;
+      // The clock is read every 64 nodes, the figures reported every tenth
+      // of a second.
+      if ((++_calls & 63U) != 0) return false;
+      double now = _engine.elapsed();
+      if (_engine.getTimeLimit() > 0 && _engine.remainingTime() <= 0) return _stopped = true;
+      if (now - _reported < 0.1) return false;
+      _reported = now;
+      _progress.time = now;
+      _stopped = _engine.reportProgress(_progress);
+      return _stopped;
+    }
+    // A new solution: its figures, reported at once to the callback.
+    bool solution(double incumbent, long solutions, long nodes) {
+      std::lock_guard<std::mutex> lock(_mutex);
+      _progress.hasIncumbent = true;
+      _progress.incumbent = incumbent;
+      _progress.solutions = solutions;
+      _progress.nodes = std::max(_progress.nodes, nodes);
+      _progress.time = _engine.elapsed();
+      _stopped = _engine.reportProgress(_progress) || _stopped;
+      return _stopped;
+    }
+    // The bound the root propagation gives the first criterion.
+    void setBound(double bound) {
+      _progress.hasBound = true;
+      _progress.bound = bound;
+    }
+    const QelEngineProgress& progress() const { return _progress; }
+
+   private:
+    GecodeEngine& _engine;
+    unsigned long _nodes;
+    unsigned long _fails;
+    std::mutex _mutex;
+    QelEngineProgress _progress;
+    unsigned long _calls = 0;
+    double _reported = 0;
+    bool _stopped = false;
+  };
+
+  // The variable selection asked for (first-fail when automatic).
+  Gecode::IntVarBranch varBranch() const {
+    switch (_search.variable) {
+      case QelGecodeVarSelect::InOrder:
+        return Gecode::INT_VAR_NONE();
+      case QelGecodeVarSelect::LargestDegree:
+        return Gecode::INT_VAR_DEGREE_MAX();
+      case QelGecodeVarSelect::DomainOverAfc:
+        return Gecode::INT_VAR_AFC_SIZE_MAX();
+      case QelGecodeVarSelect::Random:  // the variables come shuffled
+        return Gecode::INT_VAR_NONE();
+      case QelGecodeVarSelect::Automatic:
+      case QelGecodeVarSelect::SmallestDomain:
+        break;
+    }
+    return Gecode::INT_VAR_SIZE_MIN();
+  }
+
+  // The value selection asked for (smallest value when automatic).
+  Gecode::IntValBranch valBranch(Gecode::Rnd& rnd) const {
+    switch (_search.value) {
+      case QelGecodeValSelect::Largest:
+        return Gecode::INT_VAL_MAX();
+      case QelGecodeValSelect::Median:
+        return Gecode::INT_VAL_MED();
+      case QelGecodeValSelect::SplitLower:
+        return Gecode::INT_VAL_SPLIT_MIN();
+      case QelGecodeValSelect::SplitUpper:
+        return Gecode::INT_VAL_SPLIT_MAX();
+      case QelGecodeValSelect::Random:
+        return Gecode::INT_VAL_RND(rnd);
+      case QelGecodeValSelect::Automatic:
+      case QelGecodeValSelect::Smallest:
+        break;
+    }
+    return Gecode::INT_VAL_MIN();
+  }
+
+  // The branchings of the searched space: with automatic variable
+  // selection, the items of the packs first, heaviest first, each into the
+  // first bin that takes it; then the model's variables with the chosen
+  // selections; then the auxiliary variables and the sets, so that every
+  // variable has a value in a solution; the criteria last.
+  void postBranching(ModelSpace& work) const {
+    auto seed = static_cast<unsigned int>(std::max(0, getParams().randomSeed));
+    Gecode::Rnd rnd;
+    if (_search.value == QelGecodeValSelect::Random) rnd = Gecode::Rnd(seed);
+    std::vector<char> done(work.vars.size(), 0);
+    bool symmetric = interchangeableBins();
+    if (_search.variable == QelGecodeVarSelect::Automatic) {
+      for (const PackItems& pack : _packs) {
+        std::vector<size_t> order(pack.bins.size());
+        std::iota(order.begin(), order.end(), size_t{0});
+        std::stable_sort(order.begin(), order.end(),
+                         [&pack](size_t a, size_t b) { return pack.weights[a] > pack.weights[b]; });
+        Gecode::IntVarArgs items;
+        std::vector<int> itemWeights;
+        for (size_t i : order) {
+          auto index = static_cast<size_t>(pack.bins[i]);
+          if (done[index] != 0) continue;
+          done[index] = 1;
+          items << work.vars[index];
+          itemWeights.push_back(pack.weights[i]);
+        }
+        if (items.size() == 0) continue;
+        if (symmetric && _search.value == QelGecodeValSelect::Automatic) {
+          int index = static_cast<int>(work.items.size());
+          work.items.emplace_back(work, items);
+          work.bins.push_back(pack.binCount);
+          work.weights.push_back(itemWeights);
+          // With the empty bins taken lowest first, the bins used are the
+          // first ones: every item lies below the used count, which lets a
+          // tighter count restrict the bins at once.
+          GExpr used =
+              const_cast<GecodeEngine*>(this)->toExpr(work, pack.pack->getUsed(), pack.pack, false);
+          Gecode::IntVar count = Gecode::expr(work, used.expr + static_cast<int>(used.offset));
+          for (int i = 0; i < items.size(); ++i) Gecode::rel(work, items[i], Gecode::IRT_LE, count);
+          // The count first, from the most bins down: a packing comes at
+          // once, and each better count is then searched from the top of
+          // the tree rather than below the last packing.
+          Gecode::branch(work, count, Gecode::INT_VAL_MAX());
+          Gecode::branch(
+              work, items, Gecode::INT_VAR_NONE(),
+              Gecode::INT_VAL([index](const Gecode::Space& home, Gecode::IntVar x,
+                                      int) { return BestBin(home, x, index); },
+                              [index](Gecode::Space& home, unsigned int a, Gecode::IntVar x, int,
+                                      int b) { CommitItem(home, a, x, index, b); }));
+        } else {
+          Gecode::branch(work, items, Gecode::INT_VAR_NONE(), valBranch(rnd));
+        }
+      }
+    }
+    std::vector<char> isModel(work.vars.size(), 0);
+    for (const VarTable::Entry& e : _vars.entries()) isModel[static_cast<size_t>(e.index)] = 1;
+    Gecode::IntVarArgs model;
+    Gecode::IntVarArgs aux;
+    for (size_t i = 0; i < work.vars.size(); ++i)
+      if (done[i] == 0) (isModel[i] != 0 ? model : aux) << work.vars[i];
+    if (_search.variable == QelGecodeVarSelect::Random) {
+      // A random order drawn from the seed, kept for the whole search
+      // (Gecode's own random variable selection leaks its generator).
+      std::mt19937 g(seed);
+      for (int i = model.size() - 1; i > 0; --i)
+        std::swap(model[i], model[static_cast<int>(g() % static_cast<std::uint32_t>(i + 1))]);
+    }
+    if (model.size() > 0) Gecode::branch(work, model, varBranch(), valBranch(rnd));
+    if (aux.size() > 0) Gecode::branch(work, aux, Gecode::INT_VAR_NONE(), Gecode::INT_VAL_MIN());
+    if (!work.sets.empty()) {
+      Gecode::SetVarArgs sets;
+      for (const auto& set : work.sets) sets << set;
+      Gecode::branch(work, sets, Gecode::SET_VAR_NONE(), Gecode::SET_VAL_MIN_INC());
+    }
+    if (work.costs.size() > 0)
+      Gecode::branch(work, work.costs, Gecode::INT_VAR_NONE(), Gecode::INT_VAL_MIN());
+  }
+
+  // Whether the bins of the pack are interchangeable, so that the search
+  // may skip equivalent bins without losing an optimum: the model holds one
+  // pack (and variables), its bins have the same bounds and no used set,
+  // the objective is its used count, and the search optimizes (an
+  // enumeration must see every solution).
+  bool interchangeableBins() const {
+    const QelObjectiveI* obj = getObjective();
+    if (_enumerate != nullptr || obj == nullptr || _packs.size() != 1) return false;
+    if (obj->getNumCriteria() != 1) return false;
+    const QelNumExprI* criterion = obj->getCriterion(0);
+    bool objectiveIsUsed = false;
+    for (const PackItems& pack : _packs) {
+      if (!pack.sameBins || pack.pack->getUsedSet() != nullptr) return false;
+      const QelNumVarI* used = SingleVar(pack.pack->getUsed());
+      objectiveIsUsed = objectiveIsUsed || (used != nullptr && used == SingleVar(criterion));
+    }
+    if (!objectiveIsUsed) return false;
+    for (const QelExtractableI* m : getMembers())
+      if (QelDynamicCast<const QelPackI>(m) == nullptr &&
+          QelDynamicCast<const QelNumVarI>(m) == nullptr &&
+          QelDynamicCast<const QelObjectiveI>(m) == nullptr)
+        return false;
+    return true;
+  }
+
+  // Makes `s` the held solution.
+  void storeSolution(const ModelSpace& s, const std::vector<double>& offsets) {
+    for (const VarTable::Entry& e : _vars.entries())
+      setValue(e.var, s.vars[static_cast<size_t>(e.index)].val());
+    for (const auto& entry : _setIndex) {
+      std::vector<QelInt> value;
+      for (Gecode::SetVarGlbValues it(s.sets[static_cast<size_t>(entry.second)]); it(); ++it)
+        value.push_back(it.val());
+      setSetValue(entry.first, value);
+    }
+    std::vector<double> objValues;
+    for (int i = 0; i < s.costs.size(); ++i)
+      objValues.push_back(s.costs[i].val() + offsets[static_cast<size_t>(i)]);
+    setEngineObjValues(objValues);
+  }
+
+  // Runs the search engine `E` over `work` until it is exhausted or
+  // stopped: keeps the last (best) solution, or hands every solution to the
+  // enumeration. Returns whether a solution was found and sets `stopped`.
+  template <class E>
+  bool run(ModelSpace* work, const Gecode::Search::Options& options,
+           const std::vector<double>& offsets, bool optimize, Limits& limits, bool& stopped) {
+    E engine(work, options);
+    std::unique_ptr<ModelSpace> best;
+    bool cut = false;  // stopped by a limit of ours, the callback or the gap
+    auto solutionLimit = static_cast<unsigned long>(getParams().solutionLimit);
+    while (ModelSpace* s = engine.next()) {
+      best.reset(s);
+      ++_searchStats.solutions;
+      double incumbent = best->costs.size() > 0 ? best->costs[0].val() + offsets[0] : 0;
+      if (limits.solution(incumbent, static_cast<long>(_searchStats.solutions),
+                          static_cast<long>(engine.statistics().node)))
+        cut = true;
+      if (_enumerate != nullptr) {
+        storeSolution(*best, offsets);
+        ++_enumerated;
+        if (!(*_enumerate)(*this) || _enumerated == _enumerateLimit) cut = true;
+      } else if (!optimize) {
+        break;
+      } else if (gapReached(limits.progress())) {
+        cut = true;
+      }
+      if (solutionLimit > 0 && _searchStats.solutions >= solutionLimit) cut = true;
+      if (cut) break;
+    }
+    Gecode::Search::Statistics st = engine.statistics();
+    _searchStats.nodes = st.node;
+    _searchStats.fails = st.fail;
+    _searchStats.restarts = st.restart;
+    _searchStats.depth = st.depth;
+    stopped = cut || engine.stopped();
+    if (best && _enumerate == nullptr) storeSolution(*best, offsets);
+    return _searchStats.solutions > 0;
+  }
+
+  // Whether the incumbent is within the gaps asked for of the bound.
+  bool gapReached(const QelEngineProgress& p) const {
+    if (!p.hasIncumbent || !p.hasBound) return false;
+    double gap = std::fabs(p.incumbent - p.bound);
+    const QelEngineParams& params = getParams();
+    if (params.absoluteGap >= 0 && gap <= params.absoluteGap) return true;
+    return params.relativeGap >= 0 &&
+           gap <= params.relativeGap * std::max(1e-10, std::fabs(p.incumbent));
+  }
+
+  QelEngineStatus search() {
+    _searchStats = QelGecodeSearchStats();
+    auto started = std::chrono::steady_clock::now();
+    QelEngineStatus status = searchRoot();
+    _searchStats.seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    return status;
+  }
+
+  QelEngineStatus searchRoot() {
+    if (_root->status() == Gecode::SS_FAILED) return QelEngineStatus::Infeasible;
+    std::unique_ptr<ModelSpace> work(static_cast<ModelSpace*>(_root->clone()));
+    const QelObjectiveI* obj = getObjective();
+    std::vector<double> offsets;
+    if (obj != nullptr) {
+      Gecode::IntVarArgs costs;
+      long n = obj->getNumCriteria();
+      for (long i = 0; i < n; ++i) {
+        GExpr g = toExpr(*work, obj->getCriterion(i), obj, false);
+        costs << Gecode::expr(*work, g.expr);
+        offsets.push_back(g.offset);
+      }
+      work->costs = Gecode::IntVarArray(*work, costs);
+      work->sense = obj->getSense() == QelObjective::Minimize ? 1 : -1;
+    }
+    postBranching(*work);
+    Limits limits(*this, static_cast<unsigned long>(getParams().nodeLimit), _search.failLimit);
+    if (obj != nullptr) {
+      // The bound root propagation gives the first criterion.
+      if (work->status() == Gecode::SS_FAILED) return QelEngineStatus::Infeasible;
+      const Gecode::IntVar& first = work->costs[0];
+      limits.setBound((work->sense > 0 ? first.min() : first.max()) + offsets[0]);
+    }
+
+    Gecode::Search::Options options;
+    options.threads = getParams().threads;
+    options.stop = &limits;
+    bool restarts = _search.restart != QelGecodeRestart::None && _enumerate == nullptr;
+    if (restarts) {
+      options.cutoff =
+          _search.restart == QelGecodeRestart::Luby
+              ? Gecode::Search::Cutoff::luby(_search.restartScale)
+              : Gecode::Search::Cutoff::geometric(_search.restartScale, _search.restartBase);
+    }
+    bool optimize = obj != nullptr;
+    bool stopped = false;
+    bool found = false;
+    ModelSpace* root = work.get();
+    if (optimize)
+      found = restarts
+                  ? run<Gecode::RBS<ModelSpace, Gecode::BAB>>(root, options, offsets, true, limits,
+                                                              stopped)
+                  : run<Gecode::BAB<ModelSpace>>(root, options, offsets, true, limits, stopped);
+    else
+      found = restarts
+                  ? run<Gecode::RBS<ModelSpace, Gecode::DFS>>(root, options, offsets, false, limits,
+                                                              stopped)
+                  : run<Gecode::DFS<ModelSpace>>(root, options, offsets, false, limits, stopped);
+    QelSolveReport& r = report();
+    r.nodes = static_cast<long>(_searchStats.nodes);
+    r.solutions = static_cast<long>(_searchStats.solutions);
+    if (limits.progress().hasBound) r.bestBound = limits.progress().bound;
+    if (found && optimize && !stopped) r.bestBound = limits.progress().incumbent;
+    _searchStats.stopped = stopped;
+    if (!found) return stopped ? QelEngineStatus::Unknown : QelEngineStatus::Infeasible;
+    // A satisfaction model is solved by its first solution; an optimization
+    // or an enumeration only when the search was exhausted.
+    if (!optimize && _enumerate == nullptr) return QelEngineStatus::Optimal;
+    // Stopped (by a gap, say) at an incumbent equal to the bound: proven.
+    if (optimize && _enumerate == nullptr && limits.progress().hasBound &&
+        limits.progress().incumbent == limits.progress().bound)
+      return QelEngineStatus::Optimal;
+    return stopped ? QelEngineStatus::Feasible : QelEngineStatus::Optimal;
+  }
+
+  std::unique_ptr<ModelSpace> _root;
+  VarTable _vars;
+  std::unordered_map<const QelIntSetVarI*, int> _setIndex;
+  std::vector<PackItems> _packs;
+};
+
+QEL_RTTI_DEF(GecodeEngine)
+
+}  // namespace
+
+QEL_RTTI_DEF(QelGecodeI)
+
+long QelGecodeI::enumerate(const SolutionCallback& callback, long maxSolutions) {
+  if (getObjective() != nullptr)
+    throw QelWrongUsage("QelGecodeI::enumerate: the model has an objective; use solve()");
+  if (maxSolutions < 0) throw QelWrongUsage("QelGecodeI::enumerate: negative solution count");
+  // solve() brings the form up to date and runs the search, which visits
+  // every solution while _enumerate is set.
+  struct Reset {
+    QelGecodeI* self;
+    ~Reset() { self->_enumerate = nullptr; }
+  } reset{this};
+  _enumerate = &callback;
+  _enumerateLimit = maxSolutions;
+  _enumerated = 0;
+  solve();
+  return _enumerated;
+}
+
+QelEngineI* QelNewGecodeEngine(QelEnv env) {
+  if (env.getImpl() == nullptr) throw QelEmptyHandleException("QelEnv: using empty handle");
+  return QelNewObject<GecodeEngine>(env.getImpl(), env.getImpl());
+}
