@@ -442,7 +442,7 @@ class QelEngineI : public QelAlgorithmI {
   QelSolveReport& report() { return _report; }
   /// Writes `line` and a newline to the log when the level is >= `level`.
   void logLine(int level, const std::string& line) const;
-  /// QelEngineError "<engine> engine: parameter "<name>": <why>".
+  /// QelEngineError "\<engine\> engine: parameter "\<name\>": \<why\>".
   QelEngineError badParam(const std::string& name, const std::string& why) const;
   /// `value` as a number, or badParam.
   double paramNumber(const std::string& name, const std::string& value) const;
