@@ -24,6 +24,7 @@
 //     was.
 //
 //   cmake --build build/dev --target qel_scheduling && build/dev/examples/qel_scheduling
+#include <array>
 #include <cstdint>
 #include <iostream>
 #include <limits>
@@ -45,12 +46,12 @@ void Check(bool ok, const std::string& what) {
   std::cout << "CHECK FAILED: " << what << "\n";
 }
 
-const char* const DayName[] = {"Mon", "Tue", "Wed", "Thu"};
+const int Days = 4;
+const char* const DayName[Days] = {"Mon", "Tue", "Wed", "Thu"};
 
 // The data of the week.
 struct Week {
-  int days = 4;
-  std::vector<QelInt> crewHours = {12, 12, 12, 8};
+  std::array<QelInt, Days> crewHours = {12, 12, 12, 8};
   std::vector<QelInt> hours = {4, 3, 5, 2, 6, 3, 4, 2, 5, 3};     // per task
   std::vector<QelInt> priority = {3, 1, 4, 1, 5, 9, 2, 6, 5, 3};  // per task
   std::vector<int> crane = {0, 4, 8};                             // one a day at most
@@ -64,12 +65,12 @@ struct Week {
 
 // Whether the days `day` (one per task) satisfy every rule of `w`.
 bool Satisfies(const Week& w, const std::vector<int>& day) {
-  std::vector<QelInt> load(w.days, 0);
+  std::array<QelInt, Days> load{};
   for (int t = 0; t < w.tasks(); ++t) {
-    if (day[t] < 0 || day[t] >= w.days) return false;
+    if (day[t] < 0 || day[t] >= Days) return false;
     load[day[t]] += w.hours[t];
   }
-  for (int d = 0; d < w.days; ++d)
+  for (int d = 0; d < Days; ++d)
     if (load[d] > w.crewHours[d]) return false;
   for (std::size_t a = 0; a < w.crane.size(); ++a)
     for (std::size_t b = a + 1; b < w.crane.size(); ++b)
@@ -99,7 +100,7 @@ std::pair<long, QelInt> BruteForce(const Week& w) {
       best = std::min(best, Cost(w, day));
     }
     int t = 0;  // the next assignment, counting in base `days`
-    while (t < w.tasks() && ++day[t] == w.days) day[t++] = 0;
+    while (t < w.tasks() && ++day[t] == Days) day[t++] = 0;
     if (t == w.tasks()) break;
   }
   return {count, best};
@@ -119,13 +120,13 @@ struct Schedule {
 Schedule Build(QelEnv env, const Week& w) {
   Schedule s{QelModel(env, "rules"),
              QelModel(env, "plan"),
-             QelIntVarArray(env, w.tasks(), 0, 3),
-             QelIntVarArray(env, w.days, 0, 12),
+             QelIntVarArray(env, w.tasks(), 0, Days - 1),
+             QelIntVarArray(env, Days, 0, 0),
              QelAllDiff(),
              QelObjective()};
   s.day.setNames("day");
   s.load.setNames("load");
-  s.load[3].setUB(w.crewHours[3]);  // a short Thursday
+  for (int d = 0; d < Days; ++d) s.load[d].setUB(w.crewHours[d]);  // the crew's hours
 
   QelIntArray hours(env, w.tasks());
   for (int t = 0; t < w.tasks(); ++t) hours.set(t, w.hours[t]);
@@ -151,7 +152,7 @@ Schedule Build(QelEnv env, const Week& w) {
 }
 
 // The days of the solution an engine holds (read in one call).
-std::vector<int> Days(const QelAlgorithm& engine, const QelIntVarArray& day) {
+std::vector<int> DaysOf(const QelAlgorithm& engine, const QelIntVarArray& day) {
   QelNumArray values = engine.getValues(day);
   std::vector<int> days;
   for (long t = 0; t < values.getSize(); ++t) days.push_back(static_cast<int>(values[t]));
@@ -160,7 +161,7 @@ std::vector<int> Days(const QelAlgorithm& engine, const QelIntVarArray& day) {
 }
 
 void Print(const Week& w, const std::vector<int>& day) {
-  for (int d = 0; d < w.days; ++d) {
+  for (int d = 0; d < Days; ++d) {
     std::cout << "  " << DayName[d] << ":";
     for (int t = 0; t < w.tasks(); ++t)
       if (day[t] == d) std::cout << " task" << t << "(" << w.hours[t] << "h)";
@@ -186,7 +187,7 @@ int main() {
     all.extract(s.rules);
     std::set<std::vector<int>> seen;
     long visited = all.enumerate([&](QelGecodeI& engine) {
-      std::vector<int> day = Days(&engine, s.day);
+      std::vector<int> day = DaysOf(&engine, s.day);
       Check(Satisfies(w, day), "an enumerated schedule satisfies the rules");
       seen.insert(day);
       return true;
@@ -204,7 +205,7 @@ int main() {
     cp.extract(s.plan);
     QelEngineStatus status = cp.solve();
     Check(status == QelEngineStatus::Optimal && cp.hasSolution(), "the week is scheduled");
-    std::vector<int> day = Days(cp, s.day);
+    std::vector<int> day = DaysOf(cp, s.day);
     std::cout << "least urgency cost " << cp.getObjValue() << " (" << cp.getReport().nodes
               << " nodes):\n";
     Print(w, day);
@@ -218,7 +219,7 @@ int main() {
     s.rules.add(QelDiff(env, s.day[5], s.day[9], "specialist"));  // posted at once
     status = cp.solve();
     Check(status == QelEngineStatus::Optimal, "the week is scheduled again");
-    day = Days(cp, s.day);
+    day = DaysOf(cp, s.day);
     std::cout << "with tasks 5 and 9 apart: least urgency cost " << cp.getObjValue()
               << " (brute force " << bestAfter << ", " << countAfter << " schedules)\n";
     Print(w, day);
