@@ -45,9 +45,12 @@ set(engines_dir ${CONSUMER_DIR}/../engines)
 foreach(engine IN LISTS ENGINES)
   set(programs ${engines_dir}/${engine}.cpp ${EXAMPLES_${engine}})
   set(build ${WORK_DIR}/${engine}-cmake-build)
+  # run() passes its arguments on as a list, which would split a list
+  # value: the programs go separated by "|".
+  string(REPLACE ";" "|" program_list "${programs}")
   run(${CMAKE_COMMAND} -S ${engines_dir} -B ${build}
       -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_CXX_COMPILER=${CXX}
-      -DENGINE=${engine} "-DPROGRAMS=${programs}")
+      -DENGINE=${engine} "-DPROGRAMS=${program_list}")
   run(${CMAKE_COMMAND} --build ${build})
   foreach(source IN LISTS programs)
     get_filename_component(stem ${source} NAME_WE)

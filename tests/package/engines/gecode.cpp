@@ -23,7 +23,10 @@ int main() {
     QelGecode cp(env);
     cp.extract(model);
     long count = 0;
-    cp.enumerate([&count](QelGecodeI&) { ++count; return true; });
+    cp.enumerate([&count](QelGecodeI&) {
+      ++count;
+      return true;
+    });
     if (count == 4) {
       std::cout << "Gecode engine: 6 queens have " << count << " solutions\n";
       rc = 0;
