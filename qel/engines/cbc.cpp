@@ -4,6 +4,7 @@
 #include <limits>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <set>
 #include <string>
 #include <thread>
@@ -57,6 +58,22 @@ class KeepHeap {
 
  private:
   bool _on;
+};
+
+// Writes the lines of CBC, CLP and CBC's driver (all printed through
+// CoinMessageHandler) to the engine's log stream instead of standard
+// output. Copies write to the same stream.
+class LogHandler : public CoinMessageHandler {
+ public:
+  explicit LogHandler(const QelEngineI* engine) : _engine(engine) {}
+  int print() override {
+    _engine->getLogStream() << messageBuffer() << std::endl;
+    return 0;
+  }
+  CoinMessageHandler* clone() const override { return new LogHandler(*this); }
+
+ private:
+  const QelEngineI* _engine;
 };
 
 // The options CBC's driver knows, as its own table lists them.
@@ -1060,6 +1077,11 @@ class QelCbcI : public QelEngineI {
   Outcome solveLp(OsiClpSolverInterface& lp) {
     Outcome out;
     if (getParams().timeLimit > 0) lp.getModelPtr()->setMaximumSeconds(remainingTime());
+    if (getParams().logLevel >= 2) {
+      // CLP's own lines go to the engine's log.
+      _logHandler.setLogLevel(1);
+      lp.passInMessageHandler(&_logHandler);
+    }
     lp.initialSolve();
     report().iterations += lp.getIterationCount();
     if (lp.isProvenOptimal()) {
@@ -1096,6 +1118,11 @@ class QelCbcI : public QelEngineI {
     if (getParams().logLevel < 2) {
       model.messageHandler()->setLogLevel(0);
       model.solver()->messageHandler()->setLogLevel(0);
+    } else {
+      // CBC's, CLP's and the driver's own lines go to the engine's log.
+      _logHandler.setLogLevel(1);
+      model.passInMessageHandler(&_logHandler);
+      model.solver()->passInMessageHandler(&_logHandler);
     }
     std::vector<std::string> args = driverArguments();
     std::vector<const char*> argv;
@@ -1298,8 +1325,11 @@ class QelCbcI : public QelEngineI {
   std::unordered_map<const QelIntSetVarI*, SetColumns> _setColumns;
   std::unordered_map<const QelExtractableI*, std::vector<const QelNumVarI*>> _boundsUsed;
   std::vector<std::pair<std::string, std::string>> _options;  // CBC options set by name
-  std::unique_ptr<OsiClpSolverInterface> _loaded;             // the last loadOnly()
-  bool _keepHeap = true;                                      // the engine's own option keepHeap
+  // CBC's own lines at log level 2; declared before every LP it is given
+  // to, so that it outlives them.
+  LogHandler _logHandler{this};
+  std::unique_ptr<OsiClpSolverInterface> _loaded;  // the last loadOnly()
+  bool _keepHeap = true;                           // the engine's own option keepHeap
 };
 
 QEL_RTTI_DEF(QelCbcI)
