@@ -22,7 +22,7 @@
 // all-different and all-min-distance entries chained); set values and
 // evaluate; call operations on empty handles. Aliased arguments: an
 // object's property set given to itself, a property added to the set that
-// holds it. Models and sets deleted directly instead of ended. Ends and
+// holds it. Objects of every kind deleted directly instead of ended. Ends and
 // model additions from a second thread, which must be refused with nothing
 // changed. And scratch episodes over two or three environments of their
 // own, some with a custom allocator that counts and refuses requests:
@@ -1483,12 +1483,11 @@ class Run {
                      id(x) + ": the property set changed when given to itself");
   }
 
-  // `delete` instead of end(): the same removal, the same notices. Models
-  // and sets only: their destructors give no use of an expression back.
+  // `delete` instead of end(): the same removal, the same notices, for
+  // every kind of object (variables, expressions, constraints, objectives,
+  // models), held by models and arrays and used by others.
   void deleteDirectly() {
-    int x = pick([](const Obj& o) {
-      return o.kind == Kind::Model || o.kind == Kind::SOS1 || o.kind == Kind::SOS2;
-    });
+    int x = pickAny();
     if (x < 0) return;
     note("delete " + id(x));
     delete at(x).impl;

@@ -250,3 +250,19 @@ void QelExtractableList::clear() {
   _head = nullptr;
   _tail = &_head;
 }
+
+void QelExtractableList::releaseForeign(const QelEnvI* env) {
+  // No link is reported: the list's own memory goes with `env`.
+  Node** link = &_head;
+  while (*link != nullptr) {
+    Node* node = *link;
+    QelEnvI* owner = node->extractable->getEnv();
+    if (owner == env) {
+      link = &node->next;
+      continue;
+    }
+    *link = node->next;
+    release(node, owner);
+  }
+  _tail = link;
+}

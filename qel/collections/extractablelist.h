@@ -55,6 +55,9 @@ class QEL_API QelExtractableList {
   void removeMarked();
   /// Releases every node (members are not touched).
   void clear();
+  /// Unlinks and releases, untold, every node whose member belongs to an
+  /// environment other than `env` (whose memory is about to go).
+  void releaseForeign(const QelEnvI* env);
 
   /// The environment, or null before the first append.
   QelEnvI* getEnv() const { return _env; }

@@ -22,6 +22,7 @@ QelExprArrayConstraintI::QelExprArrayConstraintI(QelEnvI* env, const char* name)
     : QelConstraintI(env, name), _exprArray(QelExtractableArray(QelEnv(env), 0)) {}
 
 QelExprArrayConstraintI::~QelExprArrayConstraintI() {
+  removeBeforeTeardown();
   // Every element is released, also those added without a lock (addExpr,
   // column objects): the constraint gives back one use per element held.
   try {

@@ -18,6 +18,7 @@ QelDiffI::QelDiffI(QelEnvI* env, QelNumExprI* x, QelNumExprI* y, const char* nam
 }
 
 QelDiffI::~QelDiffI() {
+  removeBeforeTeardown();
   _env->release(_x);
   if (_y != nullptr) _env->release(_y);
 }

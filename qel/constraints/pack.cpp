@@ -59,6 +59,7 @@ QelPackI::QelPackI(QelEnvI* env, QelIntExprArray load, QelIntExprArray where, Qe
                true) {}
 
 QelPackI::~QelPackI() {
+  removeBeforeTeardown();
   _load.releaseExprs();
   _load.end();
   _where.releaseExprs();

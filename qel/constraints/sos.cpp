@@ -42,6 +42,7 @@ QelSOSSetI<Traits>::QelSOSSetI(QelEnvI* env, QelNumVarArray vars, QelNumArray va
 
 template <class Traits>
 QelSOSSetI<Traits>::~QelSOSSetI() {
+  this->removeBeforeTeardown();
   _varArray.end();
   _valArray.end();
 }

@@ -4,6 +4,7 @@
 #include <limits>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <set>
 #include <string>
 #include <thread>
@@ -19,6 +20,7 @@
 #include <CbcOrClpParam.hpp>
 #include <CbcSOS.hpp>
 #include <CbcSolver.hpp>
+#include <ClpPackedMatrix.hpp>
 #include <CoinError.hpp>
 #include <CoinMessageHandler.hpp>
 #include <CoinPackedMatrix.hpp>
@@ -56,6 +58,22 @@ class KeepHeap {
 
  private:
   bool _on;
+};
+
+// Writes the lines of CBC, CLP and CBC's driver (all printed through
+// CoinMessageHandler) to the engine's log stream instead of standard
+// output. Copies write to the same stream.
+class LogHandler : public CoinMessageHandler {
+ public:
+  explicit LogHandler(const QelEngineI* engine) : _engine(engine) {}
+  int print() override {
+    _engine->getLogStream() << messageBuffer() << std::endl;
+    return 0;
+  }
+  CoinMessageHandler* clone() const override { return new LogHandler(*this); }
+
+ private:
+  const QelEngineI* _engine;
 };
 
 // The options CBC's driver knows, as its own table lists them.
@@ -107,8 +125,10 @@ class QelCbcI : public QelEngineI {
 
   void* extractObject(const QelRangeI* r) override {
     if (r->getExpr() == nullptr) throw refuse(r, "the range has no expression");
-    RowForm f{linear(r->getExpr(), r), {}};
-    addRow(r, f, r->getLB() - f.form.constant, r->getUB() - f.form.constant);
+    // The hot path of extraction: the terms go straight into the pool.
+    const QelLinearForm& f = scratchForm(r->getExpr(), r);
+    for (const auto& t : f.terms) mergedEntry(column(t.first), t.second);
+    endRow(r, r->getLB() - f.constant, r->getUB() - f.constant);
     return nullptr;
   }
 
@@ -275,13 +295,15 @@ class QelCbcI : public QelEngineI {
   void* objectiveActivated(const QelObjectiveI* obj, void*) override {
     // Every criterion must be linear; a single one is loaded into the LP.
     long n = obj->getNumCriteria();
-    std::vector<QelLinearForm> forms;
-    for (long i = 0; i < n; ++i) forms.push_back(linear(obj->getCriterion(i), obj));
-    clearObjective();
-    if (n == 1) {
-      for (const auto& t : forms[0].terms)
-        _cols[static_cast<size_t>(column(t.first))].obj = t.second;
+    if (n != 1) {
+      for (long i = 0; i < n; ++i) scratchForm(obj->getCriterion(i), obj);
+      clearObjective();
+      return nullptr;
     }
+    const QelLinearForm& f = scratchForm(obj->getCriterion(0), obj);
+    clearObjective();
+    // Repeated variables add up in place: no merge needed.
+    for (const auto& t : f.terms) _cols[static_cast<size_t>(findColumn(t.first))].obj += t.second;
     return nullptr;
   }
 
@@ -297,9 +319,11 @@ class QelCbcI : public QelEngineI {
     try {
       extractThroughHook(m);
     } catch (const CoinError& e) {
+      dropOpenRow();
       deleteOwned(m);
       throw refuse(m, "CBC refused it: " + e.message());
     } catch (...) {
+      dropOpenRow();
       deleteOwned(m);
       throw;
     }
@@ -316,7 +340,7 @@ class QelCbcI : public QelEngineI {
     // left out when the LP is built); those members were removed or are
     // re-extracted before the next solve.
     killColumn(c);
-    _colById[static_cast<size_t>(v->getId())] = -1;
+    _colById.at(v->getId()) = 0;
     for (auto& owner : _boundsUsed)
       owner.second.erase(std::remove(owner.second.begin(), owner.second.end(), v),
                          owner.second.end());
@@ -524,10 +548,28 @@ class QelCbcI : public QelEngineI {
     return f;
   }
 
+  // The linear form of `e` with its terms unmerged, in a buffer reused by
+  // every call (valid until the next call), refused (naming `owner`) when it
+  // is not linear; its variables get their columns.
+  const QelLinearForm& scratchForm(const QelNumExprI* e, const QelExtractableI* owner) {
+    if (e == nullptr) throw refuse(owner, "it holds an empty expression");
+    QelLinearForm& f = _scratch;
+    f.constant = 0;
+    f.terms.clear();
+    f.quad.clear();
+    f.unsupported.clear();
+    QelLinearize(e, 1.0, f);
+    if (!f.unsupported.empty()) throw refuse(owner, f.unsupported + " is not supported");
+    if (!f.quad.empty())
+      throw refuse(owner, "quadratic terms are not supported (CBC solves linear models)");
+    for (const auto& t : f.terms) column(t.first);
+    return f;
+  }
+
   // The column of `v` (-1 when it has none).
   int findColumn(const QelNumVarI* v) const {
-    auto id = static_cast<size_t>(v->getId());
-    return id < _colById.size() ? _colById[id] : -1;
+    const int* c = _colById.find(v->getId());
+    return c != nullptr ? *c - 1 : -1;
   }
 
   // The column of `v`, made through the variable's hook when new.
@@ -540,9 +582,7 @@ class QelCbcI : public QelEngineI {
 
   void makeColumn(const QelNumVarI* v) {
     if (findColumn(v) >= 0) return;
-    auto id = static_cast<size_t>(v->getId());
-    if (id >= _colById.size()) _colById.resize(std::max(id + 1, 2 * _colById.size()), -1);
-    _colById[id] = static_cast<int>(_cols.size());
+    _colById.at(v->getId()) = static_cast<int>(_cols.size()) + 1;
     Column c;
     c.var = v;
     c.lb = v->getLB();
@@ -560,7 +600,7 @@ class QelCbcI : public QelEngineI {
     c.type = integer ? QelVarType::Int : QelVarType::Float;
     auto index = static_cast<int>(_cols.size());
     _cols.push_back(c);
-    extend(_owned[owner].cols, index);
+    extend(ownedBy(owner).cols, index);
     ++_liveCols;
     return index;
   }
@@ -583,13 +623,49 @@ class QelCbcI : public QelEngineI {
     _rowCol.push_back(col);
     _rowVal.push_back(value);
   }
+  // Drops the entries of a row left open by a failed extraction.
+  void dropOpenRow() {
+    _rowCol.resize(_rowStart.back());
+    _rowVal.resize(_rowStart.back());
+    _mergedZeros = false;
+  }
+
+  // entry() for a row whose columns may repeat: a repeated column adds to
+  // the coefficient it already has in the open row (found through
+  // _entryOf, no hashing); zero sums are dropped when the row closes.
+  void mergedEntry(int col, double value) {
+    auto c = static_cast<size_t>(col);
+    if (c >= _entryOf.size()) _entryOf.resize(std::max(c + 1, 2 * _entryOf.size()), 0);
+    size_t at = _entryOf[c];
+    if (at >= _rowStart.back() && at < _rowCol.size() && _rowCol[at] == col) {
+      _rowVal[at] += value;
+      _mergedZeros = _mergedZeros || _rowVal[at] == 0.0;
+      return;
+    }
+    if (value == 0.0) return;
+    _entryOf[c] = _rowCol.size();
+    _rowCol.push_back(col);
+    _rowVal.push_back(value);
+  }
   void endRow(const QelExtractableI* owner, double lb, double ub) {
+    if (_mergedZeros) {
+      // Terms that cancelled out leave the row.
+      size_t out = _rowStart.back();
+      for (size_t e = out; e < _rowCol.size(); ++e) {
+        if (_rowVal[e] == 0.0) continue;
+        _rowCol[out] = _rowCol[e];
+        _rowVal[out++] = _rowVal[e];
+      }
+      _rowCol.resize(out);
+      _rowVal.resize(out);
+      _mergedZeros = false;
+    }
     _rowStart.push_back(_rowCol.size());
     _rowLb.push_back(lower(lb));
     _rowUb.push_back(upper(ub));
     _rowOwner.push_back(owner);
     _rowAlive.push_back(1);
-    extend(_owned[owner].rows, static_cast<int>(_rowLb.size() - 1));
+    extend(ownedBy(owner).rows, static_cast<int>(_rowLb.size() - 1));
     ++_liveRows;
   }
 
@@ -687,19 +763,19 @@ class QelCbcI : public QelEngineI {
   // Deletes every row and auxiliary column `m` made, and its set data: the
   // rows are marked dead in the pool (compact() takes them out).
   void deleteOwned(const QelExtractableI* m) {
-    auto owned = _owned.find(m);
-    if (owned != _owned.end()) {
-      for (auto r = static_cast<size_t>(owned->second.rows.first);
-           r < static_cast<size_t>(owned->second.rows.second); ++r) {
+    Owned* owned = findOwned(m);
+    if (owned != nullptr) {
+      for (auto r = static_cast<size_t>(owned->rows.first);
+           r < static_cast<size_t>(owned->rows.second); ++r) {
         if (_rowAlive[r] == 0 || _rowOwner[r] != m) continue;
         _rowAlive[r] = 0;
         --_liveRows;
         _deadEntries += _rowStart[r + 1] - _rowStart[r];
       }
       // Model variables' columns made meanwhile lie in the range too.
-      for (int c = owned->second.cols.first; c < owned->second.cols.second; ++c)
+      for (int c = owned->cols.first; c < owned->cols.second; ++c)
         if (_cols[static_cast<size_t>(c)].owner == m) killColumn(c);
-      _owned.erase(owned);
+      *owned = Owned();
     }
     _sos.erase(m);
     _boundsUsed.erase(m);
@@ -757,14 +833,14 @@ class QelCbcI : public QelEngineI {
     // Each member's rows and columns stay together and in order.
     _owned.clear();
     for (size_t r = 0; r < _rowOwner.size(); ++r)
-      extend(_owned[_rowOwner[r]].rows, static_cast<int>(r));
+      extend(ownedBy(_rowOwner[r]).rows, static_cast<int>(r));
     for (size_t c = 0; c < _cols.size(); ++c)
-      if (_cols[c].owner != nullptr) extend(_owned[_cols[c].owner].cols, static_cast<int>(c));
+      if (_cols[c].owner != nullptr) extend(ownedBy(_cols[c].owner).cols, static_cast<int>(c));
     for (auto& set : _setColumns)
       for (auto& member : set.second.members)
         member.second = newCol[static_cast<size_t>(member.second)];
-    for (int& c : _colById)
-      if (c >= 0) c = newCol[static_cast<size_t>(c)];
+    for (const Column& c : _cols)
+      if (c.var != nullptr) _colById.at(c.var->getId()) = static_cast<int>(&c - _cols.data()) + 1;
   }
 
   // The LP of the form, loaded in one piece.
@@ -792,45 +868,95 @@ class QelCbcI : public QelEngineI {
       obj.push_back(col.obj);
       if (col.type != QelVarType::Float) ints.push_back(k);
     }
-    std::vector<CoinBigIndex> start(1, 0);
-    std::vector<int> index;
-    std::vector<double> value;
+    // Live rows get LP rows in order; CLP keeps its matrix column-ordered,
+    // so the pool is transposed once, here, into arrays CLP takes over
+    // without copying them.
     std::vector<double> rowlb, rowub;
-    index.reserve(_rowCol.size() - _deadEntries);
-    value.reserve(_rowCol.size() - _deadEntries);
+    rowlb.reserve(static_cast<size_t>(_liveRows));
+    rowub.reserve(static_cast<size_t>(_liveRows));
+    auto cols = static_cast<int>(collb.size());
+    auto* length = new int[static_cast<size_t>(cols)]();
+    std::unique_ptr<int[]> lengthOwner(length);
+    CoinBigIndex nnz = 0;
     for (size_t r = 0; r + 1 < _rowStart.size(); ++r) {
       if (_rowAlive[r] == 0) continue;
-      for (size_t e = _rowStart[r]; e < _rowStart[r + 1]; ++e) {
-        int c = b.lpColumn[static_cast<size_t>(_rowCol[e])];
-        if (c < 0) continue;
-        index.push_back(c);
-        value.push_back(_rowVal[e]);
-      }
-      start.push_back(static_cast<CoinBigIndex>(index.size()));
       rowlb.push_back(_rowLb[r]);
       rowub.push_back(_rowUb[r]);
     }
-    if (rowlb.empty()) {
+    forEachLiveEntry(b, [&](int, int c, double) {
+      ++length[c];
+      ++nnz;
+    });
+    bool freeRow = rowlb.empty() && cols > 0;
+    if (freeRow) {
       // CLP's strong branching fails on a problem without rows: one free
       // row that constrains nothing.
-      index.push_back(0);
-      value.push_back(1.0);
-      start.push_back(1);
+      ++length[0];
+      ++nnz;
       rowlb.push_back(-infinity());
       rowub.push_back(infinity());
     }
     auto rows = static_cast<int>(rowlb.size());
-    std::vector<int> length(rowlb.size());
-    for (size_t r = 0; r < rowlb.size(); ++r) length[r] = static_cast<int>(start[r + 1] - start[r]);
-    CoinPackedMatrix matrix(false, static_cast<int>(collb.size()), rows,
-                            static_cast<CoinBigIndex>(index.size()), value.data(), index.data(),
-                            start.data(), length.data());
+    std::unique_ptr<CoinBigIndex[]> start(new CoinBigIndex[static_cast<size_t>(cols) + 1]);
+    start[0] = 0;
+    for (int c = 0; c < cols; ++c) start[c + 1] = start[c] + length[c];
+    std::unique_ptr<int[]> index(new int[static_cast<size_t>(std::max<CoinBigIndex>(nnz, 1))]);
+    std::unique_ptr<double[]> value(
+        new double[static_cast<size_t>(std::max<CoinBigIndex>(nnz, 1))]);
+    {
+      // Fill each column at its next free place; rows come in order, so
+      // each column's entries end up sorted by row.
+      std::vector<CoinBigIndex> next(start.get(), start.get() + cols);
+      forEachLiveEntry(b, [&](int row, int c, double v) {
+        CoinBigIndex at = next[static_cast<size_t>(c)]++;
+        index[at] = row;
+        value[at] = v;
+      });
+      if (freeRow) {
+        index[0] = 0;
+        value[0] = 1.0;
+      }
+    }
     b.lp = std::make_unique<OsiClpSolverInterface>();
     b.lp->messageHandler()->setLogLevel(0);
-    b.lp->loadProblem(matrix, collb.data(), colub.data(), obj.data(), rowlb.data(), rowub.data());
+    // The bounds and the objective are loaded with an empty matrix of the
+    // right shape, which the matrix then replaces: CLP takes the arrays
+    // over (no copy, no second transposition).
+    std::vector<CoinBigIndex> noStart(static_cast<size_t>(cols) + 1, 0);
+    int noIndex = 0;
+    double noValue = 0;
+    b.lp->loadProblem(cols, rows, noStart.data(), &noIndex, &noValue, collb.data(), colub.data(),
+                      obj.data(), rowlb.data(), rowub.data());
+    auto matrix = std::make_unique<CoinPackedMatrix>();
+    {
+      double* v = value.release();
+      int* i = index.release();
+      CoinBigIndex* st = start.release();
+      int* len = lengthOwner.release();
+      matrix->assignMatrix(true, rows, cols, nnz, v, i, st, len);
+    }
+    auto clpMatrix = std::make_unique<ClpPackedMatrix>(matrix.get());
+    matrix.release();        // now ClpPackedMatrix's
+    clpMatrix->checkGaps();  // as CLP's own copy would: no gaps, the fast loops
+    b.lp->getModelPtr()->replaceMatrix(clpMatrix.release(), true);
     if (!ints.empty()) b.lp->setInteger(ints.data(), static_cast<int>(ints.size()));
     b.integers = !ints.empty();
     return b;
+  }
+
+  // Calls f(row, column, value) for each entry of a live row in a live
+  // column, in row order, rows and columns numbered as in the LP `b`.
+  template <class F>
+  void forEachLiveEntry(const Built& b, F&& f) const {
+    int row = 0;
+    for (size_t r = 0; r + 1 < _rowStart.size(); ++r) {
+      if (_rowAlive[r] == 0) continue;
+      for (size_t e = _rowStart[r]; e < _rowStart[r + 1]; ++e) {
+        int c = b.lpColumn[static_cast<size_t>(_rowCol[e])];
+        if (c >= 0) f(row, c, _rowVal[e]);
+      }
+      ++row;
+    }
   }
 
   int lpColumnOf(const Built& b, const QelNumVarI* v) const {
@@ -951,6 +1077,11 @@ class QelCbcI : public QelEngineI {
   Outcome solveLp(OsiClpSolverInterface& lp) {
     Outcome out;
     if (getParams().timeLimit > 0) lp.getModelPtr()->setMaximumSeconds(remainingTime());
+    if (getParams().logLevel >= 2) {
+      // CLP's own lines go to the engine's log.
+      _logHandler.setLogLevel(1);
+      lp.passInMessageHandler(&_logHandler);
+    }
     lp.initialSolve();
     report().iterations += lp.getIterationCount();
     if (lp.isProvenOptimal()) {
@@ -987,6 +1118,11 @@ class QelCbcI : public QelEngineI {
     if (getParams().logLevel < 2) {
       model.messageHandler()->setLogLevel(0);
       model.solver()->messageHandler()->setLogLevel(0);
+    } else {
+      // CBC's, CLP's and the driver's own lines go to the engine's log.
+      _logHandler.setLogLevel(1);
+      model.passInMessageHandler(&_logHandler);
+      model.solver()->passInMessageHandler(&_logHandler);
     }
     std::vector<std::string> args = driverArguments();
     std::vector<const char*> argv;
@@ -1146,7 +1282,7 @@ class QelCbcI : public QelEngineI {
   }
 
   std::vector<Column> _cols;
-  std::vector<int> _colById;  // variable id -> column (-1: none)
+  QelIdTable<int> _colById;  // variable id -> column + 1 (0: none)
   // The rows, row-major in one pool.
   std::vector<size_t> _rowStart;
   std::vector<int> _rowCol;
@@ -1155,15 +1291,33 @@ class QelCbcI : public QelEngineI {
   std::vector<double> _rowUb;
   std::vector<const QelExtractableI*> _rowOwner;
   std::vector<char> _rowAlive;
+  // Extraction buffers: the form being read, and the pool position of each
+  // column's entry in the open row (mergedEntry).
+  QelLinearForm _scratch;
+  std::vector<size_t> _entryOf;
+  bool _mergedZeros = false;
   // The rows and auxiliary columns of each member, as index ranges: a
   // member's rows are made together, in one extraction, so they are
   // contiguous (its auxiliary columns may be interleaved with the columns of
   // model variables met meanwhile, hence the owner test when deleting).
+  // They are kept by the owner's id (an object keeps its id while notices
+  // about it are delivered), the slot naming its owner.
   struct Owned {
+    const QelExtractableI* owner = nullptr;
     std::pair<int, int> rows{0, 0};  // [first, end)
     std::pair<int, int> cols{0, 0};
   };
-  std::unordered_map<const QelExtractableI*, Owned> _owned;
+  QelIdTable<Owned> _owned;
+
+  Owned* findOwned(const QelExtractableI* m) {
+    Owned* o = _owned.find(m->getId());
+    return o != nullptr && o->owner == m ? o : nullptr;
+  }
+  Owned& ownedBy(const QelExtractableI* m) {
+    Owned& o = _owned.at(m->getId());
+    if (o.owner != m) o = Owned{m, {0, 0}, {0, 0}};
+    return o;
+  }
   size_t _deadEntries = 0;
   long _liveCols = 0;
   long _liveRows = 0;
@@ -1171,8 +1325,11 @@ class QelCbcI : public QelEngineI {
   std::unordered_map<const QelIntSetVarI*, SetColumns> _setColumns;
   std::unordered_map<const QelExtractableI*, std::vector<const QelNumVarI*>> _boundsUsed;
   std::vector<std::pair<std::string, std::string>> _options;  // CBC options set by name
-  std::unique_ptr<OsiClpSolverInterface> _loaded;             // the last loadOnly()
-  bool _keepHeap = true;                                      // the engine's own option keepHeap
+  // CBC's own lines at log level 2; declared before every LP it is given
+  // to, so that it outlives them.
+  LogHandler _logHandler{this};
+  std::unique_ptr<OsiClpSolverInterface> _loaded;  // the last loadOnly()
+  bool _keepHeap = true;                           // the engine's own option keepHeap
 };
 
 QEL_RTTI_DEF(QelCbcI)

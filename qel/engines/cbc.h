@@ -63,7 +63,10 @@
 // "-timeMode elapsed"), relative gap "-ratioGap", absolute gap
 // "-allowableGap", node limit "-maxNodes", solution limit "-maxSolutions",
 // threads "-threads", random seed "-randomCbcSeed" and "-randomSeed", log
-// level 2 "-log 1" (CBC then prints its own lines on standard output).
+// level 2 "-log 1". At log level 2 the lines of CBC, CLP and the driver
+// (all printed through CoinMessageHandler) go to the engine's log stream
+// through a handler given to the model and its solver, not to standard
+// output; nothing else of theirs reached standard output in the tests.
 // setParam passes any other option of the driver by its name, checked
 // against the driver's own table of options (name, keyword or range):
 //   mip.setParam("cuts", "off");  mip.setParam("preprocess", "sos");

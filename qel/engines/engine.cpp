@@ -77,8 +77,7 @@ void QelEngineI::markStale(const QelExtractableI* member) {
 }
 
 void QelEngineI::rehash(const QelExtractableI* member) {
-  auto it = _members.find(member);
-  if (it != _members.end()) it->second.hash = QelContentHash(member);
+  if (Member* m = _members.find(member)) m->hash = QelContentHash(member);
 }
 
 void QelEngineI::setSetValue(const QelIntSetVarI* s, std::vector<QelInt> value) {
@@ -102,12 +101,11 @@ void QelEngineI::addMember(QelExtractableI* x) {
     extractThroughHook(x);  // extractObject(const QelModelI*) adds the members
     return;
   }
-  auto it = _members.find(x);
-  if (it != _members.end()) {
-    ++it->second.count;
+  if (Member* m = _members.find(x)) {
+    ++m->count;
     return;
   }
-  _members[x].count = 1;
+  _members.insert(x).count = 1;
   _order.push_back(x);
   ++_stats.memberExtractions;
   // Also into a dirty form (rebuilt before the next solve anyway): what the
@@ -120,7 +118,7 @@ void QelEngineI::addMember(QelExtractableI* x) {
     --_stats.memberExtractions;
     throw;
   }
-  _members[x].hash = QelContentHash(x);
+  _members.find(x)->hash = QelContentHash(x);
 }
 
 void QelEngineI::removeMember(QelExtractableI* x) {
@@ -132,10 +130,10 @@ void QelEngineI::removeMember(QelExtractableI* x) {
     for (QelExtractableI* c : children) removeMember(c);
     return;
   }
-  auto it = _members.find(x);
-  if (it == _members.end()) return;
-  if (--it->second.count > 0) return;
-  _members.erase(it);
+  Member* member = _members.find(x);
+  if (member == nullptr) return;
+  if (--member->count > 0) return;
+  _members.erase(x);
   _order.erase(std::find(_order.begin(), _order.end(), x));
   auto stale = std::find(_stale.begin(), _stale.end(), x);
   if (stale != _stale.end()) _stale.erase(stale);
@@ -186,9 +184,8 @@ void QelEngineI::removeEverywhere(QelExtractableI* y) {
     model->second.count = 1;
     removeMember(y);
   }
-  auto member = _members.find(y);
-  if (member != _members.end()) {
-    member->second.count = 1;
+  if (Member* member = _members.find(y)) {
+    member->count = 1;
     removeMember(y);
   }
 }
@@ -206,7 +203,7 @@ void QelEngineI::handleRemoval(const QelExtractableArray& removed) {
   // What remains may have lost sub-objects silently (sets and all-different
   // constraints sweep ended variables without notice).
   for (QelExtractableI* m : _order)
-    if (QelContentHash(m) != _members[m].hash) markStale(m);
+    if (QelContentHash(m) != _members.find(m)->hash) markStale(m);
 }
 
 void QelEngineI::deactivateObjective() {
@@ -301,7 +298,7 @@ void QelEngineI::refreshInForm(QelExtractableI* member) {
 void QelEngineI::prepare() {
   if (!_dirty) {
     for (QelExtractableI* m : _order) {
-      if (QelContentHash(m) != _members[m].hash &&
+      if (QelContentHash(m) != _members.find(m)->hash &&
           std::find(_stale.begin(), _stale.end(), m) == _stale.end()) {
         ++_stats.silentChanges;
         _stale.push_back(m);

@@ -123,6 +123,7 @@
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -251,6 +252,40 @@ struct QelEngineLog {
   static std::string EndLine(const char* engine, const QelSolveReport& r);
   /// A number as the log lines write it (up to 10 significant digits).
   static std::string Number(double v);
+};
+
+/// Records kept by the id of an object of one environment, as the
+/// environment's own registry keeps them (an object keeps its id while the
+/// notices about it are delivered), in pages of 1024 slots made on first
+/// use: no hashing, and memory only for the ranges of ids in use, so that a
+/// small model in a large environment costs little. A slot not yet written
+/// holds T().
+template <class T>
+class QelIdTable {
+ public:
+  /// The slot of `id`, or null when its page was never made (or id < 0).
+  T* find(QelInt id) {
+    if (id < 0) return nullptr;
+    auto page = static_cast<size_t>(id) >> PageBits;
+    if (page >= _pages.size() || !_pages[page]) return nullptr;
+    return &_pages[page][static_cast<size_t>(id) & (PageSize - 1)];
+  }
+  /// The slot of `id`, or null when its page was never made (or id < 0).
+  const T* find(QelInt id) const { return const_cast<QelIdTable*>(this)->find(id); }
+  /// The slot of `id` (>= 0), its page made when new.
+  T& at(QelInt id) {
+    auto page = static_cast<size_t>(id) >> PageBits;
+    if (page >= _pages.size()) _pages.resize(page + 1);
+    if (!_pages[page]) _pages[page].reset(new T[PageSize]());
+    return _pages[page][static_cast<size_t>(id) & (PageSize - 1)];
+  }
+  /// Drops every slot.
+  void clear() { _pages.clear(); }
+
+ private:
+  static constexpr size_t PageBits = 10;
+  static constexpr size_t PageSize = size_t{1} << PageBits;
+  std::vector<std::unique_ptr<T[]>> _pages;
 };
 
 /// Base of the engines.
@@ -474,8 +509,35 @@ class QelEngineI : public QelAlgorithmI {
 
  private:
   struct Member {
+    const QelExtractableI* x = nullptr;  // the member (null: a free slot)
     long count = 0;
     std::uint64_t hash = 0;
+  };
+  // The leaf members' records by object id (see QelIdTable), each slot
+  // naming its member.
+  class MemberTable {
+   public:
+    Member* find(const QelExtractableI* x) {
+      Member* m = _slots.find(x->getId());
+      return m != nullptr && m->x == x ? m : nullptr;
+    }
+    const Member* find(const QelExtractableI* x) const {
+      return const_cast<MemberTable*>(this)->find(x);
+    }
+    size_t count(const QelExtractableI* x) const { return find(x) != nullptr ? 1 : 0; }
+    Member& insert(const QelExtractableI* x) {
+      Member& m = _slots.at(x->getId());
+      m = Member();
+      m.x = x;
+      return m;
+    }
+    void erase(const QelExtractableI* x) {
+      if (Member* m = find(x)) *m = Member();
+    }
+    void clear() { _slots.clear(); }
+
+   private:
+    QelIdTable<Member> _slots;
   };
   struct ModelRecord {
     long count = 0;
@@ -514,7 +576,7 @@ class QelEngineI : public QelAlgorithmI {
   std::string _dirtyReason;
   std::vector<QelExtractableI*> _roots;
   std::unordered_map<const QelExtractableI*, ModelRecord> _models;
-  std::unordered_map<const QelExtractableI*, Member> _members;
+  MemberTable _members;
   std::vector<QelExtractableI*> _order;
   std::vector<const QelExtractableI*> _stale;
   const QelObjectiveI* _objective = nullptr;

@@ -36,7 +36,7 @@ QelExtractableI::~QelExtractableI() {
   // Still registered: deleted directly, not through end(), or a derived
   // constructor threw. Removed from everything here, while the base part is
   // whole; a failing listener is reported once the object is released.
-  std::exception_ptr failure;
+  std::exception_ptr failure = _env->takeDeleteFailure(this);
   if (_id >= 0) {
     try {
       _env->removeFromAllAndDestroy(this, 1);
@@ -51,6 +51,16 @@ QelExtractableI::~QelExtractableI() {
   if (map != nullptr && map->hasBuckets()) map->remove(this);
   releaseExtension();
   if (failure) std::rethrow_exception(failure);
+}
+
+void QelExtractableI::removeBeforeTeardown() noexcept {
+  if (_id < 0 || !_env->acceptsCallingThread()) return;
+  try {
+    _env->removeFromAllAndDestroy(this, 1);
+  } catch (...) {
+    _env->keepDeleteFailure(this, std::current_exception());
+    _env->unregister(this);
+  }
 }
 
 void QelExtractableI::operator delete(void* p, size_t size) noexcept(false) {

@@ -39,8 +39,9 @@ class QEL_API QelExtractableI : public QelRttiEnvObjectI {
   /// Registers the object in `env` (giving it its id) and, when `name` is
   /// not null, names it without notice.
   QelExtractableI(QelEnvI* env, const char* name = nullptr);
-  /// An object still registered (deleted directly, or whose derived
-  /// constructor threw) is first removed from everything with flag 1; then
+  /// An object still registered (deleted directly without a derived
+  /// destructor calling removeBeforeTeardown, or whose derived constructor
+  /// threw) is first removed from everything with flag 1; then
   /// the decision-expression cache entry goes and the extension record is
   /// released. The memory goes back to the environment through operator
   /// delete.
@@ -192,6 +193,13 @@ class QEL_API QelExtractableI : public QelRttiEnvObjectI {
  protected:
   /// Prints the name, or `prefix` and the id when the object is unnamed.
   void printNameOrId(std::ostream& os, const char* prefix) const;
+  /// When the object is still registered (deleted directly), removes it
+  /// from everything now, while it is whole. A derived destructor that
+  /// gives anything back (uses of expressions, nodes, arrays) calls it
+  /// first; a listener failure is kept and reported by the base destructor
+  /// once the object is released. On a thread the environment refuses it
+  /// does nothing (the base destructor unregisters the object).
+  void removeBeforeTeardown() noexcept;
 
  private:
   friend class QelEnvI;

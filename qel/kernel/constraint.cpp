@@ -45,6 +45,7 @@ QelRangeI::QelRangeI(QelEnvI* env, double lb, QelNumExprI* expr, double ub, cons
 }
 
 QelRangeI::~QelRangeI() {
+  removeBeforeTeardown();
   if (_expr != nullptr) _expr->getEnv()->release(_expr);
 }
 
@@ -344,6 +345,7 @@ QelIntSetVarI::QelIntSetVarI(QelEnvI* env, const QelIntArray& possible, const ch
 }
 
 QelIntSetVarI::~QelIntSetVarI() {
+  removeBeforeTeardown();
   QelIntArray copy = _possible;
   copy.end();
   // Variables are not ended by their use count, so the release alone would

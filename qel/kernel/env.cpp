@@ -159,7 +159,10 @@ std::uintptr_t QelEnvI::CurrentThreadKeySlow() {
 
 QelEnvI::~QelEnvI() {
   // Everything goes at once: the objects still alive are not destroyed one
-  // by one, their memory is released with the rest.
+  // by one, their memory is released with the rest. Models of other
+  // environments holding its objects let go of them first, and its own
+  // models give back the nodes they hold in other environments.
+  letGoOfOtherEnvironments();
   if (_customAllocator != nullptr) _customAllocator->flush();
   delete _largeBlocks;
   delete _memory;

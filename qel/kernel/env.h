@@ -19,6 +19,7 @@
 #define QEL_KERNEL_ENV_H
 
 #include <cstdint>
+#include <exception>
 #include <new>
 #include <thread>
 #include <type_traits>
@@ -174,6 +175,20 @@ struct QEL_API QelEnvConfig {
   /// the default configuration obtains each block singly (for valgrind and
   /// AddressSanitizer runs of a whole program or test suite).
   static bool DefaultFreeLists();
+};
+
+/// The `data` a removal passes to QelExtractableI::atRemove of a model of
+/// another environment that holds members of the removal's environment.
+struct QEL_API QelForeignSweep {
+  /// What the model does.
+  enum Mode {
+    Marked,    ///< drops every marked member, with one QelRemoveFromModel
+    OneByOne,  ///< drops every node of the removed object, one notice each
+    Release    ///< gives back, untold, the nodes of members of other
+               ///< environments (the model's environment is ending)
+  };
+  /// What the model does.
+  Mode mode;
 };
 
 /// The environment implementation.
@@ -357,6 +372,32 @@ class QEL_API QelEnvI {
   /// algorithms get one QelDestroyExtractableArray for the whole array.
   void removeFromAllAndDestroy(QelExtractableArray xs, long flag, long notifyArray);
 
+  /// Keeps the failure of the removal a direct delete of `x` ran from a
+  /// derived destructor, for x's base destructor to report (the first one
+  /// kept wins while it is not taken).
+  void keepDeleteFailure(const QelExtractableI* x, std::exception_ptr e) noexcept {
+    if (_deleteFailureOf != nullptr) return;
+    _deleteFailureOf = x;
+    _deleteFailure = std::move(e);
+  }
+  /// The failure kept for `x`, or null; it is forgotten.
+  std::exception_ptr takeDeleteFailure(const QelExtractableI* x) noexcept {
+    if (_deleteFailureOf != x || x == nullptr) return nullptr;
+    _deleteFailureOf = nullptr;
+    return std::move(_deleteFailure);
+  }
+
+  // ---- models holding members of other environments ----------------
+  /// Records that a model of this environment holds members of `other`:
+  /// removals in `other` then reach this environment's models, and
+  /// whichever of the two environments ends first lets go of the other's
+  /// objects. Nothing when `other` is this environment or already recorded.
+  void holdMembersOf(QelEnvI* other) {
+    if (other != this && other != nullptr) holdMembersOfSlow(other);
+  }
+  /// Whether `other` is recorded as holding members of this environment.
+  QelBool isHeldBy(const QelEnvI* other) const;
+
   // ---- change broadcast ----------------------------------------------
   /// Delivers `c` about `x` to every algorithm that has extracted `x`.
   void change(const QelExtractableI* x, const QelChange& c) {
@@ -460,6 +501,10 @@ class QEL_API QelEnvI {
   void notifyRemoval(Removal& r, long from, long to);
   void finishRemoval(Removal& r, long from, long to);
   void orderForDestruction(QelExtractableI* y, QelArrayI* order);
+  void holdMembersOfSlow(QelEnvI* other);
+  void passHolders(QelExtractableI* removed, bool oneByOne);
+  void letGoOfOtherEnvironments() noexcept;
+
   void deliverTo(std::uint64_t mask, const QelExtractableI* x, const QelChange& c);
 
   QelMemory* _memory;
@@ -488,6 +533,16 @@ class QEL_API QelEnvI {
   std::uint64_t _listening = 0;
 
   Removal* _removal = nullptr;
+  // Environments whose models hold members of this one, and environments
+  // whose members this one's models hold (raw QelEnvI pointers, in the
+  // bookkeeping memory; null until the first is recorded).
+  QelArrayI* _holders = nullptr;
+  // A failed removal of a direct delete, between the derived destructor
+  // that ran it and the base destructor that reports it.
+  const QelExtractableI* _deleteFailureOf = nullptr;
+  std::exception_ptr _deleteFailure;
+  QelArrayI* _held = nullptr;
+
   struct CloneMap;
   CloneMap* _cloneMap = nullptr;
   int _copyDepth = 0;

@@ -773,6 +773,7 @@ QelLinearTermOf<Derived, Base>::QelLinearTermOf(QelEnvI* env, double constant, c
 
 template <class Derived, class Base>
 QelLinearTermOf<Derived, Base>::~QelLinearTermOf() {
+  this->removeBeforeTeardown();
   ClearParts(this->_env, _parts);
 }
 
@@ -950,6 +951,7 @@ QelNumProductI::QelNumProductI(QelEnvI* env, QelNumExprI* left, QelNumExprI* rig
 }
 
 QelNumProductI::~QelNumProductI() {
+  removeBeforeTeardown();
   Drop(_left);
   Drop(_right);
 }

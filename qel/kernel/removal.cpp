@@ -51,6 +51,20 @@ class DirectSubs : public QelExtractableVisitor {
   F _f;
 };
 
+// Whether `y` holds what a pass looks for: `removed` itself (one by one),
+// or any marked object.
+inline bool Reaches(QelExtractableI* y, QelExtractableI* removed, bool oneByOne) {
+  if (oneByOne) {
+    bool reached = false;
+    DirectSubs holds([removed, &reached](QelExtractableI* c) { reached |= c == removed; });
+    y->visitSubExtractables(&holds);
+    return reached;
+  }
+  QelFindMarkedVisitor finder;
+  y->visitSubExtractables(&finder);
+  return finder.found != 0;
+}
+
 }  // namespace
 
 void QelEnvI::removeFromAll(QelExtractableI* x) {
@@ -186,16 +200,127 @@ void QelEnvI::pass(QelExtractableI* removed) {
     std::uintptr_t v = _table[i];
     if (v == 0 || v == RemovalMark || isTableLink(v)) continue;
     QelExtractableI* y = reinterpret_cast<QelExtractableI*>(v);
-    bool reached = false;
-    if (oneByOne) {
-      DirectSubs holds([removed, &reached](QelExtractableI* c) { reached |= c == removed; });
-      y->visitSubExtractables(&holds);
-    } else {
-      QelFindMarkedVisitor finder;
-      y->visitSubExtractables(&finder);
-      reached = finder.found != 0;
+    if (Reaches(y, removed, oneByOne)) y->atRemove(removed, nullptr);
+  }
+  if (_holders != nullptr) passHolders(removed, oneByOne);
+}
+
+// ---- models of other environments -------------------------------------------
+//
+// A model may hold members of other environments (its nodes are made in
+// each member's environment). The environment of the member keeps the list
+// of the environments whose models hold its members, and each of those the
+// list of the environments it holds members of: a removal then also sweeps
+// the models of the holders, and an environment that ends first lets go of
+// the other's objects (its models give their nodes back; the holders' models
+// drop its members).
+
+namespace {
+
+long FindEnv(const QelArrayI* list, const QelEnvI* env) {
+  if (list == nullptr) return -1;
+  for (long i = 0; i < list->getSize(); ++i)
+    if (list->rawAt(i) == reinterpret_cast<std::uintptr_t>(env)) return i;
+  return -1;
+}
+
+void DropEnv(QelArrayI* list, const QelEnvI* env) {
+  long i = FindEnv(list, env);
+  if (i < 0) return;
+  long last = list->getSize() - 1;
+  list->rawAt(i) = list->rawAt(last);
+  list->setSize(last);
+}
+
+// Adds `env` to the list in `*list` (made in `alloc` when absent). A refusal
+// leaves the list as it was.
+void AddEnv(QelArrayI** list, QelGenAlloc* alloc, const QelEnvI* env) {
+  if (*list == nullptr) *list = QelArrayI::Make(alloc, 0);
+  (*list)->addRaw(reinterpret_cast<std::uintptr_t>(env));
+}
+
+// Calls `f` on every live model of `env`.
+template <class F>
+void ForEachModel(const QelEnvI* env, F f) {
+  const std::uintptr_t* table = env->getExtractableTable();
+  for (QelInt i = 0; i < env->getExtractableTableSize(); ++i) {
+    std::uintptr_t v = table[i];
+    if (v == 0 || v == QelEnvI::RemovalMark || v == QelEnvI::OrderingMark ||
+        v == QelEnvI::PendingMark || env->isTableLink(v))
+      continue;
+    auto* y = reinterpret_cast<QelExtractableI*>(v);
+    if (y->isModel()) f(y);
+  }
+}
+
+}  // namespace
+
+QelBool QelEnvI::isHeldBy(const QelEnvI* other) const { return FindEnv(_holders, other) >= 0; }
+
+void QelEnvI::holdMembersOfSlow(QelEnvI* other) {
+  if (FindEnv(_held, other) >= 0) return;
+  AddEnv(&_held, getInternalAllocator(), other);
+  try {
+    AddEnv(&other->_holders, other->getInternalAllocator(), this);
+  } catch (...) {
+    _held->setSize(_held->getSize() - 1);
+    throw;
+  }
+}
+
+void QelEnvI::passHolders(QelExtractableI* removed, bool oneByOne) {
+  // Only models hold members of other environments. Each model of a holder
+  // that holds what is being removed drops it and tells its own
+  // environment's listeners (QelRemoveFromModel): their registry does not
+  // know the object.
+  QelForeignSweep sweep{oneByOne ? QelForeignSweep::OneByOne : QelForeignSweep::Marked};
+  for (long h = 0; h < _holders->getSize(); ++h) {
+    auto* holder = reinterpret_cast<QelEnvI*>(_holders->rawAt(h));
+    ForEachModel(holder, [removed, oneByOne, &sweep](QelExtractableI* y) {
+      if (Reaches(y, removed, oneByOne)) y->atRemove(removed, &sweep);
+    });
+  }
+}
+
+void QelEnvI::letGoOfOtherEnvironments() noexcept {
+  // The holders' models drop this environment's members: every live object
+  // is marked (for good: the environment is ending), then each model that
+  // holds one drops them all with one notice. A listener that fails is not
+  // heard: the environment ends regardless.
+  if (_holders != nullptr && _holders->getSize() > 0) {
+    for (QelInt i = 0; i < _tableSize; ++i) {
+      std::uintptr_t v = _table[i];
+      if (v == 0 || v == RemovalMark || v == OrderingMark || v == PendingMark || isTableLink(v))
+        continue;
+      _table[i] = RemovalMark;
     }
-    if (reached) y->atRemove(removed, nullptr);
+    QelForeignSweep sweep{QelForeignSweep::Marked};
+    while (_holders->getSize() > 0) {
+      auto* holder = reinterpret_cast<QelEnvI*>(_holders->rawAt(_holders->getSize() - 1));
+      ForEachModel(holder, [&sweep](QelExtractableI* y) {
+        if (!Reaches(y, nullptr, false)) return;
+        try {
+          y->atRemove(nullptr, &sweep);
+        } catch (...) {
+        }
+      });
+      DropEnv(holder->_held, this);
+      _holders->setSize(_holders->getSize() - 1);
+    }
+  }
+  // This environment's models give the nodes of other environments' members
+  // back to those environments.
+  if (_held != nullptr && _held->getSize() > 0) {
+    QelForeignSweep sweep{QelForeignSweep::Release};
+    ForEachModel(this, [&sweep](QelExtractableI* y) {
+      try {
+        y->atRemove(nullptr, &sweep);
+      } catch (...) {
+      }
+    });
+    for (long h = 0; h < _held->getSize(); ++h)
+      DropEnv(reinterpret_cast<QelEnvI*>(_held->rawAt(h))->_holders, this);
+    _held->setSize(0);
   }
 }
 

@@ -6,11 +6,32 @@
 
 QEL_EXTRACTABLE_DEF(QelModelI)
 
+namespace {
+
+// Runs `f`, then ends `removed` (the array of the notices `f` sends), also
+// when `f` throws.
+template <class F>
+void ThenEnd(QelExtractableArray removed, F f) {
+  try {
+    f();
+  } catch (...) {
+    removed.end();
+    throw;
+  }
+  removed.end();
+}
+
+}  // namespace
+
 QelModelI::QelModelI(QelEnvI* env, const char* name) : QelExtractableI(env, name) {}
 
-QelModelI::~QelModelI() { _members.clear(); }
+QelModelI::~QelModelI() {
+  removeBeforeTeardown();
+  _members.clear();
+}
 
 QelExtractableI* QelModelI::add(QelExtractableI* x) {
+  if (x != nullptr) _env->holdMembersOf(x->getEnv());
   _members.add(x);
   if (_env->hasListeners()) {
     QelAddOneToModel change(this, x);
@@ -21,6 +42,7 @@ QelExtractableI* QelModelI::add(QelExtractableI* x) {
 
 void QelModelI::add(const QelExtractableArray& xs) {
   if (xs.getSize() < 1) return;
+  holdMembersOf(xs);
   _members.add(xs);
   if (_env->hasListeners()) {
     QelAddToModel change(this, xs, false);
@@ -52,17 +74,16 @@ void QelModelI::remove(QelExtractableI* x) {
 void QelModelI::remove(const QelExtractableArray& xs) {
   if (xs.getSize() < 1) return;
   QelExtractableArray removed(QelEnv(xs.getImpl()->getEnv()), 0);
-  try {
+  ThenEnd(removed, [&] {
     _members.remove(xs, removed);
-    if (removed.getSize() > 0) {
-      QelRemoveFromModel change(this, removed, false);
-      notify(change);
-    }
-  } catch (...) {
-    removed.end();
-    throw;
-  }
-  removed.end();
+    tellRemoved(removed);
+  });
+}
+
+void QelModelI::tellRemoved(const QelExtractableArray& removed) {
+  if (removed.getSize() == 0) return;
+  QelRemoveFromModel change(this, removed, false);
+  notify(change);
 }
 
 QelExtractableI* QelModelI::makeClone(QelEnvI* env) const {
@@ -76,8 +97,46 @@ QelExtractableI* QelModelI::makeClone(QelEnvI* env) const {
   return clone;
 }
 
-void QelModelI::atRemove(QelExtractableI* x, void*) {
-  if (_env->getOneByOne() != 0) {
+void QelModelI::holdMembersOf(const QelExtractableArray& xs) {
+  QelArrayI* a = xs.getImpl();
+  for (long i = 0; i < a->getSize(); ++i)
+    if (QelExtractableI* e = QelArrayGet<QelExtractableI*>(a, i)) _env->holdMembersOf(e->getEnv());
+}
+
+void QelModelI::dropMarkedMembers() {
+  // Members of another environment that a removal there marked: this
+  // environment's listeners hear of them through one QelRemoveFromModel
+  // (the removal's own notices go to the listeners of the member's
+  // environment). The notice's array is bookkeeping memory, made before
+  // any node goes.
+  if (!_env->hasListeners()) {
+    _members.removeMarked();
+    return;
+  }
+  QelExtractableArray removed(QelMemoryManager(_env->getInternalAllocator()), 0);
+  ThenEnd(removed, [&] {
+    for (Iterator it(this); it.ok(); ++it)
+      if (QelEnvI::IsMarked(*it)) removed.add(QelExtractable(*it));
+    _members.removeMarked();
+    tellRemoved(removed);
+  });
+}
+
+void QelModelI::atRemove(QelExtractableI* x, void* data) {
+  if (data != nullptr) {
+    // A removal in another environment, or the end of this one.
+    switch (static_cast<const QelForeignSweep*>(data)->mode) {
+      case QelForeignSweep::Marked:
+        dropMarkedMembers();
+        return;
+      case QelForeignSweep::OneByOne:
+        break;
+      case QelForeignSweep::Release:
+        _members.releaseForeign(_env);
+        return;
+    }
+  }
+  if (data != nullptr || _env->getOneByOne() != 0) {
     // One remove, with its notice, per node holding x: a second node left
     // behind would name an object about to be destroyed. The notices share
     // one array of the removal's bookkeeping memory, made before any node
@@ -85,16 +144,9 @@ void QelModelI::atRemove(QelExtractableI* x, void*) {
     if (!holds(x)) return;
     QelExtractableArray removed(QelMemoryManager(_env->getInternalAllocator()), 1);
     removed.set(0, QelExtractable(x));
-    try {
-      while (_members.removeFirst(x)) {
-        QelRemoveFromModel change(this, removed, false);
-        notify(change);
-      }
-    } catch (...) {
-      removed.end();
-      throw;
-    }
-    removed.end();
+    ThenEnd(removed, [&] {
+      while (_members.removeFirst(x)) tellRemoved(removed);
+    });
     return;
   }
   _members.removeMarked();

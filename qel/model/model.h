@@ -53,6 +53,8 @@ class QEL_API QelModelI : public QelExtractableI {
   /// Drops the members being removed from everything (one sweep, no
   /// notice), or, with the one-by-one flag set, removes every node of `x`,
   /// each with its notice.
+  /// With a QelForeignSweep as `data` (a removal in another environment,
+  /// or the end of this one), does what its mode says.
   void atRemove(QelExtractableI* x, void* data) override;
   /// The members, in order.
   void visitSubExtractables(QelExtractableVisitor* v) override;
@@ -88,6 +90,13 @@ class QEL_API QelModelI : public QelExtractableI {
   };
 
  private:
+  // Records the environments of the elements of `xs` as held.
+  void holdMembersOf(const QelExtractableArray& xs);
+  // Drops the marked members with one QelRemoveFromModel.
+  void dropMarkedMembers();
+  // Notifies QelRemoveFromModel with `removed`, unless it is empty.
+  void tellRemoved(const QelExtractableArray& removed);
+
   QelExtractableList _members;
 };
 

@@ -42,6 +42,7 @@ QelObjectiveI::QelObjectiveI(QelEnvI* env, const QelMultiCriterionExprI* mc,
       _multiCriterion(mc->duplicate(env)) {}
 
 QelObjectiveI::~QelObjectiveI() {
+  removeBeforeTeardown();
   QelMultiCriterionExprI* mc = _multiCriterion;
   _multiCriterion = nullptr;
   try {

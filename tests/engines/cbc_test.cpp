@@ -757,3 +757,59 @@ TEST_F(CbcTest, DeadRowsAndColumnsAreCompactedAway) {
   m.remove(cap);
   pack.end();
 }
+
+// At log level 2 CBC's, CLP's and the driver's own lines go to the engine's
+// log stream, and nothing reaches standard output; at level 1 only the
+// engine's own lines appear.
+TEST_F(CbcTest, TheSolversOwnLinesGoToTheLogStreamAtLevelTwo) {
+  QelModel m(env);
+  QelIntVarArray x(env, 6, 0, 5);
+  QelNumArray w(env, 0);
+  for (long i = 0; i < 6; ++i) w.add(3.0 + 2.0 * static_cast<double>(i));
+  m.add(QelRange(env, -QelInfiniteBound, QelScalProd(x, w), 29.5));
+  m.add(QelRange(env, -QelInfiniteBound, x[0] + x[1] + x[2] - x[3], 4.5));
+  m.add(QelObjective(env, QelScalProd(x, w) + QelSum(x), QelObjective::Maximize));
+  w.end();
+  std::ostringstream log;
+  mip->setLogStream(log);
+  mip->setLogLevel(2);
+  mip->extract(m.getImpl());
+  testing::internal::CaptureStdout();
+  QelEngineStatus status = mip->solve();
+  std::string out = testing::internal::GetCapturedStdout();
+  ASSERT_EQ(status, QelEngineStatus::Optimal);
+  EXPECT_EQ(out, "") << "standard output received:\n" << out;
+  std::string text = log.str();
+  EXPECT_TRUE(Contains(text, "[CBC] start:")) << text;
+  // The driver's banner and its report on the model it processed.
+  EXPECT_TRUE(Contains(text, "CBC MILP Solver")) << text;
+  EXPECT_TRUE(Contains(text, "processed model has 2 rows, 6 columns")) << text;
+  EXPECT_TRUE(Contains(text, "[CBC] end: Optimal")) << text;
+
+  // A pure LP goes to CLP alone: its lines too.
+  QelModel lp(env);
+  QelNumVar a(env, 0, 10, "a"), b(env, 0, 10, "b");
+  lp.add(QelRange(env, -QelInfiniteBound, a + 2 * b, 12));
+  lp.add(QelObjective(env, a + b, QelObjective::Maximize));
+  EnginePtr clp(Make(env));
+  std::ostringstream lpLog;
+  clp->setLogStream(lpLog);
+  clp->setLogLevel(2);
+  clp->extract(lp.getImpl());
+  testing::internal::CaptureStdout();
+  status = clp->solve();
+  out = testing::internal::GetCapturedStdout();
+  ASSERT_EQ(status, QelEngineStatus::Optimal);
+  EXPECT_EQ(out, "") << "standard output received:\n" << out;
+  EXPECT_TRUE(Contains(lpLog.str(), "Optimal - objective value")) << lpLog.str();
+
+  // At level 1, the engine's lines only.
+  std::ostringstream quiet;
+  mip->setLogStream(quiet);
+  mip->setLogLevel(1);
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_FALSE(Contains(quiet.str(), "CBC MILP Solver")) << quiet.str();
+  EXPECT_TRUE(Contains(quiet.str(), "[CBC] end: Optimal")) << quiet.str();
+}

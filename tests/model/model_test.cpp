@@ -1,5 +1,6 @@
 // The model: membership, notices, removal sweeps, cloning, printing.
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <sstream>
 #include <string>
@@ -504,6 +505,166 @@ TEST(ModelOverTwoEnvironments, EveryNodeGoesBackToTheEnvironmentItCameFrom) {
   EXPECT_EQ(BytesInUse(b), baseB);
   a.end();
   b.end();
+}
+
+// ---- removal across environments ---------------------------------------------------
+
+namespace {
+
+// Two environments: `b` holds a model over members of `a` and of `b`, with a
+// recorder of `b` that extracted the model.
+struct AcrossEnvironments : ::testing::Test {
+  QelEnv a, b;
+  QelInt baseA = 0, baseB = 0;
+  ArrayRecorderI* rec = nullptr;
+  void SetUp() override {
+    baseA = BytesInUse(a);
+    baseB = BytesInUse(b);
+  }
+  void listen(const QelModel& m) {
+    rec = QelNewObject<ArrayRecorderI>(b.getImpl(), b.getImpl());
+    rec->extract(m.getImpl());
+    rec->notices.clear();
+    rec->arrays.clear();
+  }
+  void TearDown() override {
+    if (a.getImpl() != nullptr) a.end();
+    if (b.getImpl() != nullptr) b.end();
+  }
+};
+
+}  // namespace
+
+TEST_F(AcrossEnvironments, EndingAMemberDropsItFromTheModelOfTheOtherEnvironment) {
+  // Without and with the one-by-one flag of the member's environment: one
+  // notice for both nodes, or one per node.
+  for (std::int32_t oneByOne : {0, 1}) {
+    a.getImpl()->setOneByOne(oneByOne);
+    ItemI* x = Item(a, "x");
+    ItemI* y = Item(b, "y");
+    QelModel m(b, "m");
+    m.add(x);
+    m.add(y);
+    m.add(x);
+    EXPECT_TRUE(a.getImpl()->isHeldBy(b.getImpl()));
+    EXPECT_FALSE(b.getImpl()->isHeldBy(a.getImpl()));
+    listen(m);
+    QelExtractableI* gone = x;
+    x->end();
+    EXPECT_EQ(Members(m), std::vector<QelExtractableI*>({y}));
+    if (oneByOne == 0) {
+      EXPECT_EQ(rec->notices, std::vector<std::string>({"QelRemoveFromModel"}));
+      EXPECT_EQ(rec->arrays, std::vector<std::vector<QelExtractableI*>>({{gone, gone}}));
+    } else {
+      EXPECT_EQ(rec->notices,
+                std::vector<std::string>({"QelRemoveFromModel", "QelRemoveFromModel"}));
+      EXPECT_EQ(rec->arrays, std::vector<std::vector<QelExtractableI*>>({{gone}, {gone}}));
+    }
+    EXPECT_EQ(BytesInUse(a), baseA);
+    delete rec;
+    m.end();
+    y->end();
+    EXPECT_EQ(BytesInUse(a), baseA);
+    EXPECT_EQ(BytesInUse(b), baseB);
+  }
+}
+
+TEST_F(AcrossEnvironments, RemoveFromAllLetsTheMemberLive) {
+  ItemI* x = Item(a, "x");
+  QelModel m(b, "m");
+  m.add(x);
+  listen(m);
+  x->removeFromAll();
+  EXPECT_TRUE(Members(m).empty());
+  EXPECT_GE(x->getId(), 0);
+  EXPECT_EQ(rec->arrays, std::vector<std::vector<QelExtractableI*>>({{x}}));
+  delete rec;
+  m.end();
+  x->end();
+  EXPECT_EQ(BytesInUse(a), baseA);
+  EXPECT_EQ(BytesInUse(b), baseB);
+}
+
+TEST_F(AcrossEnvironments, EndElementsDropsTheEndedMembersWithOneNotice) {
+  ItemI* x1 = Item(a, "x1");
+  ItemI* x2 = Item(a, "x2");
+  ItemI* y = Item(b, "y");
+  QelModel m(b, "m");
+  m.add(x2);
+  m.add(y);
+  m.add(x1);
+  listen(m);
+  QelExtractableArray xs(a, 2, QelExtractable(x1), QelExtractable(x2));
+  QelExtractableI* gone1 = x1;
+  QelExtractableI* gone2 = x2;
+  xs.endElements();
+  xs.end();
+  EXPECT_EQ(Members(m), std::vector<QelExtractableI*>({y}));
+  EXPECT_EQ(rec->notices, std::vector<std::string>({"QelRemoveFromModel"}));
+  EXPECT_EQ(rec->arrays, std::vector<std::vector<QelExtractableI*>>({{gone2, gone1}}));
+  delete rec;
+  m.end();
+  y->end();
+  EXPECT_EQ(BytesInUse(a), baseA);
+  EXPECT_EQ(BytesInUse(b), baseB);
+}
+
+TEST_F(AcrossEnvironments, ADirectDeleteDropsTheMember) {
+  ItemI* x = Item(a, "x");
+  QelModel m(b, "m");
+  m.add(x);
+  QelModel inner(a, "inner");
+  inner.add(x);
+  m.add(inner);
+  listen(m);
+  QelExtractableI* gone = x;
+  delete x;
+  EXPECT_EQ(Members(m), std::vector<QelExtractableI*>({inner.getImpl()}));
+  EXPECT_TRUE(Members(inner).empty());
+  EXPECT_EQ(rec->arrays, std::vector<std::vector<QelExtractableI*>>({{gone}}));
+  delete rec;
+  m.end();
+  inner.end();
+  EXPECT_EQ(BytesInUse(a), baseA);
+  EXPECT_EQ(BytesInUse(b), baseB);
+}
+
+TEST_F(AcrossEnvironments, EndingTheMembersEnvironmentFirstDropsItsMembers) {
+  ItemI* x = Item(a, "x");
+  ItemI* y = Item(b, "y");
+  QelModel m(b, "m");
+  m.add(x);
+  m.add(y);
+  QelModel inner(a, "inner");
+  inner.add(x);
+  m.add(inner);
+  listen(m);
+  QelExtractableI* gone = x;
+  a.end();
+  EXPECT_EQ(Members(m), std::vector<QelExtractableI*>({y}));
+  EXPECT_EQ(rec->notices, std::vector<std::string>({"QelRemoveFromModel"}));
+  EXPECT_EQ(rec->arrays, std::vector<std::vector<QelExtractableI*>>({{gone, inner.getImpl()}}));
+  delete rec;
+  m.end();
+  y->end();
+  EXPECT_EQ(BytesInUse(b), baseB);
+}
+
+TEST_F(AcrossEnvironments, EndingTheHoldersEnvironmentFirstGivesTheNodesBack) {
+  ItemI* x = Item(a, "x");
+  QelInt itemA = BytesInUse(a);
+  QelModel m(b, "m");
+  m.add(x);
+  m.add(x);
+  EXPECT_EQ(BytesInUse(a), itemA + 32);
+  QelEnvI* holder = b.getImpl();
+  EXPECT_TRUE(a.getImpl()->isHeldBy(holder));
+  b.end();
+  EXPECT_EQ(BytesInUse(a), itemA);
+  EXPECT_FALSE(a.getImpl()->isHeldBy(holder));
+  // Nothing of the ended environment is reached any more.
+  x->end();
+  EXPECT_EQ(BytesInUse(a), baseA);
 }
 
 // ---- the order a logging allocator sees -------------------------------------------
