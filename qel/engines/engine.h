@@ -607,6 +607,10 @@ class QelEngine {
   double getObjValue(long i = 0) const { return impl()->getObjValue(i); }
   /// The value of `e` in the solution.
   double getValue(const QelNumExpr& e) const { return impl()->getValue(e.getImpl()); }
+  /// The values of every element of `xs` in the solution, in one new array
+  /// of the engine's environment (the caller ends it; see
+  /// QelAlgorithm::getValues).
+  QelNumArray getValues(const QelNumExprArray& xs) const { return QelAlgorithm(impl()).getValues(xs); }
   /// Whether the last solve found a solution.
   bool hasSolution() const { return impl()->hasSolution(); }
   /// What the engine did so far.

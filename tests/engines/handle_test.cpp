@@ -211,7 +211,7 @@ TYPED_TEST(HandleTest, ValuesOfWholeArraysInOneCall) {
   h.extract(m);
   ASSERT_EQ(h.solve(), QelEngineStatus::Optimal);
   EXPECT_EQ(h.getObjValue(), 10);  // 3, 2, 1, 0
-  QelNumArray got = QelAlgorithm(h).getValues(v);
+  QelNumArray got = h.getValues(v);  // on the engine's handle
   ASSERT_EQ(got.getSize(), 4);
   for (long i = 0; i < 4; ++i) {
     EXPECT_EQ(got[i], 3 - i);
@@ -224,7 +224,7 @@ TYPED_TEST(HandleTest, ValuesOfWholeArraysInOneCall) {
   QelIntVar spare(this->env, 0, 1);
   QelIntVarArray more(this->env, 2, v[0], spare);
   QelInt before = this->env.getImpl()->getBytesInUse();
-  EXPECT_EQ(MessageOf<QelWrongUsage>([&] { QelAlgorithm(h).getValues(more); }),
+  EXPECT_EQ(MessageOf<QelWrongUsage>([&] { h.getValues(more); }),
             "QelAlgorithm: no value for this variable: QelIntVar" + std::to_string(spare.getId()));
   EXPECT_EQ(this->env.getImpl()->getBytesInUse(), before);
   more.end();
