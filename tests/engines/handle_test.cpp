@@ -210,7 +210,7 @@ TYPED_TEST(HandleTest, ValuesOfWholeArraysInOneCall) {
   TypeParam h = this->make();
   h.extract(m);
   ASSERT_EQ(h.solve(), QelEngineStatus::Optimal);
-  EXPECT_EQ(h.getObjValue(), 10);  // 3, 2, 1, 0
+  EXPECT_EQ(h.getObjValue(), 10);    // 3, 2, 1, 0
   QelNumArray got = h.getValues(v);  // on the engine's handle
   ASSERT_EQ(got.getSize(), 4);
   for (long i = 0; i < 4; ++i) {
