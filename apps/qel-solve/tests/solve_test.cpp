@@ -118,7 +118,7 @@ TEST(QelSolve, BadInputGivesExitTwoAndTheMessage) {
 }
 
 TEST(QelSolve, WriteConvertsWithoutSolving) {
-  std::string out = ::testing::TempDir() + "qel_solve_small.lp";
+  std::string out = ::testing::TempDir() + "qel_solve_small_" + std::to_string(getpid()) + ".lp";
   Outcome o = Solve(Data("small.mps") + " --write " + out);
   EXPECT_EQ(o.code, 0) << o.err;
   EXPECT_EQ(o.out, "read " + Data("small.mps") +
@@ -165,7 +165,8 @@ TEST(QelSolve, FilesQelWroteMatchTheEngineSolve) {
     QelModel m = make(env);
     double expected = CbcObjective(m);
     for (const char* ext : {".mps", ".lp"}) {
-      std::string path = ::testing::TempDir() + "qel_solve_written" + ext;
+      std::string path =
+          ::testing::TempDir() + "qel_solve_written_" + std::to_string(getpid()) + ext;
       QelWriteModel(m, path);
       Outcome o = Solve(path + " --quiet --time-limit 60");
       EXPECT_EQ(o.code, 0) << o.err;
@@ -198,7 +199,7 @@ TEST(QelSolve, GecodeSolvesAnIntegerModel) {
   ASSERT_EQ(cp.solve(), QelEngineStatus::Optimal);
   double expected = cp.getObjValue();
   cp.end();
-  std::string path = ::testing::TempDir() + "qel_solve_ints.lp";
+  std::string path = ::testing::TempDir() + "qel_solve_ints_" + std::to_string(getpid()) + ".lp";
   QelWriteModel(m, path);
   Outcome o = Solve(path + " --engine gecode --quiet");
   EXPECT_EQ(o.code, 0) << o.err;
