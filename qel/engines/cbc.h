@@ -117,9 +117,15 @@
 // these two ends glibc's own adjustment of its thresholds for the rest of
 // the process. Under CBC's full driver it no longer pays: preprocessing and
 // cuts solve the samples in far fewer nodes, and the instruction counts of
-// the searches with and without it differ by less than 0.3%
+// the searches with and without it differ by less than 0.2%
 // (docs/performance.md, "Cost of the engine layer"). A test checks that a
 // solve leaves an application's trim threshold as it was.
+//
+// What the layer costs a solve now: on the MIPLIB samples p0033, p0201, lseu
+// and p0548, QelCbc::solve() and CBC's driver called directly with the same
+// arguments on the same LP search the same number of nodes (0, 46, 24, 0)
+// and execute the same instructions within 0.23% (callgrind, whole calls:
+// form update, LP build, event handler and solution included).
 #ifndef QEL_ENGINES_CBC_H
 #define QEL_ENGINES_CBC_H
 
