@@ -32,9 +32,10 @@
 
 namespace {
 
-// Keeps the C library's heap from shrinking and growing at every node of a
-// search (see cbc.h: most of a search's time went to brk and page faults),
-// for the life of the object; the allocator's defaults come back after.
+// With keepHeap on: keeps the C library's heap from shrinking and growing
+// at every node of a search, for the life of the object, then sets glibc's
+// default values (glibc gives no way to read the values it had before; see
+// cbc.h for why this is off unless asked for).
 class KeepHeap {
  public:
   explicit KeepHeap(bool on) : _on(on) {
@@ -1329,7 +1330,7 @@ class QelCbcI : public QelEngineI {
   // to, so that it outlives them.
   LogHandler _logHandler{this};
   std::unique_ptr<OsiClpSolverInterface> _loaded;  // the last loadOnly()
-  bool _keepHeap = true;                           // the engine's own option keepHeap
+  bool _keepHeap = false;  // the engine's own option keepHeap (off: see cbc.h)
 };
 
 QEL_RTTI_DEF(QelCbcI)

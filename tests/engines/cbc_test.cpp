@@ -1,6 +1,7 @@
 // The CBC engine: what it takes, what it refuses, and how it follows
 // changes in the LP it keeps.
 #include <chrono>
+#include <cstdlib>
 #include <limits>
 #include <sstream>
 #include <string>
@@ -8,6 +9,11 @@
 #include <qel/engines/cbc.h>
 #include <qel/engines/linear.h>
 #include "engines/support/enginetest.h"
+
+#if defined(__GLIBC__) && !defined(QEL_TEST_UNDER_ASAN)
+#include <malloc.h>
+#define QEL_TEST_GLIBC_HEAP 1
+#endif
 
 using namespace enginetest;
 
@@ -813,3 +819,49 @@ TEST_F(CbcTest, TheSolversOwnLinesGoToTheLogStreamAtLevelTwo) {
   EXPECT_FALSE(Contains(quiet.str(), "CBC MILP Solver")) << quiet.str();
   EXPECT_TRUE(Contains(quiet.str(), "[CBC] end: Optimal")) << quiet.str();
 }
+
+#ifdef QEL_TEST_GLIBC_HEAP
+// The main heap's size (glibc's arena) at the peak of a burst of 100,000
+// blocks of 1,000 bytes (more than the holes earlier tests may have left) and after they are all
+// freed: glibc gives the freed top of the heap back to the system unless its trim threshold is
+// higher. They are freed in the order of allocation: the first few freed stay in the thread's
+// cache, and those must not be the topmost.
+std::pair<size_t, size_t> HeapBurst() {
+  std::vector<void*> blocks;
+  blocks.reserve(100000);
+  for (int i = 0; i < 100000; ++i) blocks.push_back(std::malloc(1000));
+  size_t peak = mallinfo2().arena;
+  for (void* b : blocks) std::free(b);
+  return {peak, mallinfo2().arena};
+}
+
+// The engine leaves the C library's allocator as the application set it,
+// unless keepHeap is on; keepHeap on sets glibc's default values after each
+// search (the earlier ones cannot be read back).
+TEST_F(CbcTest, TheAllocatorIsLeftAsTheApplicationSetIt) {
+  QelModel m(env);
+  QelIntVarArray x(env, 8, 0, 3);
+  QelNumArray w(env, 0);
+  for (long i = 0; i < 8; ++i) w.add(2.0 + static_cast<double>(i));
+  m.add(QelRange(env, -QelInfiniteBound, QelScalProd(x, w), 41.5));
+  m.add(QelObjective(env, QelScalProd(x, w) - QelSum(x), QelObjective::Maximize));
+  w.end();
+  mip->extract(m.getImpl());
+  // The application keeps its heap: a trim threshold of 1 GiB.
+  mallopt(M_TRIM_THRESHOLD, 1 << 30);
+  auto kept = HeapBurst();
+  ASSERT_GE(kept.second + (1 << 20), kept.first) << "the heap was trimmed before any solve";
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  kept = HeapBurst();
+  EXPECT_GE(kept.second + (1 << 20), kept.first)
+      << "after a solve the heap shrank from " << kept.first << " to " << kept.second
+      << " bytes: the engine changed the application's trim threshold";
+  // keepHeap on: glibc's default threshold (128 KiB) after the search.
+  mip->setParam("keepHeap", "on");
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  auto trimmed = HeapBurst();
+  EXPECT_LT(trimmed.second + 50000000, trimmed.first)
+      << "with keepHeap on the heap stayed at " << trimmed.second << " bytes after the search";
+  mallopt(M_TRIM_THRESHOLD, 128 * 1024);
+}
+#endif
