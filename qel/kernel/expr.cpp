@@ -678,7 +678,12 @@ void RequireIntegral(bool ok, const char* what) {
 // QelNumExprI, QelIntExprI
 // ===========================================================================
 
-QelNumExprI::~QelNumExprI() = default;
+// Expressions are used by other objects, which give their uses back as
+// they end: an expression deleted directly is removed while it is still an
+// expression (the classes above that give anything back remove it earlier).
+QelNumExprI::~QelNumExprI() { removeBeforeTeardown(); }
+
+QelNumVarI::~QelNumVarI() { removeBeforeTeardown(); }
 
 QelBool QelNumExprI::isTemporary() const {
   return !_shared && _useCount <= 0 && getId() >= 0 && isRefCountedExpr() &&
