@@ -53,8 +53,8 @@ QelExtractableI::~QelExtractableI() {
   if (failure) std::rethrow_exception(failure);
 }
 
-void QelExtractableI::removeBeforeTeardown() noexcept {
-  if (_id < 0 || !_env->acceptsCallingThread()) return;
+void QelExtractableI::removeWhileWhole() noexcept {
+  if (!_env->acceptsCallingThread()) return;
   try {
     _env->removeFromAllAndDestroy(this, 1);
   } catch (...) {

@@ -198,8 +198,11 @@ class QEL_API QelExtractableI : public QelRttiEnvObjectI {
   /// gives anything back (uses of expressions, nodes, arrays) calls it
   /// first; a listener failure is kept and reported by the base destructor
   /// once the object is released. On a thread the environment refuses it
-  /// does nothing (the base destructor unregisters the object).
-  void removeBeforeTeardown() noexcept;
+  /// does nothing (the base destructor unregisters the object). Inline:
+  /// an object ended the usual way only tests its id.
+  void removeBeforeTeardown() noexcept {
+    if (_id >= 0) removeWhileWhole();
+  }
 
  private:
   friend class QelEnvI;
@@ -210,6 +213,8 @@ class QEL_API QelExtractableI : public QelRttiEnvObjectI {
   }
   /// Ends the extension record, if any, and gives it back.
   void releaseExtension();
+  /// The removal of removeBeforeTeardown, for an object still registered.
+  void removeWhileWhole() noexcept;
 
   QelInt _id;
   QelExtension* _extension;

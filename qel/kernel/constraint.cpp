@@ -27,7 +27,7 @@ QelEnvI* EnvOf(const QelEnv& env) {
 // QelConstraintI
 // ===========================================================================
 
-QelConstraintI::~QelConstraintI() = default;
+QelConstraintI::~QelConstraintI() { removeBeforeTeardown(); }
 
 QelBool QelConstraintI::isConstraint() { return true; }
 

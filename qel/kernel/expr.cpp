@@ -242,6 +242,11 @@ class PartsAppender {
   // Adds factor * e: the parts of a linear term, factor * x for a
   // variable, an aggregate term for anything else.
   void scaled(const QelNumExprI* e, double factor) {
+    // A variable, the most common operand, is told by its exact class alone.
+    if (e->getTypeInfo() == QelNumVarI::GetTypeInfo()) {
+      linear(factor, const_cast<QelNumVarI*>(static_cast<const QelNumVarI*>(e)));
+      return;
+    }
     if (const QelLinearParts* from = PartsOf(e)) {
       parts(*from, factor, [](auto* x) { return x; });
     } else if (QelNumVarI* x = AsVar(e)) {
@@ -678,7 +683,12 @@ void RequireIntegral(bool ok, const char* what) {
 // QelNumExprI, QelIntExprI
 // ===========================================================================
 
-QelNumExprI::~QelNumExprI() = default;
+// Expressions are used by other objects, which give their uses back as
+// they end: an expression deleted directly is removed while it is still an
+// expression (the classes above that give anything back remove it earlier).
+QelNumExprI::~QelNumExprI() { removeBeforeTeardown(); }
+
+QelNumVarI::~QelNumVarI() { removeBeforeTeardown(); }
 
 QelBool QelNumExprI::isTemporary() const {
   return !_shared && _useCount <= 0 && getId() >= 0 && isRefCountedExpr() &&
@@ -1173,13 +1183,19 @@ class PartsMark {
   const QelNumVarI* _decision;
 };
 
+// Multiplies every coefficient and the constant of `p` by `f`.
+void ScaleParts(QelLinearParts& p, double f) {
+  for (QelLinTermNode* n = p.head; n != nullptr; n = n->next) n->coef *= f;
+  for (QelQuadTermNode* n = p.quadHead; n != nullptr; n = n->next) n->coef *= f;
+  for (QelAggregateTermNode* n = p.aggHead; n != nullptr; n = n->next) n->coef *= f;
+  p.constant *= f;
+}
+
 // Moves every node of `from` to the end of `into`, each coefficient and
 // the constant multiplied by `factor`; `from` is left empty. The nodes keep
 // the uses they hold. Allocates nothing.
 void SpliceParts(QelLinearParts& into, QelLinearParts& from, double factor) {
-  for (QelLinTermNode* n = from.head; n != nullptr; n = n->next) n->coef *= factor;
-  for (QelQuadTermNode* n = from.quadHead; n != nullptr; n = n->next) n->coef *= factor;
-  for (QelAggregateTermNode* n = from.aggHead; n != nullptr; n = n->next) n->coef *= factor;
+  if (factor != 1) ScaleParts(from, factor);
   if (from.head != nullptr) {
     if (into.tail != nullptr)
       into.tail->next = from.head;
@@ -1187,27 +1203,25 @@ void SpliceParts(QelLinearParts& into, QelLinearParts& from, double factor) {
       into.head = from.head;
     into.tail = from.tail;
   }
-  QelQuadTermNode** quad = &into.quadHead;
-  while (*quad != nullptr) quad = &(*quad)->next;
-  *quad = from.quadHead;
-  QelAggregateTermNode** agg = &into.aggHead;
-  while (*agg != nullptr) agg = &(*agg)->next;
-  *agg = from.aggHead;
-  into.constant += factor * from.constant;
+  // The quadratic and aggregate lists have no tail field: walked only when
+  // there is something to append (a loop of linear terms never walks them).
+  if (from.quadHead != nullptr) {
+    QelQuadTermNode** quad = &into.quadHead;
+    while (*quad != nullptr) quad = &(*quad)->next;
+    *quad = from.quadHead;
+  }
+  if (from.aggHead != nullptr) {
+    QelAggregateTermNode** agg = &into.aggHead;
+    while (*agg != nullptr) agg = &(*agg)->next;
+    *agg = from.aggHead;
+  }
+  into.constant += from.constant;
   if (from.head != nullptr || from.quadHead != nullptr) RecomputeDecision(into);
   from.head = from.tail = nullptr;
   from.quadHead = nullptr;
   from.aggHead = nullptr;
   from.constant = 0;
   from.decision = nullptr;
-}
-
-// Multiplies every coefficient and the constant of `p` by `f`.
-void ScaleParts(QelLinearParts& p, double f) {
-  for (QelLinTermNode* n = p.head; n != nullptr; n = n->next) n->coef *= f;
-  for (QelQuadTermNode* n = p.quadHead; n != nullptr; n = n->next) n->coef *= f;
-  for (QelAggregateTermNode* n = p.aggHead; n != nullptr; n = n->next) n->coef *= f;
-  p.constant *= f;
 }
 
 bool Whole(double v) { return std::floor(v) == v; }
@@ -1217,9 +1231,11 @@ bool Whole(double v) { return std::floor(v) == v; }
 // additions), else null.
 QelLinearParts* InPlaceParts(QelNumExprI* self, bool intHandle, double selfFactor,
                              const QelNumExprI* t, double factor, double c) {
-  if (self == nullptr || !self->isTemporary()) return nullptr;
+  if (self == nullptr) return nullptr;
+  // The class first: a variable or an aggregate is never changed in place,
+  // whatever its uses.
   const QelLinearParts* parts = PartsOf(self);
-  if (parts == nullptr) return nullptr;
+  if (parts == nullptr || !self->isTemporary()) return nullptr;
   QelTypeInfo kind = self->getTypeInfo();
   if (kind == QelIntLinTermI::GetTypeInfo() ||
       (kind != QelNumLinTermI::GetTypeInfo() && self->isType(QelIntLinTermI::GetTypeInfo()))) {
@@ -1275,6 +1291,37 @@ QelNumExprI* Accumulate(QelNumExprI* self, bool intHandle, double selfFactor, Qe
   return fresh;
 }
 
+// self += t where self is a temporary linear term of the family's own
+// class and t a variable (the loop `e += v[i]`) or a temporary term of the
+// same class (the loop `e += c[i] * v[i]`): the variable gets a node at the
+// end of self, or t's nodes move there and t goes at once, as Accumulate
+// and Discard would do, without their tests of every other shape. False,
+// with nothing done, for any other operands.
+bool AppendConsumed(QelNumExprI* self, QelNumExprI* t, bool intFamily) {
+  if (self == nullptr || t == nullptr || self == t) return false;
+  QelTypeInfo kind = intFamily ? QelIntLinTermI::GetTypeInfo() : QelNumLinTermI::GetTypeInfo();
+  QelTypeInfo tKind = t->getTypeInfo();
+  if ((tKind != kind && tKind != QelNumVarI::GetTypeInfo()) || self->getTypeInfo() != kind ||
+      !self->isTemporary())
+    return false;
+  // The classes are known: no PartsOf.
+  auto partsOf = [intFamily](QelNumExprI* e) -> QelLinearParts& {
+    return const_cast<QelLinearParts&>(intFamily ? static_cast<QelIntLinTermI*>(e)->getParts()
+                                                 : static_cast<QelNumLinTermI*>(e)->getParts());
+  };
+  QelLinearParts& parts = partsOf(self);
+  if (tKind == QelNumVarI::GetTypeInfo()) {
+    // One allocation, made before anything changes.
+    PartsAppender(self->getEnv(), parts).linear(1, static_cast<QelNumVarI*>(t));
+    return true;
+  }
+  if (!t->isTemporary()) return false;
+  SpliceParts(parts, partsOf(t), 1);
+  t->getEnv()->unregister(t);
+  delete t;
+  return true;
+}
+
 QelNumExprI* Checked(QelNumExprI* t) {
   if (t == nullptr) throw QelEmptyHandleException();
   return t;
@@ -1306,6 +1353,7 @@ QelNumExpr& QelNumExpr::operator=(QelNumExpr&& other) noexcept {
     return *this;                                                                                  \
   }                                                                                                \
   Expr& Expr::operator+=(Expr&& t) {                                                               \
+    if (AppendConsumed(getImpl(), t.getImpl(), IsInt)) return *this;                               \
     _impl = Replace(getImpl(), Accumulate(getImpl(), IsInt, 1, Checked(t.getImpl()), 1, 0, true)); \
     if (t.getImpl() != getImpl()) Discard(t.getImpl());                                            \
     return *this;                                                                                  \
@@ -1406,6 +1454,16 @@ namespace {
 QelNumExprI* Consume(QelNumExprI* a, bool intFamily, double selfFactor, QelNumExprI* b, bool bTemp,
                      double factor, double c) {
   if (a == nullptr) throw QelEmptyHandleException();
+  // c * x for a variable x (the loop `e += c[i] * v[i]`): a new term of one
+  // node, as Accumulate makes it, without its tests of every other shape
+  // (a variable is never changed in place, nor given back).
+  if (b == nullptr && c == 0 && selfFactor != 0 && a->getTypeInfo() == QelNumVarI::GetTypeInfo()) {
+    auto* x = static_cast<QelNumVarI*>(a);
+    auto fill = [x, selfFactor](PartsAppender& out) { out.linear(selfFactor, x); };
+    QelEnvI* env = x->getEnv();
+    return intFamily ? static_cast<QelNumExprI*>(MakeTerm<QelIntLinTermI>(env, fill))
+                     : static_cast<QelNumExprI*>(MakeTerm<QelNumLinTermI>(env, fill));
+  }
   QelNumExprI* result = Accumulate(a, intFamily, selfFactor, b, factor, c, bTemp);
   if (result != a) Discard(a);
   if (bTemp && b != result) Discard(b);

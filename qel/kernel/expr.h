@@ -127,6 +127,9 @@ class QEL_API QelNumVarI : public QelIntExprI {
  public:
   /// A variable of `type` with bounds [lb, ub].
   QelNumVarI(QelEnvI* env, double lb, double ub, QelVarType type, const char* name = nullptr);
+  /// Deleted directly, the variable is removed while it is whole: the
+  /// terms that end with it give their uses of it back to a variable.
+  ~QelNumVarI() override;
   /// A float variable is no integer expression.
   QelBool isType(QelTypeInfo info) const override {
     if (info == QelIntExprI::GetTypeInfo()) return _type != QelVarType::Float;

@@ -60,21 +60,36 @@ enum class Kind {
 
 const char* NameOf(Kind k) {
   switch (k) {
-    case Kind::IntVar: return "IntVar";
-    case Kind::NumVar: return "NumVar";
-    case Kind::LinearTerm: return "LinearTerm";
-    case Kind::Product: return "Product";
-    case Kind::Range: return "Range";
-    case Kind::Diff: return "Diff";
-    case Kind::AllDiff: return "AllDiff";
-    case Kind::AllMinDistance: return "AllMinDistance";
-    case Kind::Pack: return "Pack";
-    case Kind::SOS1: return "SOS1";
-    case Kind::SOS2: return "SOS2";
-    case Kind::IntSetVar: return "IntSetVar";
-    case Kind::Objective: return "Objective";
-    case Kind::LexObjective: return "LexObjective";
-    case Kind::Model: return "Model";
+    case Kind::IntVar:
+      return "IntVar";
+    case Kind::NumVar:
+      return "NumVar";
+    case Kind::LinearTerm:
+      return "LinearTerm";
+    case Kind::Product:
+      return "Product";
+    case Kind::Range:
+      return "Range";
+    case Kind::Diff:
+      return "Diff";
+    case Kind::AllDiff:
+      return "AllDiff";
+    case Kind::AllMinDistance:
+      return "AllMinDistance";
+    case Kind::Pack:
+      return "Pack";
+    case Kind::SOS1:
+      return "SOS1";
+    case Kind::SOS2:
+      return "SOS2";
+    case Kind::IntSetVar:
+      return "IntSetVar";
+    case Kind::Objective:
+      return "Objective";
+    case Kind::LexObjective:
+      return "LexObjective";
+    case Kind::Model:
+      return "Model";
   }
   return "?";
 }
@@ -132,21 +147,51 @@ struct World {
                              QelExtractable(overProd), QelExtractable(overZ)})
       model.add(e);
     switch (k) {
-      case Kind::IntVar: target = x.getImpl(); break;
-      case Kind::NumVar: target = z.getImpl(); break;
-      case Kind::LinearTerm: target = lin.getImpl(); break;
-      case Kind::Product: target = prod.getImpl(); break;
-      case Kind::Range: target = range.getImpl(); break;
-      case Kind::Diff: target = diff.getImpl(); break;
-      case Kind::AllDiff: target = allDiff.getImpl(); break;
-      case Kind::AllMinDistance: target = allMin.getImpl(); break;
-      case Kind::Pack: target = pack.getImpl(); break;
-      case Kind::SOS1: target = sos1.getImpl(); break;
-      case Kind::SOS2: target = sos2.getImpl(); break;
-      case Kind::IntSetVar: target = set.getImpl(); break;
-      case Kind::Objective: target = cost.getImpl(); break;
-      case Kind::LexObjective: target = lex.getImpl(); break;
-      case Kind::Model: target = inner.getImpl(); break;
+      case Kind::IntVar:
+        target = x.getImpl();
+        break;
+      case Kind::NumVar:
+        target = z.getImpl();
+        break;
+      case Kind::LinearTerm:
+        target = lin.getImpl();
+        break;
+      case Kind::Product:
+        target = prod.getImpl();
+        break;
+      case Kind::Range:
+        target = range.getImpl();
+        break;
+      case Kind::Diff:
+        target = diff.getImpl();
+        break;
+      case Kind::AllDiff:
+        target = allDiff.getImpl();
+        break;
+      case Kind::AllMinDistance:
+        target = allMin.getImpl();
+        break;
+      case Kind::Pack:
+        target = pack.getImpl();
+        break;
+      case Kind::SOS1:
+        target = sos1.getImpl();
+        break;
+      case Kind::SOS2:
+        target = sos2.getImpl();
+        break;
+      case Kind::IntSetVar:
+        target = set.getImpl();
+        break;
+      case Kind::Objective:
+        target = cost.getImpl();
+        break;
+      case Kind::LexObjective:
+        target = lex.getImpl();
+        break;
+      case Kind::Model:
+        target = inner.getImpl();
+        break;
     }
     model.add(target);
     model.add(inner);
