@@ -815,7 +815,8 @@ class GecodeEngine : public QelGecodeI {
   }
 
   static int IntCoef(GecodeEngine* self, const QelExtractableI* owner, double c) {
-    if (!QelIsIntegerValue(c) || !FitsInt(c))
+    // Within Gecode's range first, so that the conversion is defined.
+    if (!FitsInt(c) || static_cast<double>(static_cast<int>(c)) != c)
       throw self->refuse(owner, "the coefficient " + std::to_string(c) +
                                     " is not an integer within Gecode's range");
     return static_cast<int>(c);
@@ -912,12 +913,19 @@ class GecodeEngine : public QelGecodeI {
     if (const auto* t = QelDynamicCast<const QelNumLinTermI>(r->getExpr())) parts = &t->getParts();
     if (const auto* t = QelDynamicCast<const QelIntLinTermI>(r->getExpr())) parts = &t->getParts();
     if (parts == nullptr || parts->quadHead != nullptr || parts->aggHead != nullptr) return false;
-    Gecode::IntArgs coefs;
-    Gecode::IntVarArgs xs;
+    // The arrays are sized once: growing them term by term costs a copy
+    // per doubling, which shows at millions of nonzeros.
+    int terms = 0;
+    for (const QelLinTermNode* n = parts->head; n != nullptr; n = n->next)
+      terms += n->coef == 0.0 ? 0 : 1;
+    Gecode::IntArgs coefs(terms);
+    Gecode::IntVarArgs xs(terms);
+    int at = 0;
     for (const QelLinTermNode* n = parts->head; n != nullptr; n = n->next) {
       if (n->coef == 0.0) continue;
-      coefs << IntCoef(this, r, n->coef);
-      xs << var(*_root, n->var, true);
+      coefs[at] = IntCoef(this, r, n->coef);
+      xs[at] = var(*_root, n->var, true);
+      ++at;
     }
     double lb = r->getLB() - parts->constant;
     double ub = r->getUB() - parts->constant;

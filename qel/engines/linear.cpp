@@ -168,11 +168,11 @@ namespace {
 
 class Hasher {
  public:
+  // A whole word per step (a multiply and a shift), not a byte: the hash
+  // is taken of every extracted row, and only compared within the process.
   void word(std::uint64_t w) {
-    for (int i = 0; i < 8; ++i) {
-      _h ^= (w >> (8 * i)) & 0xffU;
-      _h *= 1099511628211ULL;
-    }
+    _h = (_h ^ w) * 0x9e3779b97f4a7c15ULL;
+    _h ^= _h >> 29;
   }
   void number(double d) {
     std::uint64_t w = 0;
