@@ -18,6 +18,13 @@
 //   binpack_items_direct/<seed>  the same propagators and branching posted
 //                         to a Gecode space and searched by Gecode's branch
 //                         and bound directly;
+//   memory/<nnz>          heap in use (mallinfo2) before and after each
+//                         step: the Qel model, the engine's extraction
+//                         (its records and its Gecode space), and the same
+//                         variables and rows posted to a Gecode space
+//                         directly (built while the engine still holds its
+//                         space, so that Gecode reuses no memory freed by
+//                         the other); bytes per nonzero and per variable;
 //   queens_engine/<n>     enumerating every solution of n queens through the
 //                         engine (first-fail, smallest value);
 //   queens_direct/<n>     the same constraints and branching in Gecode.
@@ -28,12 +35,14 @@
 // capacity), the engine's lower bound, the first-fit decreasing count and
 // the search nodes as counters. The bin-packing runs are timed in CPU time.
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <numeric>
 #include <random>
+#include <string>
 #include <vector>
 
 #include <gecode/int.hh>
@@ -127,23 +136,29 @@ class Plain : public Gecode::Space {
   Gecode::IntVarArray x;
 };
 
+// The variables and rows of `rows` posted to a new Gecode space.
+std::unique_ptr<Plain> PostDirect(const Rows& rows) {
+  long n = static_cast<long>(rows.coef.size()) / kTerms;
+  auto space = std::make_unique<Plain>();
+  space->x = Gecode::IntVarArray(*space, static_cast<int>(rows.columns), 0, 10);
+  for (long i = 0; i < n; ++i) {
+    Gecode::IntArgs c(kTerms);
+    Gecode::IntVarArgs xs(kTerms);
+    for (int k = 0; k < kTerms; ++k) {
+      size_t at = static_cast<size_t>(i * kTerms + k);
+      c[k] = rows.coef[at];
+      xs[k] = space->x[rows.column[at]];
+    }
+    Gecode::linear(*space, c, xs, Gecode::IRT_GQ, 1);
+    Gecode::linear(*space, c, xs, Gecode::IRT_LQ, kUpper);
+  }
+  return space;
+}
+
 void BM_ExtractDirect(benchmark::State& state) {
   Rows rows = Generate(state.range(0));
-  long n = static_cast<long>(rows.coef.size()) / kTerms;
   for (auto _ : state) {
-    auto space = std::make_unique<Plain>();
-    space->x = Gecode::IntVarArray(*space, static_cast<int>(rows.columns), 0, 10);
-    for (long i = 0; i < n; ++i) {
-      Gecode::IntArgs c(kTerms);
-      Gecode::IntVarArgs xs(kTerms);
-      for (int k = 0; k < kTerms; ++k) {
-        size_t at = static_cast<size_t>(i * kTerms + k);
-        c[k] = rows.coef[at];
-        xs[k] = space->x[rows.column[at]];
-      }
-      Gecode::linear(*space, c, xs, Gecode::IRT_GQ, 1);
-      Gecode::linear(*space, c, xs, Gecode::IRT_LQ, kUpper);
-    }
+    std::unique_ptr<Plain> space = PostDirect(rows);
     state.PauseTiming();
     space.reset();
     state.ResumeTiming();
@@ -151,25 +166,68 @@ void BM_ExtractDirect(benchmark::State& state) {
   state.counters["nnz"] = static_cast<double>(state.range(0));
 }
 
+size_t HeapInUse() {
+  struct mallinfo2 mi = mallinfo2();
+  return mi.uordblks + mi.hblkhd;
+}
+
+void BM_Memory(benchmark::State& state) {
+  Rows rows = Generate(state.range(0));
+  // Each step's bytes, per nonzero and per variable.
+  auto count = [&state, &rows](const char* step, size_t before, size_t after) {
+    auto bytes = static_cast<double>(after - before);
+    state.counters[std::string(step) + "_B_per_nnz"] =
+        bytes / static_cast<double>(rows.coef.size());
+    state.counters[std::string(step) + "_B_per_var"] = bytes / static_cast<double>(rows.columns);
+  };
+  for (auto _ : state) {
+    size_t heap[4];
+    heap[0] = HeapInUse();
+    QelEnv env;
+    {
+      QelModel m = BuildRows(env, rows);
+      heap[1] = HeapInUse();
+      QelGecode cp(env);
+      cp.extract(m);
+      heap[2] = HeapInUse();
+      std::unique_ptr<Plain> direct = PostDirect(rows);
+      heap[3] = HeapInUse();
+      count("model", heap[0], heap[1]);
+      count("engine", heap[1], heap[2]);
+      count("direct", heap[2], heap[3]);
+      direct.reset();
+      cp.end();
+    }
+    env.end();
+  }
+}
+BENCHMARK(BM_Memory)->Name("memory")->Arg(1000000)->Iterations(1)->Unit(benchmark::kMillisecond);
+
 BENCHMARK(BM_ExtractQel)
     ->Name("extract_qel")
     ->Arg(10000)
     ->Arg(100000)
+    ->Arg(200000)
     ->Arg(1000000)
+    ->Arg(2000000)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 BENCHMARK(BM_BuildQel)
     ->Name("build_qel")
     ->Arg(10000)
     ->Arg(100000)
+    ->Arg(200000)
     ->Arg(1000000)
+    ->Arg(2000000)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 BENCHMARK(BM_ExtractDirect)
     ->Name("extract_direct")
     ->Arg(10000)
     ->Arg(100000)
+    ->Arg(200000)
     ->Arg(1000000)
+    ->Arg(2000000)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
