@@ -33,7 +33,7 @@
 // branched on first, from the most bins down, every item is kept below it
 // (the bins used are the first ones), and two complete searches take turns,
 // one per restart (the first after 50 failures, each cutoff twice the one
-// before): item by item, each item into the fullest bin that takes it, an
+// before, unless restarts are asked for): item by item, each item into the fullest bin that takes it, an
 // item kept out of a bin being kept out of every bin holding the same load;
 // and bin by bin, the lowest open bin filled heaviest item first, an item
 // kept out of a bin with every item of its weight, the heaviest item left

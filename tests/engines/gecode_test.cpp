@@ -542,6 +542,21 @@ TEST_F(GecodeTest, BinPackingOf120ItemsIsSolvedToOptimality) {
   }
 }
 
+TEST_F(GecodeTest, BinPackingWithTwoThreads) {
+  // Seed 3 needs the bin-by-bin search (the item-by-item one alone finds no
+  // packing of 48 bins in seconds); with Gecode's parallel search each
+  // restart's run goes on two threads.
+  std::vector<int> w = binpacking::Weights(120, 20, 100, 3);
+  long ffd = binpacking::FirstFitDecreasing(w, 150);
+  binpacking::Model bp = binpacking::Build(env, w, ffd, 150);
+  cp->setThreads(2);
+  cp->setTimeLimit(60);
+  cp->extract(bp.model.getImpl());
+  ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(cp->getObjValue(), binpacking::SumBound(w, 150));
+  EXPECT_EQ(CheckSolution(cp.get(), bp.model.getImpl()), 1);
+}
+
 TEST_F(GecodeTest, BinPackingSearchKeepsTheOptimum) {
   // The pack searches skip equivalent choices (bins holding the same load,
   // items of the same weight, the heaviest item into the first empty bin,
