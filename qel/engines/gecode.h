@@ -33,17 +33,14 @@
 // branched on first, from the most bins down, every item is kept below it
 // (the bins used are the first ones), and two complete searches take turns,
 // one per restart (the first after 50 failures, each cutoff twice the one
-// before, unless restarts are asked for): item by item, each item into the fullest bin that takes it, an
-// item kept out of a bin being kept out of every bin holding the same load;
-// and bin by bin, the lowest open bin filled heaviest item first, an item
-// kept out of a bin with every item of its weight, the heaviest item left
-// going into the first empty bin, and a bin with room for one more item
-// taking the heaviest that fits (QelGecodePackSearch picks one of the two
-// alone). A run that ends before its cutoff has explored the whole tree; the
-// status is Optimal only then, or when a packing meets the lower bound.
-// Every other variable,
-// and every model without a pack, is searched first-fail (smallest domain
-// first, smallest value first). A QelGecodeSearch replaces the default:
+// before, unless restarts are asked for): item by item, each item into the fullest bin that takes
+// it, an item kept out of a bin being kept out of every bin holding the same load; and bin by bin,
+// the lowest open bin filled heaviest item first, an item kept out of a bin with every item of its
+// weight, the heaviest item left going into the first empty bin, and a bin with room for one more
+// item taking the heaviest that fits (QelGecodePackSearch picks one of the two alone). A run that
+// ends before its cutoff has explored the whole tree; the status is Optimal only then, or when a
+// packing meets the lower bound. Every other variable, and every model without a pack, is searched
+// first-fail (smallest domain first, smallest value first). A QelGecodeSearch replaces the default:
 // variable and value selection, restarts with a Luby or geometric cutoff
 // sequence (counted in failures), and a limit on failures. The shared settings apply as well: time,
 // node and solution limits, gaps (against the bound the root propagation gives the first
