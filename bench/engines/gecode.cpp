@@ -13,6 +13,18 @@
 //   binpack_engine/<seed> solving a bin packing of 120 items of weights
 //                         20..100 into bins of 150 through the engine (its
 //                         default search for a pack), within 10 s;
+//   binpack_items_engine/<seed>  the same with the item-by-item search
+//                         alone (no restarts);
+//   binpack_items_direct/<seed>  the same propagators and branching posted
+//                         to a Gecode space and searched by Gecode's branch
+//                         and bound directly;
+//   memory/<nnz>          heap in use (mallinfo2) before and after each
+//                         step: the Qel model, the engine's extraction
+//                         (its records and its Gecode space), and the same
+//                         variables and rows posted to a Gecode space
+//                         directly (built while the engine still holds its
+//                         space, so that Gecode reuses no memory freed by
+//                         the other); bytes per nonzero and per variable;
 //   queens_engine/<n>     enumerating every solution of n queens through the
 //                         engine (first-fail, smallest value);
 //   queens_direct/<n>     the same constraints and branching in Gecode.
@@ -21,14 +33,16 @@
 // environment, deleting spaces) is outside the timing. The bin-packing runs
 // report the bins found, whether they are proven optimal, ceil(sum /
 // capacity), the engine's lower bound, the first-fit decreasing count and
-// the search nodes as counters.
+// the search nodes as counters. The bin-packing runs are timed in CPU time.
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <numeric>
 #include <random>
+#include <string>
 #include <vector>
 
 #include <gecode/int.hh>
@@ -122,23 +136,29 @@ class Plain : public Gecode::Space {
   Gecode::IntVarArray x;
 };
 
+// The variables and rows of `rows` posted to a new Gecode space.
+std::unique_ptr<Plain> PostDirect(const Rows& rows) {
+  long n = static_cast<long>(rows.coef.size()) / kTerms;
+  auto space = std::make_unique<Plain>();
+  space->x = Gecode::IntVarArray(*space, static_cast<int>(rows.columns), 0, 10);
+  for (long i = 0; i < n; ++i) {
+    Gecode::IntArgs c(kTerms);
+    Gecode::IntVarArgs xs(kTerms);
+    for (int k = 0; k < kTerms; ++k) {
+      size_t at = static_cast<size_t>(i * kTerms + k);
+      c[k] = rows.coef[at];
+      xs[k] = space->x[rows.column[at]];
+    }
+    Gecode::linear(*space, c, xs, Gecode::IRT_GQ, 1);
+    Gecode::linear(*space, c, xs, Gecode::IRT_LQ, kUpper);
+  }
+  return space;
+}
+
 void BM_ExtractDirect(benchmark::State& state) {
   Rows rows = Generate(state.range(0));
-  long n = static_cast<long>(rows.coef.size()) / kTerms;
   for (auto _ : state) {
-    auto space = std::make_unique<Plain>();
-    space->x = Gecode::IntVarArray(*space, static_cast<int>(rows.columns), 0, 10);
-    for (long i = 0; i < n; ++i) {
-      Gecode::IntArgs c(kTerms);
-      Gecode::IntVarArgs xs(kTerms);
-      for (int k = 0; k < kTerms; ++k) {
-        size_t at = static_cast<size_t>(i * kTerms + k);
-        c[k] = rows.coef[at];
-        xs[k] = space->x[rows.column[at]];
-      }
-      Gecode::linear(*space, c, xs, Gecode::IRT_GQ, 1);
-      Gecode::linear(*space, c, xs, Gecode::IRT_LQ, kUpper);
-    }
+    std::unique_ptr<Plain> space = PostDirect(rows);
     state.PauseTiming();
     space.reset();
     state.ResumeTiming();
@@ -146,25 +166,68 @@ void BM_ExtractDirect(benchmark::State& state) {
   state.counters["nnz"] = static_cast<double>(state.range(0));
 }
 
+size_t HeapInUse() {
+  struct mallinfo2 mi = mallinfo2();
+  return mi.uordblks + mi.hblkhd;
+}
+
+void BM_Memory(benchmark::State& state) {
+  Rows rows = Generate(state.range(0));
+  // Each step's bytes, per nonzero and per variable.
+  auto count = [&state, &rows](const char* step, size_t before, size_t after) {
+    auto bytes = static_cast<double>(after - before);
+    state.counters[std::string(step) + "_B_per_nnz"] =
+        bytes / static_cast<double>(rows.coef.size());
+    state.counters[std::string(step) + "_B_per_var"] = bytes / static_cast<double>(rows.columns);
+  };
+  for (auto _ : state) {
+    size_t heap[4];
+    heap[0] = HeapInUse();
+    QelEnv env;
+    {
+      QelModel m = BuildRows(env, rows);
+      heap[1] = HeapInUse();
+      QelGecode cp(env);
+      cp.extract(m);
+      heap[2] = HeapInUse();
+      std::unique_ptr<Plain> direct = PostDirect(rows);
+      heap[3] = HeapInUse();
+      count("model", heap[0], heap[1]);
+      count("engine", heap[1], heap[2]);
+      count("direct", heap[2], heap[3]);
+      direct.reset();
+      cp.end();
+    }
+    env.end();
+  }
+}
+BENCHMARK(BM_Memory)->Name("memory")->Arg(1000000)->Iterations(1)->Unit(benchmark::kMillisecond);
+
 BENCHMARK(BM_ExtractQel)
     ->Name("extract_qel")
     ->Arg(10000)
     ->Arg(100000)
+    ->Arg(200000)
     ->Arg(1000000)
+    ->Arg(2000000)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 BENCHMARK(BM_BuildQel)
     ->Name("build_qel")
     ->Arg(10000)
     ->Arg(100000)
+    ->Arg(200000)
     ->Arg(1000000)
+    ->Arg(2000000)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 BENCHMARK(BM_ExtractDirect)
     ->Name("extract_direct")
     ->Arg(10000)
     ->Arg(100000)
+    ->Arg(200000)
     ->Arg(1000000)
+    ->Arg(2000000)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
@@ -173,7 +236,9 @@ BENCHMARK(BM_ExtractDirect)
 constexpr int kItems = 120;
 constexpr long kCapacity = 150;
 
-void BM_BinPackEngine(benchmark::State& state) {
+// Solves the instance of the seed `state.range(0)` through the engine with
+// the pack search `pack`.
+void BinPackEngine(benchmark::State& state, const char* pack) {
   std::vector<int> w =
       binpacking::Weights(kItems, 20, 100, static_cast<std::uint32_t>(state.range(0)));
   long m = binpacking::FirstFitDecreasing(w, kCapacity);
@@ -182,6 +247,7 @@ void BM_BinPackEngine(benchmark::State& state) {
   binpacking::Model bp = binpacking::Build(env, w, m, kCapacity);
   cp.extract(bp.model);
   cp.setTimeLimit(10);
+  cp.setParam("packSearch", pack);
   QelEngineStatus status = QelEngineStatus::Unknown;
   for (auto _ : state) status = cp.solve();
   state.counters["bins"] = cp.getReport().objective;
@@ -190,16 +256,118 @@ void BM_BinPackEngine(benchmark::State& state) {
   state.counters["lower_bound"] = static_cast<double>(QelGecodeBinLowerBound(w, kCapacity));
   state.counters["ffd"] = static_cast<double>(m);
   state.counters["nodes"] = static_cast<double>(cp.getReport().nodes);
+  state.counters["restarts"] = static_cast<double>(cp.getImpl()->getSearchStats().restarts);
   cp.end();
   env.end();
 }
 
+void BM_BinPackEngine(benchmark::State& state) { BinPackEngine(state, "alternate"); }
+void BM_BinPackItemsEngine(benchmark::State& state) { BinPackEngine(state, "items"); }
+
 BENCHMARK(BM_BinPackEngine)
     ->Name("binpack_engine")
-    ->DenseRange(1, 5)
+    ->DenseRange(1, 10)
     ->Iterations(1)
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime();
+    ->Unit(benchmark::kMillisecond);
+
+// The engine's form of the bin packing, and its item-by-item search.
+class Packing : public Gecode::Space {
+ public:
+  Packing(const std::vector<int>& w, int bins, int capacity) : weights(w) {
+    Gecode::IntVarArray load(*this, bins, 0, capacity);
+    where = Gecode::IntVarArray(*this, static_cast<int>(w.size()), 0, bins - 1);
+    count = Gecode::IntVar(*this, 0, bins);
+    Gecode::IntArgs sizes(static_cast<int>(w.size()));
+    for (size_t i = 0; i < w.size(); ++i) sizes[static_cast<int>(i)] = w[i];
+    Gecode::binpacking(*this, load, where, sizes);
+    Gecode::nvalues(*this, where, Gecode::IRT_EQ, count);
+    Gecode::rel(*this, count, Gecode::IRT_GQ,
+                static_cast<int>(QelGecodeBinLowerBound(w, capacity)));
+    for (int i = 0; i < where.size(); ++i) Gecode::rel(*this, where[i], Gecode::IRT_LE, count);
+    // Heaviest first, each into the fullest bin that takes it; kept out of
+    // a bin, kept out of every bin of the same load.
+    std::vector<int> order(w.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::stable_sort(order.begin(), order.end(), [&w](int a, int b) {
+      return w[static_cast<size_t>(a)] > w[static_cast<size_t>(b)];
+    });
+    Gecode::IntVarArgs items;
+    for (int i : order) items << where[i];
+    Gecode::branch(*this, count, Gecode::INT_VAL_MAX());
+    Gecode::branch(*this, items, Gecode::INT_VAR_NONE(), Gecode::INT_VAL(&BestBin, &Commit));
+  }
+  Packing(Packing& other) : Gecode::Space(other), weights(other.weights) {
+    where.update(*this, other.where);
+    count.update(*this, other.count);
+  }
+  Gecode::Space* copy() override { return new Packing(*this); }
+  void constrain(const Gecode::Space& best) override {
+    Gecode::rel(*this, count, Gecode::IRT_LE, static_cast<const Packing&>(best).count.val());
+  }
+  std::vector<long> loads() const {
+    std::vector<long> load(static_cast<size_t>(count.max()) + 1, 0);
+    for (int i = 0; i < where.size(); ++i)
+      if (where[i].assigned())
+        load[static_cast<size_t>(where[i].val())] += weights[static_cast<size_t>(i)];
+    return load;
+  }
+  static int BestBin(const Gecode::Space& home, Gecode::IntVar x, int) {
+    std::vector<long> load = static_cast<const Packing&>(home).loads();
+    int best = x.min();
+    for (Gecode::IntVarValues v(x); v(); ++v)
+      if (load[static_cast<size_t>(v.val())] > load[static_cast<size_t>(best)]) best = v.val();
+    return best;
+  }
+  static void Commit(Gecode::Space& home, unsigned int a, Gecode::IntVar x, int, int b) {
+    if (a == 0) {
+      Gecode::rel(home, x, Gecode::IRT_EQ, b);
+      return;
+    }
+    std::vector<long> load = static_cast<Packing&>(home).loads();
+    for (size_t e = 0; e < load.size(); ++e)
+      if (load[e] == load[static_cast<size_t>(b)])
+        Gecode::rel(home, x, Gecode::IRT_NQ, static_cast<int>(e));
+  }
+
+  std::vector<int> weights;
+  Gecode::IntVarArray where;
+  Gecode::IntVar count;
+};
+
+void BM_BinPackItemsDirect(benchmark::State& state) {
+  std::vector<int> w =
+      binpacking::Weights(kItems, 20, 100, static_cast<std::uint32_t>(state.range(0)));
+  int m = static_cast<int>(binpacking::FirstFitDecreasing(w, kCapacity));
+  double bins = 0;
+  bool optimal = false;
+  double nodes = 0;
+  for (auto _ : state) {
+    auto root = std::make_unique<Packing>(w, m, static_cast<int>(kCapacity));
+    Gecode::Search::TimeStop limit(10000);
+    Gecode::Search::Options options;
+    options.stop = &limit;
+    Gecode::BAB<Packing> engine(root.get(), options);
+    std::unique_ptr<Packing> best;
+    while (Packing* s = engine.next()) best.reset(s);
+    bins = best ? best->count.val() : 0;
+    optimal = best && !engine.stopped();
+    nodes = static_cast<double>(engine.statistics().node);
+  }
+  state.counters["bins"] = bins;
+  state.counters["optimal"] = optimal ? 1 : 0;
+  state.counters["nodes"] = nodes;
+}
+
+BENCHMARK(BM_BinPackItemsEngine)
+    ->Name("binpack_items_engine")
+    ->DenseRange(1, 10)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_BinPackItemsDirect)
+    ->Name("binpack_items_direct")
+    ->DenseRange(1, 10)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
 
 // ---- queens ------------------------------------------------------------------------
 

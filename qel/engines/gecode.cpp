@@ -23,13 +23,23 @@
 
 namespace {
 
+class ModelSpace;
+
+// Posts the branchings of a searched space; `restart` counts the restarts
+// of the search so far (0 for a search without restarts).
+class BranchingPoster {
+ public:
+  virtual ~BranchingPoster() = default;
+  virtual void post(ModelSpace& work, unsigned long restart) const = 0;
+};
+
 // The space: every integer variable the engine made (the model's variables
 // and auxiliary ones), the set variables, and, in the copy that is searched,
 // the criteria of the objective.
 class ModelSpace : public Gecode::Space {
  public:
   ModelSpace() = default;
-  ModelSpace(ModelSpace& other) : Gecode::Space(other), sense(other.sense) {
+  ModelSpace(ModelSpace& other) : Gecode::Space(other), sense(other.sense), poster(other.poster) {
     vars.resize(other.vars.size());
     for (size_t i = 0; i < vars.size(); ++i) vars[i].update(*this, other.vars[i]);
     sets.resize(other.sets.size());
@@ -38,9 +48,18 @@ class ModelSpace : public Gecode::Space {
     items.resize(other.items.size());
     for (size_t i = 0; i < items.size(); ++i) items[i].update(*this, other.items[i]);
     bins = other.bins;
+    capacity = other.capacity;
     weights = other.weights;
   }
   Gecode::Space* copy() override { return new ModelSpace(*this); }
+  // A search with restarts posts the branchings into each fresh copy, so
+  // that they may change from one restart to the next. Every copy is the
+  // whole problem: a run that ends before its cutoff has explored it all.
+  bool slave(const Gecode::MetaInfo& mi) override {
+    if (poster != nullptr)
+      poster->post(*this, mi.type() == Gecode::MetaInfo::RESTART ? mi.restart() : 0);
+    return true;
+  }
   // Branch and bound: the next solution is lexicographically better on the
   // criteria (one criterion: simply better).
   void constrain(const Gecode::Space& best) override {
@@ -56,10 +75,14 @@ class ModelSpace : public Gecode::Space {
   std::vector<Gecode::SetVar> sets;
   Gecode::IntVarArray costs;
   int sense = 1;  // 1: minimize, -1: maximize
+  // Posts the branchings into the copies of a search with restarts (null:
+  // they are posted once, before the search).
+  const BranchingPoster* poster = nullptr;
   // The items of the packs whose bins are interchangeable, and the number
   // of bins of each, for the search that skips equivalent empty bins.
   std::vector<Gecode::IntVarArray> items;
   std::vector<int> bins;
+  std::vector<int> capacity;              // the largest load of a bin
   std::vector<std::vector<int>> weights;  // in the order of `items`
 };
 
@@ -107,6 +130,120 @@ void CommitItem(Gecode::Space& home, unsigned int alternative, Gecode::IntVar x,
       Gecode::rel(home, x, Gecode::IRT_NQ, static_cast<int>(e));
 }
 
+// The other search of a pack with interchangeable bins: bin by bin. The
+// lowest bin some item can still go into is filled first, with the items
+// that can go there, heaviest first: item i goes into bin j, or it and
+// every item of the same weight (the same choice) stay out of j. Two rules
+// take one alternative only, as a packing with the item elsewhere can be
+// changed into one with it there:
+//   - the bin is empty, so are all the bins above it, and the item is the
+//     heaviest left: the empty bins are interchangeable;
+//   - the bin holds items and has room for one more at most: any packing
+//     that gives the bin a lighter item t (or none) instead swaps t and i.
+class BinByBin : public Gecode::Brancher {
+ public:
+  static void post(ModelSpace& home, int pack) { (void)new (home) BinByBin(home, pack); }
+  BinByBin(Gecode::Space& home, BinByBin& other)
+      : Gecode::Brancher(home, other), _pack(other._pack) {}
+  Gecode::Actor* copy(Gecode::Space& home) override { return new (home) BinByBin(home, *this); }
+  size_t dispose(Gecode::Space& home) override {
+    (void)Gecode::Brancher::dispose(home);
+    return sizeof(*this);
+  }
+  bool status(const Gecode::Space& home) const override {
+    const Gecode::IntVarArray& x = items(home);
+    for (int i = 0; i < x.size(); ++i)
+      if (!x[i].assigned()) return true;
+    return false;
+  }
+  const Gecode::Choice* choice(Gecode::Space& home) override {
+    const auto& space = static_cast<const ModelSpace&>(home);
+    const Gecode::IntVarArray& x = items(home);
+    const std::vector<int>& w = space.weights[static_cast<size_t>(_pack)];
+    std::vector<long> load = PlacedLoads(space, _pack);
+    long capacity = space.capacity[static_cast<size_t>(_pack)];
+    int heaviest = -1;
+    for (int i = 0; i < x.size() && heaviest < 0; ++i)
+      if (!x[i].assigned()) heaviest = i;
+    for (size_t j = 0; j < load.size(); ++j) {
+      int first = -1;
+      long light1 = capacity + 1;  // the two lightest other candidates
+      long light2 = capacity + 1;
+      for (int i = 0; i < x.size(); ++i) {
+        if (x[i].assigned() || !x[i].in(static_cast<int>(j))) continue;
+        if (first < 0) {
+          first = i;
+          continue;
+        }
+        long v = w[static_cast<size_t>(i)];
+        if (v < light1) {
+          light2 = light1;
+          light1 = v;
+        } else if (v < light2) {
+          light2 = v;
+        }
+      }
+      if (first < 0) continue;
+      bool only = false;
+      if (load[j] == 0)
+        only = first == heaviest && std::all_of(load.begin() + static_cast<std::ptrdiff_t>(j),
+                                                load.end(), [](long l) { return l == 0; });
+      else
+        only = capacity - load[j] < light1 + light2;
+      return new Place(*this, only ? 1U : 2U, first, static_cast<int>(j));
+    }
+    return new Place(*this, 1U, heaviest, static_cast<int>(x[heaviest].min()));
+  }
+  const Gecode::Choice* choice(const Gecode::Space&, Gecode::Archive& e) override {
+    int item = 0;
+    int bin = 0;
+    e >> item >> bin;
+    return new Place(*this, 2U, item, bin);
+  }
+  Gecode::ExecStatus commit(Gecode::Space& home, const Gecode::Choice& c,
+                            unsigned int alternative) override {
+    const auto& p = static_cast<const Place&>(c);
+    const Gecode::IntVarArray& x = items(home);
+    if (alternative == 0) {
+      Gecode::rel(home, x[p.item], Gecode::IRT_EQ, p.bin);
+    } else {
+      const std::vector<int>& w =
+          static_cast<const ModelSpace&>(home).weights[static_cast<size_t>(_pack)];
+      int weight = w[static_cast<size_t>(p.item)];
+      for (int i = 0; i < x.size(); ++i)
+        if (!x[i].assigned() && w[static_cast<size_t>(i)] == weight)
+          Gecode::rel(home, x[i], Gecode::IRT_NQ, p.bin);
+    }
+    return home.failed() ? Gecode::ES_FAILED : Gecode::ES_OK;
+  }
+  void print(const Gecode::Space&, const Gecode::Choice& c, unsigned int alternative,
+             std::ostream& os) const override {
+    const auto& p = static_cast<const Place&>(c);
+    os << "item " << p.item << (alternative == 0 ? " in bin " : " not in bin ") << p.bin;
+  }
+
+ private:
+  // Item `item` (in the order of the pack search) in bin `bin`, or not.
+  class Place : public Gecode::Choice {
+   public:
+    Place(const Gecode::Brancher& b, unsigned int alternatives, int i, int j)
+        : Gecode::Choice(b, alternatives), item(i), bin(j) {}
+    void archive(Gecode::Archive& e) const override {
+      Gecode::Choice::archive(e);
+      e << item << bin;
+    }
+    int item;
+    int bin;
+  };
+
+  BinByBin(ModelSpace& home, int pack) : Gecode::Brancher(home), _pack(pack) {}
+  const Gecode::IntVarArray& items(const Gecode::Space& home) const {
+    return static_cast<const ModelSpace&>(home).items[static_cast<size_t>(_pack)];
+  }
+
+  int _pack;
+};
+
 // An expression in Gecode form: expr + offset (the offset gathers the
 // constants, which need not be integral).
 struct GExpr {
@@ -143,6 +280,12 @@ Names<QelGecodeRestart> RestartNames() {
   return {{"none", QelGecodeRestart::None},
           {"luby", QelGecodeRestart::Luby},
           {"geometric", QelGecodeRestart::Geometric}};
+}
+
+Names<QelGecodePackSearch> PackSearchNames() {
+  return {{"alternate", QelGecodePackSearch::Alternate},
+          {"items", QelGecodePackSearch::Items},
+          {"bins", QelGecodePackSearch::Bins}};
 }
 
 // The model's variables the engine made, with the bounds they had: found
@@ -244,6 +387,7 @@ struct PackItems {
   std::vector<int> bins;     // the root variables holding each item's bin
   std::vector<int> weights;  // each item's weight
   int binCount = 0;          // the number of bins
+  int capacity = 0;          // the largest load of a bin
   bool sameBins = false;     // whether the bins are interchangeable (same load
                              // bounds, every item free to go into any bin)
 };
@@ -392,6 +536,7 @@ class GecodeEngine : public QelGecodeI {
     for (int j = 0; j < loads.size(); ++j) capacity = std::max(capacity, loads[j].max());
     for (int i = 0; i < sizes.size(); ++i) items.weights.push_back(sizes[i]);
     items.binCount = loads.size();
+    items.capacity = capacity;
     items.sameBins = true;
     for (int j = 1; j < loads.size(); ++j)
       items.sameBins =
@@ -553,7 +698,8 @@ class GecodeEngine : public QelGecodeI {
 
  public:
   std::vector<std::string> getEngineParamNames() const override {
-    return {"varSelect", "valSelect", "restart", "restartScale", "restartBase", "failLimit"};
+    return {"varSelect",   "valSelect", "restart",   "restartScale",
+            "restartBase", "failLimit", "packSearch"};
   }
 
  protected:
@@ -564,6 +710,8 @@ class GecodeEngine : public QelGecodeI {
       _search.value = Choice(name, value, ValSelectNames());
     } else if (name == "restart") {
       _search.restart = Choice(name, value, RestartNames());
+    } else if (name == "packSearch") {
+      _search.pack = Choice(name, value, PackSearchNames());
     } else if (name == "restartScale" || name == "failLimit") {
       double v = paramNumber(name, value);
       if (v < 0 || v != std::floor(v) || v > 1e15)
@@ -667,7 +815,8 @@ class GecodeEngine : public QelGecodeI {
   }
 
   static int IntCoef(GecodeEngine* self, const QelExtractableI* owner, double c) {
-    if (!QelIsIntegerValue(c) || !FitsInt(c))
+    // Within Gecode's range first, so that the conversion is defined.
+    if (!FitsInt(c) || static_cast<double>(static_cast<int>(c)) != c)
       throw self->refuse(owner, "the coefficient " + std::to_string(c) +
                                     " is not an integer within Gecode's range");
     return static_cast<int>(c);
@@ -764,12 +913,19 @@ class GecodeEngine : public QelGecodeI {
     if (const auto* t = QelDynamicCast<const QelNumLinTermI>(r->getExpr())) parts = &t->getParts();
     if (const auto* t = QelDynamicCast<const QelIntLinTermI>(r->getExpr())) parts = &t->getParts();
     if (parts == nullptr || parts->quadHead != nullptr || parts->aggHead != nullptr) return false;
-    Gecode::IntArgs coefs;
-    Gecode::IntVarArgs xs;
+    // The arrays are sized once: growing them term by term costs a copy
+    // per doubling, which shows at millions of nonzeros.
+    int terms = 0;
+    for (const QelLinTermNode* n = parts->head; n != nullptr; n = n->next)
+      terms += n->coef == 0.0 ? 0 : 1;
+    Gecode::IntArgs coefs(terms);
+    Gecode::IntVarArgs xs(terms);
+    int at = 0;
     for (const QelLinTermNode* n = parts->head; n != nullptr; n = n->next) {
       if (n->coef == 0.0) continue;
-      coefs << IntCoef(this, r, n->coef);
-      xs << var(*_root, n->var, true);
+      coefs[at] = IntCoef(this, r, n->coef);
+      xs[at] = var(*_root, n->var, true);
+      ++at;
     }
     double lb = r->getLB() - parts->constant;
     double ub = r->getUB() - parts->constant;
@@ -885,7 +1041,7 @@ class GecodeEngine : public QelGecodeI {
   // first bin that takes it; then the model's variables with the chosen
   // selections; then the auxiliary variables and the sets, so that every
   // variable has a value in a solution; the criteria last.
-  void postBranching(ModelSpace& work) const {
+  void postBranching(ModelSpace& work, unsigned long restart) const {
     auto seed = static_cast<unsigned int>(std::max(0, getParams().randomSeed));
     Gecode::Rnd rnd;
     if (_search.value == QelGecodeValSelect::Random) rnd = Gecode::Rnd(seed);
@@ -911,6 +1067,7 @@ class GecodeEngine : public QelGecodeI {
           int index = static_cast<int>(work.items.size());
           work.items.emplace_back(work, items);
           work.bins.push_back(pack.binCount);
+          work.capacity.push_back(pack.capacity);
           work.weights.push_back(itemWeights);
           // With the empty bins taken lowest first, the bins used are the
           // first ones: every item lies below the used count, which lets a
@@ -923,12 +1080,17 @@ class GecodeEngine : public QelGecodeI {
           // once, and each better count is then searched from the top of
           // the tree rather than below the last packing.
           Gecode::branch(work, count, Gecode::INT_VAL_MAX());
-          Gecode::branch(
-              work, items, Gecode::INT_VAR_NONE(),
-              Gecode::INT_VAL([index](const Gecode::Space& home, Gecode::IntVar x,
-                                      int) { return BestBin(home, x, index); },
-                              [index](Gecode::Space& home, unsigned int a, Gecode::IntVar x, int,
-                                      int b) { CommitItem(home, a, x, index, b); }));
+          bool binByBin = _search.pack == QelGecodePackSearch::Bins ||
+                          (_search.pack == QelGecodePackSearch::Alternate && restart % 2 == 1);
+          if (binByBin)
+            BinByBin::post(work, index);
+          else
+            Gecode::branch(
+                work, items, Gecode::INT_VAR_NONE(),
+                Gecode::INT_VAL([index](const Gecode::Space& home, Gecode::IntVar x,
+                                        int) { return BestBin(home, x, index); },
+                                [index](Gecode::Space& home, unsigned int a, Gecode::IntVar x, int,
+                                        int b) { CommitItem(home, a, x, index, b); }));
         } else {
           Gecode::branch(work, items, Gecode::INT_VAR_NONE(), valBranch(rnd));
         }
@@ -1073,7 +1235,18 @@ class GecodeEngine : public QelGecodeI {
       work->costs = Gecode::IntVarArray(*work, costs);
       work->sense = obj->getSense() == QelObjective::Minimize ? 1 : -1;
     }
-    postBranching(*work);
+    // A pack with interchangeable bins gets two searches in turn, one per
+    // restart: item by item (the heaviest into the fullest bin that takes
+    // it) and bin by bin (see BinByBin). Each is complete; a run that ends
+    // before its cutoff has proven what it found.
+    bool portfolio = _search.pack == QelGecodePackSearch::Alternate &&
+                     _search.variable == QelGecodeVarSelect::Automatic &&
+                     _search.value == QelGecodeValSelect::Automatic && _enumerate == nullptr &&
+                     interchangeableBins();
+    if (portfolio)
+      work->poster = &_poster;
+    else
+      postBranching(*work, 0);
     Limits limits(*this, static_cast<unsigned long>(getParams().nodeLimit), _search.failLimit);
     if (obj != nullptr) {
       // The bound root propagation gives the first criterion.
@@ -1085,8 +1258,11 @@ class GecodeEngine : public QelGecodeI {
     Gecode::Search::Options options;
     options.threads = getParams().threads;
     options.stop = &limits;
-    bool restarts = _search.restart != QelGecodeRestart::None && _enumerate == nullptr;
-    if (restarts) {
+    bool restarts =
+        (_search.restart != QelGecodeRestart::None || portfolio) && _enumerate == nullptr;
+    if (portfolio && _search.restart == QelGecodeRestart::None) {
+      options.cutoff = Gecode::Search::Cutoff::geometric(kPackCutoff, 2);
+    } else if (restarts) {
       options.cutoff =
           _search.restart == QelGecodeRestart::Luby
               ? Gecode::Search::Cutoff::luby(_search.restartScale)
@@ -1123,6 +1299,23 @@ class GecodeEngine : public QelGecodeI {
     return stopped ? QelEngineStatus::Feasible : QelEngineStatus::Optimal;
   }
 
+  // Posts the branchings into each copy of a search with restarts.
+  class Poster : public BranchingPoster {
+   public:
+    explicit Poster(const GecodeEngine* engine) : _engine(engine) {}
+    void post(ModelSpace& work, unsigned long restart) const override {
+      _engine->postBranching(work, restart);
+    }
+
+   private:
+    const GecodeEngine* _engine;
+  };
+
+  // Failures before the first restart of the two pack searches (the
+  // cutoff doubles at each restart).
+  static constexpr unsigned long kPackCutoff = 50;
+
+  Poster _poster{this};
   std::unique_ptr<ModelSpace> _root;
   VarTable _vars;
   std::unordered_map<const QelIntSetVarI*, int> _setIndex;

@@ -31,11 +31,16 @@
 // variable of its own free to go into any bin, there is no used set, and the
 // objective is the used count), the search goes further: the count is
 // branched on first, from the most bins down, every item is kept below it
-// (the bins used are the first ones), each item goes into the fullest bin
-// that takes it, and an item kept out of a bin is kept out of every bin
-// holding the same load (they are the same choice). Every other variable,
-// and every model without a pack, is searched first-fail (smallest domain
-// first, smallest value first). A QelGecodeSearch replaces the default:
+// (the bins used are the first ones), and two complete searches take turns,
+// one per restart (the first after 50 failures, each cutoff twice the one
+// before, unless restarts are asked for): item by item, each item into the fullest bin that takes
+// it, an item kept out of a bin being kept out of every bin holding the same load; and bin by bin,
+// the lowest open bin filled heaviest item first, an item kept out of a bin with every item of its
+// weight, the heaviest item left going into the first empty bin, and a bin with room for one more
+// item taking the heaviest that fits (QelGecodePackSearch picks one of the two alone). A run that
+// ends before its cutoff has explored the whole tree; the status is Optimal only then, or when a
+// packing meets the lower bound. Every other variable, and every model without a pack, is searched
+// first-fail (smallest domain first, smallest value first). A QelGecodeSearch replaces the default:
 // variable and value selection, restarts with a Luby or geometric cutoff
 // sequence (counted in failures), and a limit on failures. The shared settings apply as well: time,
 // node and solution limits, gaps (against the bound the root propagation gives the first
@@ -97,12 +102,21 @@ enum class QelGecodeRestart {
   Geometric  ///< cutoffs scale * base^k
 };
 
+/// How a pack with interchangeable bins is searched (see the header's
+/// paragraph on the search).
+enum class QelGecodePackSearch {
+  Alternate,  ///< item by item and bin by bin in turn, one per restart
+  Items,      ///< item by item only: the heaviest into the fullest bin that takes it
+  Bins        ///< bin by bin only: the lowest open bin filled heaviest item first
+};
+
 /// How the Gecode engine searches, beyond the shared settings (time, node
 /// and solution limits, threads, seed, gaps, log level: QelEngineParams).
 /// Each field can also be set by name through setParam: "varSelect"
 /// (auto, inorder, firstfail, degree, domafc, random), "valSelect" (auto,
 /// min, max, median, splitmin, splitmax, random), "restart" (none, luby,
-/// geometric), "restartScale", "restartBase", "failLimit".
+/// geometric), "restartScale", "restartBase", "failLimit", "packSearch"
+/// (alternate, items, bins).
 struct QelGecodeSearch {
   QelGecodeVarSelect variable = QelGecodeVarSelect::Automatic;  ///< variable selection
   QelGecodeValSelect value = QelGecodeValSelect::Automatic;     ///< value selection
@@ -110,6 +124,7 @@ struct QelGecodeSearch {
   unsigned long restartScale = 100;  ///< failures of the first restart cutoff
   double restartBase = 1.5;          ///< growth of the geometric cutoff
   unsigned long failLimit = 0;       ///< stop after this many failures (0: none)
+  QelGecodePackSearch pack = QelGecodePackSearch::Alternate;  ///< search of a pack's items
 };
 
 /// What the last search of the Gecode engine did.

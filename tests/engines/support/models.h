@@ -69,6 +69,29 @@ inline long FirstFitDecreasing(std::vector<int> w, long capacity) {
   return static_cast<long>(room.size());
 }
 
+/// The fewest bins of `capacity` the items `w` fit into, by dynamic
+/// programming over the subsets of items (for a handful of items only: 2^n
+/// states): for each subset, the fewest bins and the smallest load of the
+/// last of them when the subset is packed in some order, each item into the
+/// last bin or a new one.
+inline long ExactBins(const std::vector<int>& w, long capacity) {
+  size_t n = w.size();
+  std::vector<std::pair<long, long>> best(size_t{1} << n, {0, 0});  // (bins, last load)
+  best[0] = {0, capacity};  // "full": the first item opens a bin
+  for (size_t mask = 1; mask < best.size(); ++mask) {
+    best[mask] = {static_cast<long>(n) + 1, 0};
+    for (size_t i = 0; i < n; ++i) {
+      if ((mask & (size_t{1} << i)) == 0) continue;
+      std::pair<long, long> before = best[mask ^ (size_t{1} << i)];
+      std::pair<long, long> after = before.second + w[i] <= capacity
+                                        ? std::make_pair(before.first, before.second + w[i])
+                                        : std::make_pair(before.first + 1, static_cast<long>(w[i]));
+      best[mask] = std::min(best[mask], after);
+    }
+  }
+  return best.back().first;
+}
+
 /// A bin-packing model: `bins` bins of `capacity`, item i of weight w[i]
 /// in bin where[i], minimize the number of bins used.
 struct Model {
