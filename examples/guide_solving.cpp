@@ -41,7 +41,7 @@ void Solving() {
   // guide: values
   QelIntExpr hours = 3 * make[1] + 4 * make[2];
   std::cout << mip.getValue(make[1]) << " " << mip.getValue(hours) << "\n";
-  hours.end();                                              // used by nothing: ours to end
+  hours.end();                                // used by nothing: ours to end
   QelNumArray amounts = mip.getValues(make);  // a new array, ours to end
   std::cout << amounts << "\n";
   amounts.end();

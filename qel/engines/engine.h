@@ -610,7 +610,9 @@ class QelEngine {
   /// The values of every element of `xs` in the solution, in one new array
   /// of the engine's environment (the caller ends it; see
   /// QelAlgorithm::getValues).
-  QelNumArray getValues(const QelNumExprArray& xs) const { return QelAlgorithm(impl()).getValues(xs); }
+  QelNumArray getValues(const QelNumExprArray& xs) const {
+    return QelAlgorithm(impl()).getValues(xs);
+  }
   /// Whether the last solve found a solution.
   bool hasSolution() const { return impl()->hasSolution(); }
   /// What the engine did so far.
