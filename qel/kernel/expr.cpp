@@ -1260,7 +1260,7 @@ QelNumExprI* Accumulate(QelNumExprI* self, bool intHandle, double selfFactor, Qe
   // appends (and is undone when an allocation is refused), or takes over
   // the nodes of a consumed temporary term.
   QelLinearParts* p = InPlaceParts(self, intHandle, selfFactor, t, factor, c);
-  if (p != nullptr && (selfFactor == 1 || t == nullptr)) {
+  if (p != nullptr && self != nullptr && (selfFactor == 1 || t == nullptr)) {
     QelLinearParts* from = t != nullptr && tConsumed && t != self && t->isTemporary()
                                ? const_cast<QelLinearParts*>(PartsOf(t))
                                : nullptr;
