@@ -36,7 +36,8 @@ QelExtractableI::~QelExtractableI() {
   // Still registered: deleted directly, not through end(), or a derived
   // constructor threw. Removed from everything here, while the base part is
   // whole; a failing listener is reported once the object is released.
-  std::exception_ptr failure = _env->takeDeleteFailure(this);
+  std::exception_ptr failure;
+  if (_env->hasKeptDeleteFailure()) failure = _env->takeDeleteFailure(this);
   if (_id >= 0) {
     try {
       _env->removeFromAllAndDestroy(this, 1);

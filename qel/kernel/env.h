@@ -380,6 +380,8 @@ class QEL_API QelEnvI {
     _deleteFailureOf = x;
     _deleteFailure = std::move(e);
   }
+  /// Whether a failure is kept (for any object).
+  QelBool hasKeptDeleteFailure() const { return _deleteFailureOf != nullptr; }
   /// The failure kept for `x`, or null; it is forgotten.
   std::exception_ptr takeDeleteFailure(const QelExtractableI* x) noexcept {
     if (_deleteFailureOf != x || x == nullptr) return nullptr;

@@ -1260,7 +1260,7 @@ QelNumExprI* Accumulate(QelNumExprI* self, bool intHandle, double selfFactor, Qe
   // appends (and is undone when an allocation is refused), or takes over
   // the nodes of a consumed temporary term.
   QelLinearParts* p = InPlaceParts(self, intHandle, selfFactor, t, factor, c);
-  if (p != nullptr && (selfFactor == 1 || t == nullptr)) {
+  if (p != nullptr && self != nullptr && (selfFactor == 1 || t == nullptr)) {
     QelLinearParts* from = t != nullptr && tConsumed && t != self && t->isTemporary()
                                ? const_cast<QelLinearParts*>(PartsOf(t))
                                : nullptr;
@@ -1297,12 +1297,20 @@ QelNumExprI* Accumulate(QelNumExprI* self, bool intHandle, double selfFactor, Qe
 // end of self, or t's nodes move there and t goes at once, as Accumulate
 // and Discard would do, without their tests of every other shape. False,
 // with nothing done, for any other operands.
+// QelNumExprI::isTemporary for a linear term (a reference-counted class):
+// no virtual call, the removal mark read in place.
+inline bool TemporaryTerm(const QelNumExprI* e) {
+  QelInt id = e->getId();
+  return !e->isShared() && e->getUseCount() <= 0 && id >= 0 &&
+         e->getEnv()->getExtractableTable()[id] != QelEnvI::RemovalMark;
+}
+
 bool AppendConsumed(QelNumExprI* self, QelNumExprI* t, bool intFamily) {
   if (self == nullptr || t == nullptr || self == t) return false;
   QelTypeInfo kind = intFamily ? QelIntLinTermI::GetTypeInfo() : QelNumLinTermI::GetTypeInfo();
   QelTypeInfo tKind = t->getTypeInfo();
   if ((tKind != kind && tKind != QelNumVarI::GetTypeInfo()) || self->getTypeInfo() != kind ||
-      !self->isTemporary())
+      !TemporaryTerm(self))
     return false;
   // The classes are known: no PartsOf.
   auto partsOf = [intFamily](QelNumExprI* e) -> QelLinearParts& {
@@ -1315,8 +1323,24 @@ bool AppendConsumed(QelNumExprI* self, QelNumExprI* t, bool intFamily) {
     PartsAppender(self->getEnv(), parts).linear(1, static_cast<QelNumVarI*>(t));
     return true;
   }
-  if (!t->isTemporary()) return false;
-  SpliceParts(parts, partsOf(t), 1);
+  if (!TemporaryTerm(t)) return false;
+  QelLinearParts& from = partsOf(t);
+  if (from.head != nullptr && from.quadHead == nullptr && from.aggHead == nullptr) {
+    // Linear nodes only (c * x): SpliceParts, its walks of the other lists
+    // left out.
+    if (parts.tail != nullptr)
+      parts.tail->next = from.head;
+    else
+      parts.head = from.head;
+    parts.tail = from.tail;
+    parts.decision = parts.head->var;
+    parts.constant += from.constant;
+    from.head = from.tail = nullptr;
+    from.constant = 0;
+    from.decision = nullptr;
+  } else {
+    SpliceParts(parts, from, 1);
+  }
   t->getEnv()->unregister(t);
   delete t;
   return true;
