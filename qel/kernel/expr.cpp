@@ -673,8 +673,19 @@ bool IsIntegralExpr(const QelNumExprI* e) {
   return true;
 }
 
-void RequireIntegral(bool ok, const char* what) {
-  if (!ok) throw QelWrongUsage(what);
+// Refuses what is not integral: `what`, then ": " and the culprit, by its
+// name or, unnamed, as it prints (a variable's class and id, an
+// expression's terms).
+void RequireIntegral(bool ok, const char* what, const QelExtractableI* culprit) {
+  if (ok) return;
+  std::ostringstream text;
+  text << what << ": ";
+  if (culprit->getName() != nullptr) {
+    text << culprit->getName();
+  } else {
+    culprit->display(text);
+  }
+  throw QelWrongUsage(text.str().c_str());
 }
 
 }  // namespace
@@ -918,28 +929,29 @@ QelNumLinTermI* QelIntLinTermI::takeForKeeping() { return QelIntExprI::takeForKe
 
 void QelIntLinTermI::addTerm(QelInt coef, QelNumVarI* x) {
   if (x == nullptr) throw QelEmptyHandleException();
-  RequireIntegral(x->isIntegral(), "QelIntLinTermI::addTerm: the variable is not integral");
+  RequireIntegral(x->isIntegral(), "QelIntLinTermI::addTerm: the variable is not integral", x);
   PartsAppender(_env, _parts).linear(static_cast<double>(coef), x);
 }
 
 void QelIntLinTermI::addQuadTerm(QelInt coef, QelNumVarI* x, QelNumVarI* y) {
   if (x == nullptr || y == nullptr) throw QelEmptyHandleException();
   RequireIntegral(x->isIntegral() && y->isIntegral(),
-                  "QelIntLinTermI::addQuadTerm: a variable is not integral");
+                  "QelIntLinTermI::addQuadTerm: a variable is not integral",
+                  x->isIntegral() ? y : x);
   PartsAppender(_env, _parts).quadratic(static_cast<double>(coef), x, y);
 }
 
 void QelIntLinTermI::addAggregate(QelInt coef, QelNumExprI* e) {
   if (e == nullptr) throw QelEmptyHandleException();
-  RequireIntegral(IsIntegralExpr(e),
-                  "QelIntLinTermI::addAggregate: the expression is not integral");
+  RequireIntegral(IsIntegralExpr(e), "QelIntLinTermI::addAggregate: the expression is not integral",
+                  e);
   PartsAppender(_env, _parts).aggregate(static_cast<double>(coef), e);
 }
 
 void QelIntLinTermI::addScaled(const QelNumExprI* other, QelInt factor) {
   if (other == nullptr) throw QelEmptyHandleException();
   RequireIntegral(IsIntegralExpr(other),
-                  "QelIntLinTermI::addScaled: the expression is not integral");
+                  "QelIntLinTermI::addScaled: the expression is not integral", other);
   PartsAppender(_env, _parts).scaled(other, static_cast<double>(factor));
 }
 

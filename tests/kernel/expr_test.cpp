@@ -682,8 +682,21 @@ TEST_F(TermOpsTest, IntegerTermsRefuseFloatVariables) {
     it->addTerm(1, x.getImpl());
     ADD_FAILURE() << "no exception";
   } catch (const QelWrongUsage& ex) {
-    EXPECT_STREQ(ex.getMessage(), "QelIntLinTermI::addTerm: the variable is not integral");
+    EXPECT_STREQ(ex.getMessage(), "QelIntLinTermI::addTerm: the variable is not integral: x");
   }
+  // Unnamed, the refused variable is given by its class and id, the refused
+  // expression as it prints.
+  QelNumVar unnamed(env, 0, 1);
+  EXPECT_EQ(qeltest::MessageOf<QelWrongUsage>(
+                [&] { it->addQuadTerm(1, i.getImpl(), unnamed.getImpl()); }),
+            "QelIntLinTermI::addQuadTerm: a variable is not integral: QelNumVar" +
+                std::to_string(unnamed.getId()));
+  QelNumExpr scaled = 0.5 * i + 1;
+  EXPECT_EQ(qeltest::MessageOf<QelWrongUsage>([&] { it->addAggregate(1, scaled.getImpl()); }),
+            "QelIntLinTermI::addAggregate: the expression is not integral: 0.5 * i + 1");
+  EXPECT_EQ(Show(ie), "3 * i + i * i + 2");  // nothing changed
+  scaled.end();
+  unnamed.end();
   EXPECT_THROW(it->addQuadTerm(1, i.getImpl(), x.getImpl()), QelWrongUsage);
   EXPECT_THROW(it->addScaled(x.getImpl(), 2), QelWrongUsage);
   QelNumExpr half = i + 0.5;

@@ -357,16 +357,16 @@ REFUSED(TermAddAggregateOfNothing, QelEmptyHandleException, kEmpty,
 REFUSED(TermAddScaledOfNothing, QelEmptyHandleException, kEmpty,
         static_cast<QelNumLinTermI*>(aggregate.getImpl())->addScaled(nullptr, 2))
 REFUSED(IntTermAddTermOfAFloatVariable, QelWrongUsage,
-        "QelIntLinTermI::addTerm: the variable is not integral",
+        "QelIntLinTermI::addTerm: the variable is not integral: f",
         static_cast<QelIntLinTermI*>(sum.getImpl())->addTerm(1, f.getImpl()))
 REFUSED(IntTermAddQuadTermOfAFloatVariable, QelWrongUsage,
-        "QelIntLinTermI::addQuadTerm: a variable is not integral",
+        "QelIntLinTermI::addQuadTerm: a variable is not integral: f",
         static_cast<QelIntLinTermI*>(sum.getImpl())->addQuadTerm(1, x.getImpl(), f.getImpl()))
 REFUSED(IntTermAddAggregateNotIntegral, QelWrongUsage,
-        "QelIntLinTermI::addAggregate: the expression is not integral",
+        "QelIntLinTermI::addAggregate: the expression is not integral: 0.5 * f",
         static_cast<QelIntLinTermI*>(sum.getImpl())->addAggregate(1, half.getImpl()))
 REFUSED(IntTermAddScaledNotIntegral, QelWrongUsage,
-        "QelIntLinTermI::addScaled: the expression is not integral",
+        "QelIntLinTermI::addScaled: the expression is not integral: f",
         static_cast<QelIntLinTermI*>(sum.getImpl())->addScaled(f.getImpl(), 2))
 REFUSED(ProductOfNoFactor, QelEmptyHandleException, kEmpty,
         QelNewObject<QelNumProductI>(env.getImpl(), env.getImpl(), nullptr, square.getImpl()))
