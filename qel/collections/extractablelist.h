@@ -61,6 +61,9 @@ class QEL_API QelExtractableList {
 
   /// The environment, or null before the first append.
   QelEnvI* getEnv() const { return _env; }
+  /// Makes `env` the list's environment (the one its own fields are
+  /// reported to), e.g. when the environment of its first member ends.
+  void setEnv(QelEnvI* env) { _env = env; }
   /// The first node, or null.
   Node* getHead() const { return _head; }
   /// The link field the next append fills.

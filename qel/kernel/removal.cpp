@@ -297,8 +297,9 @@ void QelEnvI::letGoOfOtherEnvironments() noexcept {
     QelForeignSweep sweep{QelForeignSweep::Marked};
     while (_holders->getSize() > 0) {
       auto* holder = reinterpret_cast<QelEnvI*>(_holders->rawAt(_holders->getSize() - 1));
+      // Every model is told, also one that no longer holds any of them: its
+      // member list may still report its fields to this environment.
       ForEachModel(holder, [&sweep](QelExtractableI* y) {
-        if (!Reaches(y, nullptr, false)) return;
         try {
           y->atRemove(nullptr, &sweep);
         } catch (...) {

@@ -108,7 +108,9 @@ void QelModelI::dropMarkedMembers() {
   // environment's listeners hear of them through one QelRemoveFromModel
   // (the removal's own notices go to the listeners of the member's
   // environment). The notice's array is bookkeeping memory, made before
-  // any node goes.
+  // any node goes. The list's own fields are reported to the model's
+  // environment from now on: the members' one may be ending.
+  _members.setEnv(_env);
   if (!_env->hasListeners()) {
     _members.removeMarked();
     return;

@@ -202,6 +202,10 @@ struct World {
     load.end();
     weights.end();
     possible.end();
+    modelIds[0] = model.getId();
+    modelIds[1] = inner.getId();
+    modelImpls[0] = model.getImpl();
+    modelImpls[1] = inner.getImpl();
     rec = QelNewObject<NoticeLogI>(env.getImpl(), env.getImpl());
     rec->extract(model.getImpl());
     rec->notices.clear();
@@ -209,16 +213,22 @@ struct World {
     rec->log.clear();
   }
 
-  // What is left: the live objects, the members of both models.
+  // What is left: the live objects, the members of both models (a model
+  // that went is found gone in the table, never read).
   std::string state() const {
-    std::string s = std::to_string(env.getImpl()->getNumberOfExtractables()) + " live;";
-    for (QelModel m : {model, inner}) {
-      if (m.getImpl()->getId() < 0) continue;
-      s += " " + std::string(m.getName()) + ":";
-      for (QelModel::Iterator it(m); it.ok(); ++it) s += " #" + std::to_string((*it).getId()) + ";";
+    QelEnvI* e = env.getImpl();
+    std::string s = std::to_string(e->getNumberOfExtractables()) + " live;";
+    for (const QelModel* m : {&model, &inner}) {
+      const QelExtractableI* impl = modelImpls[m == &inner ? 1 : 0];
+      if (e->getExtractable(modelIds[m == &inner ? 1 : 0]) != impl) continue;
+      s += " " + std::string(m->getName()) + ":";
+      for (QelModel::Iterator it(*m); it.ok(); ++it)
+        s += " #" + std::to_string((*it).getId()) + ";";
     }
     return s;
   }
+  QelInt modelIds[2] = {-1, -1};
+  const QelExtractableI* modelImpls[2] = {nullptr, nullptr};
 
   // Ends everything still alive; the memory must be back to the baseline.
   void endAll() {

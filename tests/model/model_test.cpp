@@ -640,11 +640,28 @@ TEST_F(AcrossEnvironments, EndingTheMembersEnvironmentFirstDropsItsMembers) {
   m.add(inner);
   listen(m);
   QelExtractableI* gone = x;
+  QelExtractableI* innerGone = inner.getImpl();
   a.end();
   EXPECT_EQ(Members(m), std::vector<QelExtractableI*>({y}));
   EXPECT_EQ(rec->notices, std::vector<std::string>({"QelRemoveFromModel"}));
-  EXPECT_EQ(rec->arrays, std::vector<std::vector<QelExtractableI*>>({{gone, inner.getImpl()}}));
+  EXPECT_EQ(rec->arrays, std::vector<std::vector<QelExtractableI*>>({{gone, innerGone}}));
   delete rec;
+  m.end();
+  y->end();
+  EXPECT_EQ(BytesInUse(b), baseB);
+}
+
+TEST_F(AcrossEnvironments, AModelThatLetItsForeignMembersGoOutlivesTheirEnvironment) {
+  // The model's list was first filled from `a`; its members of `a` went
+  // before `a` ended, those of `b` stay.
+  ItemI* x = Item(a, "x");
+  ItemI* y = Item(b, "y");
+  QelModel m(b, "m");
+  m.add(x);
+  m.add(y);
+  m.remove(x);
+  a.end();
+  EXPECT_EQ(Members(m), std::vector<QelExtractableI*>({y}));
   m.end();
   y->end();
   EXPECT_EQ(BytesInUse(b), baseB);
