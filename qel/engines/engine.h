@@ -400,7 +400,9 @@ class QelEngineI : public QelAlgorithmI {
   bool isDirty() const { return _dirty; }
   /// Why the form was last marked dirty.
   const std::string& getDirtyReason() const { return _dirtyReason; }
-  /// Whether `x` is a leaf member of the extracted image.
+  /// Whether `x`, a live object, is a leaf member of the extracted image
+  /// (members are found by id: for an ended object, look for its address
+  /// in getMembers()).
   bool isMember(const QelExtractableI* x) const { return _members.count(x) != 0; }
   /// The leaf members, in extraction order.
   std::vector<QelExtractableI*> getMembers() const { return _order; }
