@@ -203,33 +203,15 @@ void BM_Memory(benchmark::State& state) {
 }
 BENCHMARK(BM_Memory)->Name("memory")->Arg(1000000)->Iterations(1)->Unit(benchmark::kMillisecond);
 
-BENCHMARK(BM_ExtractQel)
-    ->Name("extract_qel")
-    ->Arg(10000)
-    ->Arg(100000)
-    ->Arg(200000)
-    ->Arg(1000000)
-    ->Arg(2000000)
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime();
-BENCHMARK(BM_BuildQel)
-    ->Name("build_qel")
-    ->Arg(10000)
-    ->Arg(100000)
-    ->Arg(200000)
-    ->Arg(1000000)
-    ->Arg(2000000)
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime();
-BENCHMARK(BM_ExtractDirect)
-    ->Name("extract_direct")
-    ->Arg(10000)
-    ->Arg(100000)
-    ->Arg(200000)
-    ->Arg(1000000)
-    ->Arg(2000000)
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime();
+// The sizes of the extraction benchmarks (nonzeros), n and 2n at two scales
+// for the growth, in wall-clock milliseconds.
+void ExtractionSizes(benchmark::internal::Benchmark* b) {
+  for (long n : {10000L, 100000L, 200000L, 1000000L, 2000000L}) b->Arg(n);
+  b->Unit(benchmark::kMillisecond)->UseRealTime();
+}
+BENCHMARK(BM_ExtractQel)->Name("extract_qel")->Apply(ExtractionSizes);
+BENCHMARK(BM_BuildQel)->Name("build_qel")->Apply(ExtractionSizes);
+BENCHMARK(BM_ExtractDirect)->Name("extract_direct")->Apply(ExtractionSizes);
 
 // ---- bin packing ----------------------------------------------------------------
 
