@@ -1133,7 +1133,11 @@ class QelCbcI : public QelEngineI {
     // "-sec" bound the time.
     KeepHeap heap(_keepHeap);
     CbcMain1(static_cast<int>(argv.size()), argv.data(), model, nullptr, data);
-    bool outOfTime = getParams().timeLimit > 0 && remainingTime() <= 0;
+    // CBC's driver, stopped by its time budget in the middle of
+    // preprocessing, can end a little before the engine's limit and call the
+    // model proven infeasible: without a solution, a run that used all but
+    // the last 5% of the time limit proves nothing.
+    bool outOfTime = getParams().timeLimit > 0 && remainingTime() <= 0.05 * getParams().timeLimit;
     if (report) {
       this->report().nodes += model.getNodeCount();
       this->report().iterations += model.getIterationCount();
