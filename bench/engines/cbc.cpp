@@ -6,8 +6,11 @@
 //   Solve/*    a solve through the engine against CBC's driver called
 //              directly with the same settings on the same LP (sample MIPs
 //              shipped with CoinUtils, when present);
+//   Solve_Model*  the same for models the engine reformulates (all-different,
+//              pack, SOS2, lexicographic objectives, generated MIPs), the
+//              direct side on the LP the engine writes with QelCbcWriteMps;
 //   Facility/* the 100 x 1,000 capacitated facility location, weak and
-//              strong form, built and extracted;
+//              strong form, built, extracted and loaded;
 //   Memory     bytes per variable and per nonzero at 1e6 nonzeros.
 //
 // Run (Release): cmake --preset bench-engines && cmake --build --preset
@@ -15,7 +18,10 @@
 #include <benchmark/benchmark.h>
 
 #include <malloc.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -25,7 +31,11 @@
 #include <CbcSolver.hpp>
 #include <CoinMpsIO.hpp>
 #include <CoinPackedMatrix.hpp>
+#include <CoinPackedVector.hpp>
 #include <OsiClpSolverInterface.hpp>
+
+#include "engines/support/cbcdirect.h"
+#include "engines/support/models.h"
 
 #include <qel/engines/cbc.h>
 #include <qel/engines/linear.h>
@@ -215,27 +225,8 @@ Data Sample(benchmark::State& state) {
   return d;
 }
 
-// What one solve found: objective and search nodes.
-struct Solved {
-  double objective = 0;
-  long nodes = 0;
-};
-
-// CBC's driver on `lp` with the arguments the engine gives it by default
-// (kept out of line, so that an instruction count can be taken of it alone:
-// valgrind --tool=callgrind --toggle-collect='*DriverSolve*').
-__attribute__((noinline)) Solved DriverSolve(const OsiClpSolverInterface& lp) {
-  CbcModel model(lp);
-  CbcSolverUsefulData data;
-  data.noPrinting_ = true;
-  data.useSignalHandler_ = false;
-  CbcMain0(model, data);
-  model.messageHandler()->setLogLevel(0);
-  model.solver()->messageHandler()->setLogLevel(0);
-  const char* argv[] = {"direct", "-log", "0", "-timeMode", "elapsed", "-solve", "-quit"};
-  CbcMain1(7, argv, model, nullptr, data);
-  return {model.getObjValue(), static_cast<long>(model.getNodeCount())};
-}
+using cbcdirect::DriverSolve;
+using cbcdirect::Solved;
 
 // The heap kept as the engine keeps it during a search (keepHeap on).
 struct KeptHeap {
@@ -266,21 +257,23 @@ void SolveDirect(benchmark::State& state, bool keep) {
   state.counters["nodes"] = static_cast<double>(solved.nodes);
 }
 
+// The engine on `m`, solved at each iteration; keepHeap as `keep` says.
+void RunEngine(benchmark::State& state, QelEnv env, const QelModel& m, bool keep) {
+  QelCbc mip(env);
+  mip.setParam("keepHeap", keep ? "on" : "off");
+  mip.extract(m);
+  for (auto _ : state) mip.solve();
+  state.counters["objective"] = mip.getObjValue();
+  state.counters["nodes"] = static_cast<double>(mip.getReport().nodes);
+  mip.end();
+}
+
 // The engine on the sample built in Qel; keepHeap as `keep` says.
 void SolveEngine(benchmark::State& state, bool keep) {
   Data d = Sample(state);
   if (d.cols == 0) return;
   QelEnv env;
-  {
-    QelModel m = ToQel(env, d);
-    QelCbc mip(env);
-    mip.setParam("keepHeap", keep ? "on" : "off");
-    mip.extract(m);
-    for (auto _ : state) mip.solve();
-    state.counters["objective"] = mip.getObjValue();
-    state.counters["nodes"] = static_cast<double>(mip.getReport().nodes);
-    mip.end();
-  }
+  RunEngine(state, env, ToQel(env, d), keep);
   env.end();
 }
 
@@ -295,47 +288,146 @@ BENCHMARK(Solve_Engine)->DenseRange(0, 3)->Unit(benchmark::kMillisecond);
 BENCHMARK(Solve_DirectKeptHeap)->DenseRange(0, 3)->Unit(benchmark::kMillisecond);
 BENCHMARK(Solve_EngineKeptHeap)->DenseRange(0, 3)->Unit(benchmark::kMillisecond);
 
+// ---- (c) solving models the engine reformulates ---------------------------
+//
+// The conformance suite's models (each engine's tests solve them) and
+// generated ones, built in Qel. *Engine* solves them through QelCbc.
+// *Direct* gives CBC's driver the very LP the engine builds: the engine
+// writes it (QelCbcWriteMps, one file per criterion), the files are read
+// back with CoinMpsIO, and the driver runs on them with the arguments the
+// engine passes, criterion by criterion for a lexicographic objective (each
+// optimum kept by a row, as the engine keeps it).
+
+struct Reformulated {
+  const char* name;
+  void (*build)(QelEnv, QelModel&);
+};
+
+const Reformulated Models[] = {
+    // The conformance suite's models.
+    {"queens6",
+     [](QelEnv env, QelModel& m) {
+       QelIntVarArray q = queens::Add(env, m, 6);
+       m.add(QelObjective(env, q[0], QelObjective::Minimize, "first"));
+     }},
+    {"pack5",
+     [](QelEnv env, QelModel& m) {
+       m.add(binpacking::Build(env, {4, 3, 5, 2, 6}, 3, 10).model);
+     }},
+    {"piecewise", [](QelEnv env, QelModel& m) { mipmodel::Piecewise(env, m); }},
+    {"lex", [](QelEnv env, QelModel& m) { mipmodel::Lexicographic(env, m); }},
+    // Generated models.
+    {"pack30",
+     [](QelEnv env, QelModel& m) {
+       std::vector<int> w = binpacking::Weights(30, 20, 100, 1);
+       m.add(binpacking::Build(env, w, binpacking::FirstFitDecreasing(w, 150), 150).model);
+     }},
+    {"knapsack60", [](QelEnv env, QelModel& m) { m.add(mipmodel::Knapsack(env).model); }},
+    {"facility10x40",
+     [](QelEnv env, QelModel& m) { mipmodel::FacilityLocation(env, m, 10, 40, 64, true); }},
+};
+
+// The model `state.range(0)` built in `env`.
+QelModel BuildModel(benchmark::State& state, QelEnv env) {
+  const Reformulated& r = Models[state.range(0)];
+  state.SetLabel(r.name);
+  QelModel m(env, r.name);
+  r.build(env, m);
+  return m;
+}
+
+void Solve_ModelEngine(benchmark::State& state) {
+  QelEnv env;
+  RunEngine(state, env, BuildModel(state, env), false);
+  env.end();
+}
+
+void Solve_ModelDirect(benchmark::State& state) {
+  // The engine's LP, one file per criterion.
+  std::vector<cbcdirect::FileLp> stages;
+  {
+    QelEnv env;
+    {
+      QelModel m = BuildModel(state, env);
+      QelCbc mip(env);
+      mip.extract(m);
+      long criteria = 1;
+      for (QelModel::Iterator it(m); it.ok(); ++it)
+        if (auto* o = QelDynamicCast<QelObjectiveI>((*it).getImpl()))
+          criteria = o->getNumCriteria();
+      for (long k = 0; k < criteria; ++k) {
+        std::string path = "/tmp/qel_bench_cbc_" + std::to_string(getpid()) + ".mps";
+        mip.writeMps(path, k);
+        stages.emplace_back();
+        if (!cbcdirect::ReadMps(path, stages.back())) state.SkipWithError("no file written");
+        std::remove(path.c_str());
+      }
+      mip.end();
+    }
+    env.end();
+  }
+  Solved solved;
+  long nodes = 0;
+  for (auto _ : state) {
+    nodes = 0;
+    // Each criterion in turn, the ones before kept at their optimum (within
+    // 1e-6, relative) by a row, as the engine does.
+    OsiClpSolverInterface lp(stages[0].lp);
+    for (size_t k = 0; k < stages.size(); ++k) {
+      if (k > 0) {
+        CoinPackedVector row;
+        const double* before = stages[k - 1].lp.getObjCoefficients();
+        for (int j = 0; j < lp.getNumCols(); ++j)
+          if (before[j] != 0) row.insert(j, before[j]);
+        lp.addRow(row, -COIN_DBL_MAX,
+                  solved.objective + 1e-6 * std::max(1.0, std::fabs(solved.objective)));
+        lp.setObjective(stages[k].lp.getObjCoefficients());
+      }
+      solved = DriverSolve(lp, stages[0].sets);
+      nodes += solved.nodes;
+    }
+  }
+  // The files minimize: a maximized criterion comes back negated.
+  state.counters["objective"] = solved.objective;
+  state.counters["nodes"] = static_cast<double>(nodes);
+}
+
+constexpr int NumModels = static_cast<int>(sizeof(Models) / sizeof(Models[0]));
+BENCHMARK(Solve_ModelDirect)->DenseRange(0, NumModels - 1)->Unit(benchmark::kMillisecond);
+BENCHMARK(Solve_ModelEngine)->DenseRange(0, NumModels - 1)->Unit(benchmark::kMillisecond);
+
 // ---- facility location -----------------------------------------------------
 
-// 100 facilities, 1,000 customers: open y[i] (cost), x[i][j] serve customer
-// j from i (cost), every customer served once, capacity per facility; the
-// strong form adds x[i][j] <= y[i] (100,000 rows).
+// 100 facilities, 1,000 customers (mipmodel::FacilityLocation, capacity
+// 400): opening and serving costs, every customer served once, capacity per
+// facility; the strong form adds serve[i][j] <= open[i] (100,000 rows).
+// Built, extracted and loaded into CLP; the counters split the time.
 void Facility(benchmark::State& state) {
-  const int F = 100, C = 1000;
   bool strong = state.range(0) != 0;
   state.SetLabel(strong ? "strong" : "weak");
   long nnz = 0;
+  double build = 0, extract = 0;
+  using Clock = std::chrono::steady_clock;
   for (auto _ : state) {
     QelEnv env;
     {
+      Clock::time_point t0 = Clock::now();
       QelModel m(env);
-      QelIntVarArray y(env, F, 0, 1);
-      std::vector<QelIntVarArray> x;
-      for (int i = 0; i < F; ++i) x.emplace_back(env, C, 0, 1);
-      for (int j = 0; j < C; ++j) {
-        QelIntExprArray serve(env, 0);
-        for (int i = 0; i < F; ++i) serve.add(x[static_cast<size_t>(i)][j]);
-        m.add(QelRange(env, 1, QelSum(serve), 1));
-        serve.end();
-      }
-      QelNumArray demand(env, 0);
-      for (int j = 0; j < C; ++j) demand.add(1 + j % 7);
-      for (int i = 0; i < F; ++i) {
-        m.add(QelRange(env, -QelInfiniteBound,
-                       QelScalProd(x[static_cast<size_t>(i)], demand) - 400 * y[i], 0));
-        if (strong)
-          for (int j = 0; j < C; ++j)
-            m.add(QelRange(env, -QelInfiniteBound, x[static_cast<size_t>(i)][j] - y[i], 0));
-      }
-      demand.end();
+      mipmodel::FacilityLocation(env, m, 100, 1000, 400, strong);
+      Clock::time_point t1 = Clock::now();
       QelCbc mip(env);
       mip.extract(m);
       nnz = QelCbcLoad(mip.getImpl());
+      Clock::time_point t2 = Clock::now();
+      build += std::chrono::duration<double, std::milli>(t1 - t0).count();
+      extract += std::chrono::duration<double, std::milli>(t2 - t1).count();
       mip.end();
     }
     env.end();
   }
   state.counters["nnz"] = static_cast<double>(nnz);
+  state.counters["build_ms"] = build / static_cast<double>(state.iterations());
+  state.counters["extract_load_ms"] = extract / static_cast<double>(state.iterations());
 }
 BENCHMARK(Facility)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(3);
 

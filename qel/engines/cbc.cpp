@@ -1,5 +1,6 @@
 // The CBC engine (see cbc.h for what it takes and how it follows changes).
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <limits>
 #include <map>
@@ -23,6 +24,7 @@
 #include <ClpPackedMatrix.hpp>
 #include <CoinError.hpp>
 #include <CoinMessageHandler.hpp>
+#include <CoinMpsIO.hpp>
 #include <CoinPackedMatrix.hpp>
 #include <CoinPackedVector.hpp>
 #include <OsiClpSolverInterface.hpp>
@@ -113,6 +115,65 @@ class QelCbcI : public QelEngineI {
     long nnz = b.lp->getNumElements();
     _loaded = std::move(b.lp);
     return nnz;
+  }
+
+  // Writes the LP a solve would give CBC's driver, with criterion
+  // `criterion` as its objective (see QelCbcWriteMps).
+  void writeMps(const std::string& path, long criterion) {
+    update();
+    const QelObjectiveI* obj = getObjective();
+    long criteria = obj != nullptr ? obj->getNumCriteria() : 0;
+    if (criterion < 0 || criterion >= std::max(1L, criteria))
+      throw QelWrongUsage(
+          ("QelCbcWriteMps: the objective has no criterion " + std::to_string(criterion)).c_str());
+    compactIfWorthIt();
+    Built b = build();
+    OsiClpSolverInterface& lp = *b.lp;
+    std::vector<double> coefs(static_cast<size_t>(lp.getNumCols()), 0.0);
+    double constant = 0;
+    if (criteria > 0) {
+      QelLinearForm f = linear(obj->getCriterion(criterion), obj);
+      for (const auto& t : f.terms) coefs[static_cast<size_t>(lpColumnOf(b, t.first))] += t.second;
+      constant = f.constant;
+    }
+    // The file minimizes: a maximization is written as the minimization of
+    // the negated criterion.
+    bool maximize = obj != nullptr && obj->getSense() == QelObjective::Maximize;
+    if (maximize) {
+      for (double& v : coefs) v = -v;
+      constant = -constant;
+    }
+    std::vector<std::string> colNames, rowNames;
+    lpNames(b, colNames, rowNames);
+    std::vector<char> integrality(coefs.size(), 0);
+    for (int j = 0; j < lp.getNumCols(); ++j) integrality[static_cast<size_t>(j)] = lp.isInteger(j);
+    static_assert(sizeof(CoinSosSet) == sizeof(CoinSet), "an array of sets is read as CoinSet");
+    std::vector<CoinSosSet> sets;
+    sets.reserve(_sos.size());
+    for (const auto& entry : _sos) {
+      const Sos& s = entry.second;
+      if (s.vars.empty()) continue;
+      std::vector<int> which;
+      for (const QelNumVarI* v : s.vars) which.push_back(lpColumnOf(b, v));
+      sets.emplace_back(static_cast<int>(which.size()), which.data(), s.weights.data(), s.type);
+    }
+    CoinMpsIO file;
+    file.messageHandler()->setLogLevel(0);
+    file.setMpsData(*lp.getMatrixByCol(), infinity(), lp.getColLower(), lp.getColUpper(),
+                    coefs.data(), integrality.data(), lp.getRowLower(), lp.getRowUpper(), colNames,
+                    rowNames);
+    // The file's constant is the negated right-hand side of the objective
+    // row.
+    file.setObjectiveOffset(-constant);
+    file.setProblemName("qel");
+    int status = -1;
+    try {
+      status = file.writeMps(path.c_str(), 0, 1, 2, nullptr, static_cast<int>(sets.size()),
+                             sets.empty() ? nullptr : sets.data());
+    } catch (const CoinError&) {
+      status = -1;
+    }
+    if (status != 0) throw QelException(("cannot open \"" + path + "\" for writing").c_str(), 0);
   }
 
   // ---- extraction handlers ------------------------------------------------
@@ -960,6 +1021,51 @@ class QelCbcI : public QelEngineI {
     }
   }
 
+  // Names of the LP's columns and rows for a file: a model variable's name
+  // or a member's name (with the row's place among the member's rows when
+  // it owns several) where that is one word not taken yet, otherwise C<k>
+  // and R<k> with the column's or row's index (and a suffix if taken).
+  void lpNames(const Built& b, std::vector<std::string>& cols,
+               std::vector<std::string>& rows) const {
+    std::set<std::string> taken;
+    auto give = [&taken](const char* name, const std::string& fallback) {
+      std::string n = name != nullptr ? name : "";
+      bool word = !n.empty() && n.size() <= 64 && std::none_of(n.begin(), n.end(), [](char ch) {
+        return std::isspace(static_cast<unsigned char>(ch)) != 0 ||
+               std::iscntrl(static_cast<unsigned char>(ch)) != 0;
+      });
+      if (!word) n = fallback;
+      for (int k = 1; !taken.insert(n).second; ++k) n = fallback + "_" + std::to_string(k);
+      return n;
+    };
+    cols.assign(static_cast<size_t>(b.lp->getNumCols()), std::string());
+    for (size_t c = 0; c < _cols.size(); ++c) {
+      int k = b.lpColumn[c];
+      if (k < 0) continue;
+      const QelNumVarI* v = _cols[c].var;
+      cols[static_cast<size_t>(k)] =
+          give(v != nullptr ? v->getName() : nullptr, "C" + std::to_string(k));
+    }
+    rows.clear();
+    for (size_t r = 0; r + 1 < _rowStart.size(); ++r) {
+      if (_rowAlive[r] == 0) continue;
+      std::string fallback = "R" + std::to_string(rows.size());
+      const QelExtractableI* owner = _rowOwner[r];
+      const char* name = owner != nullptr ? owner->getName() : nullptr;
+      std::string n;
+      if (name != nullptr) {
+        n = name;
+        const Owned* o = owner != nullptr ? findOwnedConst(owner) : nullptr;
+        if (o != nullptr && o->rows.second - o->rows.first > 1)
+          n += "." + std::to_string(static_cast<int>(r) - o->rows.first);
+      }
+      rows.push_back(give(name != nullptr ? n.c_str() : nullptr, fallback));
+    }
+    // The free row a form without rows gets.
+    while (static_cast<int>(rows.size()) < b.lp->getNumRows())
+      rows.push_back(give(nullptr, "R" + std::to_string(rows.size())));
+  }
+
   int lpColumnOf(const Built& b, const QelNumVarI* v) const {
     return b.lpColumn[static_cast<size_t>(findColumn(v))];
   }
@@ -1314,8 +1420,9 @@ class QelCbcI : public QelEngineI {
   };
   QelIdTable<Owned> _owned;
 
-  Owned* findOwned(const QelExtractableI* m) {
-    Owned* o = _owned.find(m->getId());
+  Owned* findOwned(const QelExtractableI* m) { return const_cast<Owned*>(findOwnedConst(m)); }
+  const Owned* findOwnedConst(const QelExtractableI* m) const {
+    const Owned* o = _owned.find(m->getId());
     return o != nullptr && o->owner == m ? o : nullptr;
   }
   Owned& ownedBy(const QelExtractableI* m) {
@@ -1345,6 +1452,12 @@ long QelCbcLoad(QelEngineI* engine) {
   auto* cbc = QelDynamicCast<QelCbcI>(engine);
   if (cbc == nullptr) throw QelWrongUsage("QelCbcLoad: not a CBC engine");
   return cbc->loadOnly();
+}
+
+void QelCbcWriteMps(QelEngineI* engine, const std::string& path, long criterion) {
+  auto* cbc = QelDynamicCast<QelCbcI>(engine);
+  if (cbc == nullptr) throw QelWrongUsage("QelCbcWriteMps: not a CBC engine");
+  cbc->writeMps(path, criterion);
 }
 
 QelEngineI* QelNewCbcEngine(QelEnv env) {

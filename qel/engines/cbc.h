@@ -129,6 +129,8 @@
 #ifndef QEL_ENGINES_CBC_H
 #define QEL_ENGINES_CBC_H
 
+#include <string>
+
 #include <qel/engines/engine.h>
 
 /// A new CBC engine attached to `env` (destroy it with delete or
@@ -141,6 +143,19 @@ QelEngineI* QelNewCbcEngine(QelEnv env);
 /// engine). For measuring and checking what extraction costs.
 long QelCbcLoad(QelEngineI* engine);
 
+/// Brings the form of the CBC engine `engine` up to date and writes the LP
+/// a solve would give CBC's driver to the file `path`, in free MPS format:
+/// its columns (model variables, then the reformulations' binaries, in the
+/// engine's order), rows, integers, special ordered sets, and criterion
+/// `criterion` of the objective (0 for the first) with its constant; the
+/// file minimizes (a maximized criterion is written negated). Columns and rows are named after the
+/// model's variables and members where these have one-word names, C<k> and R<k> otherwise. The
+/// `cbc` program and CoinMpsIO read the file. Throws QelWrongUsage for
+/// another engine or a criterion the objective does not have, and
+/// QelException `cannot open "<path>" for writing` when the file cannot be
+/// written.
+void QelCbcWriteMps(QelEngineI* engine, const std::string& path, long criterion = 0);
+
 /// Handle on a CBC engine.
 class QelCbc : public QelEngine {
  public:
@@ -148,6 +163,10 @@ class QelCbc : public QelEngine {
   QelCbc() = default;
   /// A new CBC engine attached to `env`.
   explicit QelCbc(QelEnv env) : QelEngine(QelNewCbcEngine(env)) {}
+  /// Writes the LP a solve would give CBC's driver (see QelCbcWriteMps).
+  void writeMps(const std::string& path, long criterion = 0) const {
+    QelCbcWriteMps(impl(), path, criterion);
+  }
 };
 
 #endif

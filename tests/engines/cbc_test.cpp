@@ -1,14 +1,21 @@
 // The CBC engine: what it takes, what it refuses, and how it follows
 // changes in the LP it keeps.
+#include <unistd.h>
+
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <limits>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <qel/engines/cbc.h>
 #include <qel/engines/linear.h>
+#include "engines/support/cbcdirect.h"
 #include "engines/support/enginetest.h"
+#include "engines/support/models.h"
 
 #if defined(__GLIBC__) && !defined(QEL_TEST_UNDER_ASAN)
 #include <malloc.h>
@@ -438,35 +445,6 @@ TEST_F(CbcTest, LexicographicObjectiveOverSOS2AndIntegers) {
   EXPECT_NEAR(mip->getObjValue(1), bestSecond, 1e-6);
 }
 
-// A multi-dimensional knapsack over 60 binaries with pseudo-random data
-// (fixed seed): with cuts, heuristics and preprocessing switched off, CBC
-// needs many nodes to prove its optimum, so limits show.
-struct Knapsack {
-  explicit Knapsack(QelEnv env) : model(env, "knapsack"), x(env, 60, 0, 1) {
-    unsigned state = 12345;
-    auto next = [&state] {
-      state = state * 1103515245u + 12345u;
-      return static_cast<int>((state >> 16) % 1000);
-    };
-    QelNumArray value(env, 60);
-    for (long i = 0; i < 60; ++i) value.set(i, 100 + next());
-    for (int k = 0; k < 5; ++k) {
-      QelNumArray weight(env, 60);
-      double total = 0;
-      for (long i = 0; i < 60; ++i) {
-        weight.set(i, 100 + next());
-        total += weight[i];
-      }
-      model.add(QelRange(env, -QelInfiniteBound, QelScalProd(x, weight), std::floor(total / 2)));
-      weight.end();
-    }
-    model.add(QelObjective(env, QelScalProd(x, value), QelObjective::Maximize, "value"));
-    value.end();
-  }
-  QelModel model;
-  QelIntVarArray x;
-};
-
 struct CbcLimitsTest : CbcTest {
   void SetUp() override {
     mip->setParam("cuts", "off");
@@ -474,7 +452,7 @@ struct CbcLimitsTest : CbcTest {
     mip->setParam("preprocess", "off");
     mip->extract(problem.model.getImpl());
   }
-  Knapsack problem{env};
+  mipmodel::Knapsack problem{env};
 };
 
 TEST_F(CbcLimitsTest, ANodeLimitStopsEarly) {
@@ -865,3 +843,100 @@ TEST_F(CbcTest, TheAllocatorIsLeftAsTheApplicationSetIt) {
   mallopt(M_TRIM_THRESHOLD, 128 * 1024);
 }
 #endif
+
+namespace {
+
+// The scratch file of a test, unique to the process.
+std::string ScratchFile(const std::string& name) {
+  return ::testing::TempDir() + "qel_cbc_" + std::to_string(getpid()) + "_" + name;
+}
+
+// The optimum of the LP of an MPS file, solved by CBC's driver called
+// directly, in the file's own sense, constant included.
+double SolveFileWithTheDriver(const std::string& path) {
+  cbcdirect::FileLp in;
+  EXPECT_TRUE(cbcdirect::ReadMps(path, in));
+  cbcdirect::Solved solved = cbcdirect::DriverSolve(in.lp, in.sets);
+  EXPECT_TRUE(solved.found);
+  return solved.objective - in.offset;
+}
+
+}  // namespace
+
+TEST_F(CbcTest, TheLpWrittenToAFileIsTheOneTheDriverSolves) {
+  PiecewiseLex p(env);
+  // An all-different adds binaries of its own; the objective has a constant.
+  QelIntVar a(env, 0, 2, "a"), b(env, 0, 2, "b"), c(env, 0, 2, "c");
+  QelIntVarArray abc(env, 0);
+  abc.add(a);
+  abc.add(b);
+  abc.add(c);
+  p.model.add(QelAllDiff(env, abc, "distinct"));
+  abc.end();
+  QelObjective lex = QelMinimize(env, QelStaticLex(env, p.cost + a + 10, p.second - 2 * b), "lex");
+  p.model.add(lex);
+  mip->extract(p.model.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+
+  QelCbc handle;
+  const std::string first = ScratchFile("first.mps"), second = ScratchFile("second.mps");
+  QelCbcWriteMps(mip.get(), first);
+  QelCbcWriteMps(mip.get(), second, 1);
+
+  cbcdirect::FileLp in;
+  ASSERT_TRUE(cbcdirect::ReadMps(first, in));
+  const OsiClpSolverInterface& file = in.lp;
+  // The model's 11 variables and the all-different's binary per variable and
+  // value (9), of which the 3 quantities, a, b, c and the 9 binaries are
+  // integers; the model's 4 rows and the all-different's 9.
+  EXPECT_EQ(file.getNumCols(), 20);
+  EXPECT_EQ(file.getNumRows(), 13);
+  int integers = 0;
+  for (int j = 0; j < file.getNumCols(); ++j) integers += file.isInteger(j) ? 1 : 0;
+  EXPECT_EQ(integers, 15);
+  EXPECT_EQ(file.getNumElements(), QelCbcLoad(mip.get()));
+  ASSERT_EQ(in.numberSets, 1);
+  EXPECT_EQ(in.setTypes[0], 2);
+  EXPECT_EQ(in.setSizes[0], 5);
+  // Named variables and members keep their names; the rest are numbered.
+  const std::vector<std::string>& cols = in.colNames;
+  const std::vector<std::string>& rows = in.rowNames;
+  for (const char* name : {"a", "b", "c"})
+    EXPECT_NE(std::find(cols.begin(), cols.end(), name), cols.end()) << name;
+  for (const char* name : {"convex", "x", "demand", "balance", "distinct.0"})
+    EXPECT_NE(std::find(rows.begin(), rows.end(), name), rows.end()) << name;
+  EXPECT_NE(std::find(cols.begin(), cols.end(), "C0"), cols.end());
+
+  // Each criterion's file, solved by CBC's driver alone, has the optimum
+  // the engine found for that criterion alone (the first) or a lower one
+  // (the second, without the first kept at its optimum).
+  EXPECT_NEAR(SolveFileWithTheDriver(first), mip->getObjValue(0), 1e-6);
+  EXPECT_LE(SolveFileWithTheDriver(second), mip->getObjValue(1) + 1e-6);
+
+  // Maximizing: the file minimizes the negated criterion.
+  lex.setSense(QelObjective::Maximize);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  QelCbcWriteMps(mip.get(), first);
+  EXPECT_NEAR(SolveFileWithTheDriver(first), -mip->getObjValue(0), 1e-6);
+
+  try {
+    QelCbcWriteMps(mip.get(), first, 2);
+    ADD_FAILURE() << "no error";
+  } catch (const QelWrongUsage& e) {
+    EXPECT_STREQ(e.what(), "QelCbcWriteMps: the objective has no criterion 2");
+  }
+  try {
+    QelCbcWriteMps(mip.get(), "/nonexistent/dir/lp.mps");
+    ADD_FAILURE() << "no error";
+  } catch (const QelException& e) {
+    EXPECT_STREQ(e.what(), "cannot open \"/nonexistent/dir/lp.mps\" for writing");
+  }
+  try {
+    handle.writeMps(first);
+    ADD_FAILURE() << "no error";
+  } catch (const QelEmptyHandleException& e) {
+    EXPECT_STREQ(e.what(), "QelEngine: using empty handle");
+  }
+  std::remove(first.c_str());
+  std::remove(second.c_str());
+}

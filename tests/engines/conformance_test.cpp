@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "engines/support/enginetest.h"
+#include "engines/support/models.h"
 
 #ifdef QEL_HAVE_GECODE
 #include <qel/engines/gecode.h>
@@ -175,29 +176,9 @@ TEST_P(Conformance, BinPackingWithPack) {
 // f - 0.2 x gives 0 at x = 0.
 TEST_P(Conformance, PiecewiseLinearCostWithSOS2) {
   QelModel model(env, "piecewise");
-  QelNumVar x(env, 0, 4, "x");
-  QelNumVar f(env, 0, 10, "f");
-  const double bx[] = {0, 1, 2, 4};
-  const double by[] = {0, 2, 3, 3.5};
-  QelNumVarArray lambda(env, 4, 0, 1);
-  QelNumArray xs(env, 4), ys(env, 4);
-  for (int i = 0; i < 4; ++i) {
-    xs.set(i, bx[i]);
-    ys.set(i, by[i]);
-  }
-  model.add(QelRange(env, 1, QelSum(lambda), 1, "convex"));
-  model.add(QelRange(env, 0, x - QelScalProd(lambda, xs), 0, "xdef"));
-  model.add(QelRange(env, 0, f - QelScalProd(lambda, ys), 0, "fdef"));
-  QelSOS2 pieces(env, "pieces");
-  for (int i = 0; i < 4; ++i) {
-    pieces->addVar(lambda[i]);
-    pieces->addVal(i + 1);
-  }
-  model.add(pieces);
-  QelObjective profit(env, f - 0.8 * x, QelObjective::Maximize, "profit");
-  model.add(profit);
-  xs.end();
-  ys.end();
+  mipmodel::Piecewise p(env, model);
+  QelNumVar x = p.x;
+  QelObjective profit = p.profit;
   if (!extract(model, "PiecewiseLinearCostWithSOS2")) GTEST_SKIP() << refusal;
   solveAndCheck(model, {1.4}, 4);
   EXPECT_NEAR(engine->getValue(x.getImpl()), 2, 1e-9);
@@ -216,12 +197,9 @@ TEST_P(Conformance, PiecewiseLinearCostWithSOS2) {
 // is (4, 6); maximizing both, (8, 17).
 TEST_P(Conformance, TwoCriteriaLexicographic) {
   QelModel model(env, "lex");
-  QelIntVar a(env, 0, 3, "a"), b(env, 0, 3, "b"), c(env, 0, 3, "c");
-  model.add(QelRange(env, 4, a + b + c, 1e9, "enough"));
-  QelMultiCriterionExpr mc = QelStaticLex(env, a + b + c, 3 * a + 2 * b + c);
-  QelObjective lex = QelMinimize(env, mc, "lex");
-  mc.end();
-  model.add(lex);
+  mipmodel::Lexicographic p(env, model);
+  QelIntVar c = p.c;
+  QelObjective lex = p.lex;
   if (!extract(model, "TwoCriteriaLexicographic")) GTEST_SKIP() << refusal;
   solveAndCheck(model, {4, 5}, 1);
   EXPECT_EQ(engine->getValue(c.getImpl()), 3);

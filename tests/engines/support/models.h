@@ -1,12 +1,15 @@
-// Models for the Gecode engine's tests and benchmark: n queens, and
-// bin-packing instances with items of uniform random weights, the same on every platform
+// Models for the engines' tests and benchmarks: n queens, bin-packing
+// instances with items of uniform random weights, the same on every platform
 // (std::mt19937 is fully defined, and the weights are mapped from its raw output here rather than
 // through a library distribution, whose mapping varies), the first-fit decreasing count and the
-// simple lower bound, and the model in Qel form.
+// simple lower bound, and the model in Qel form; a multi-dimensional knapsack, a piecewise-linear
+// profit over a special ordered set, a two-criteria lexicographic model and a capacitated
+// facility location.
 #ifndef QEL_TESTS_ENGINES_SUPPORT_MODELS_H
 #define QEL_TESTS_ENGINES_SUPPORT_MODELS_H
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <numeric>
@@ -120,5 +123,122 @@ inline Model Build(QelEnv env, const std::vector<int>& w, long bins, long capaci
 }
 
 }  // namespace binpacking
+
+namespace mipmodel {
+
+/// A multi-dimensional knapsack over 60 binaries with pseudo-random data (a
+/// fixed linear congruential sequence): 5 capacity rows, the value
+/// maximized. With cuts, heuristics and preprocessing switched off, CBC
+/// needs many nodes to prove its optimum.
+struct Knapsack {
+  /// Builds the model in `env`.
+  explicit Knapsack(QelEnv env) : model(env, "knapsack"), x(env, 60, 0, 1) {
+    unsigned state = 12345;
+    auto next = [&state] {
+      state = state * 1103515245u + 12345u;
+      return static_cast<int>((state >> 16) % 1000);
+    };
+    QelNumArray value(env, 60);
+    for (long i = 0; i < 60; ++i) value.set(i, 100 + next());
+    for (int k = 0; k < 5; ++k) {
+      QelNumArray weight(env, 60);
+      double total = 0;
+      for (long i = 0; i < 60; ++i) {
+        weight.set(i, 100 + next());
+        total += weight[i];
+      }
+      model.add(QelRange(env, -QelInfinity, QelScalProd(x, weight), std::floor(total / 2)));
+      weight.end();
+    }
+    model.add(QelObjective(env, QelScalProd(x, value), QelObjective::Maximize, "value"));
+    value.end();
+  }
+  QelModel model;    ///< the model
+  QelIntVarArray x;  ///< the items taken
+};
+
+/// A piecewise-linear function f of x through the breakpoints (0, 0),
+/// (1, 2), (2, 3), (4, 3.5), modeled with weights lambda in a special
+/// ordered set of type 2: x = sum bx lambda, f = sum by lambda, sum lambda =
+/// 1. The profit f - 0.8 x is maximized: 1.4 at x = 2.
+struct Piecewise {
+  /// Adds the constraints and the objective to `model`.
+  Piecewise(QelEnv env, QelModel& model) : x(env, 0, 4, "x"), f(env, 0, 10, "f") {
+    const double bx[] = {0, 1, 2, 4};
+    const double by[] = {0, 2, 3, 3.5};
+    QelNumVarArray lambda(env, 4, 0, 1);
+    QelNumArray xs(env, 4), ys(env, 4);
+    for (int i = 0; i < 4; ++i) {
+      xs.set(i, bx[i]);
+      ys.set(i, by[i]);
+    }
+    model.add(QelRange(env, 1, QelSum(lambda), 1, "convex"));
+    model.add(QelRange(env, 0, x - QelScalProd(lambda, xs), 0, "xdef"));
+    model.add(QelRange(env, 0, f - QelScalProd(lambda, ys), 0, "fdef"));
+    QelSOS2 pieces(env, "pieces");
+    for (int i = 0; i < 4; ++i) {
+      pieces->addVar(lambda[i]);
+      pieces->addVal(i + 1);
+    }
+    model.add(pieces);
+    profit = QelObjective(env, f - 0.8 * x, QelObjective::Maximize, "profit");
+    model.add(profit);
+    xs.end();
+    ys.end();
+  }
+  QelNumVar x;          ///< the quantity
+  QelNumVar f;          ///< its piecewise-linear value
+  QelObjective profit;  ///< f - 0.8 x, maximized
+};
+
+/// Lexicographic: first a + b + c, then 3a + 2b + c, minimized over a, b, c
+/// in 0..3 with a + b + c >= 4. The optimum (4, 5) has c = 3, b = 1.
+struct Lexicographic {
+  /// Adds the constraint and the objective to `model`.
+  Lexicographic(QelEnv env, QelModel& model)
+      : a(env, 0, 3, "a"), b(env, 0, 3, "b"), c(env, 0, 3, "c") {
+    model.add(QelRange(env, 4, a + b + c, 1e9, "enough"));
+    QelMultiCriterionExpr mc = QelStaticLex(env, a + b + c, 3 * a + 2 * b + c);
+    lex = QelMinimize(env, mc, "lex");
+    mc.end();
+    model.add(lex);
+  }
+  QelIntVar a, b, c;  ///< the three integers
+  QelObjective lex;   ///< the two criteria
+};
+
+/// Capacitated facility location: `f` facilities (open[i], an opening
+/// cost), `c` customers, each served by one facility (serve[i][j], a cost),
+/// demand 1 + j % 7, capacity `capacity` per open facility, the total cost
+/// minimized; `strong` adds serve[i][j] <= open[i] for every pair.
+inline void FacilityLocation(QelEnv env, QelModel& m, int f, int c, double capacity, bool strong) {
+  QelIntVarArray open(env, f, 0, 1);
+  std::vector<QelIntVarArray> serve;
+  for (int i = 0; i < f; ++i) serve.emplace_back(env, c, 0, 1);
+  QelNumExpr cost(env, 0.0);
+  for (int i = 0; i < f; ++i) cost += (200 + 37 * (i % 5)) * open[i];
+  for (int j = 0; j < c; ++j) {
+    QelIntExprArray one(env, 0);
+    for (int i = 0; i < f; ++i) {
+      one.add(serve[static_cast<size_t>(i)][j]);
+      cost += (1 + (7 * i + 13 * j) % 29) * serve[static_cast<size_t>(i)][j];
+    }
+    m.add(QelRange(env, 1, QelSum(one), 1));
+    one.end();
+  }
+  QelNumArray demand(env, 0);
+  for (int j = 0; j < c; ++j) demand.add(1 + j % 7);
+  for (int i = 0; i < f; ++i) {
+    m.add(QelRange(env, -QelInfinity,
+                   QelScalProd(serve[static_cast<size_t>(i)], demand) - capacity * open[i], 0));
+    if (strong)
+      for (int j = 0; j < c; ++j)
+        m.add(QelRange(env, -QelInfinity, serve[static_cast<size_t>(i)][j] - open[i], 0));
+  }
+  m.add(QelObjective(env, cost, QelObjective::Minimize, "cost"));
+  demand.end();
+}
+
+}  // namespace mipmodel
 
 #endif
