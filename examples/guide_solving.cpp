@@ -1,6 +1,8 @@
 // The snippets of the guide's section "Solving a model" (docs/guide.md),
 // run and checked with the CBC and Gecode engines. Built without either of
 // them, it says so and passes.
+#include <cstdio>
+#include <fstream>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -228,6 +230,20 @@ void Solving() {
           "a refused extract keeps nothing of the model");
     other.end();
   }
+
+  // guide: write the LP
+  mip.writeMps("plan.mps");  // the LP CBC's driver is given; the cbc program reads it too
+  std::ifstream lp("plan.mps");
+  for (std::string line; std::getline(lp, line);) std::cout << line << "\n";
+  Expect(out.take(),
+         "NAME          qel       FREE\nROWS\n N  OBJROW\n L  R0\n L  R1\n L  R2\nCOLUMNS\n"
+         "    make(0) OBJROW -5 R0 2\n    make(0) R1 1\n    make(1) OBJROW -7 R0 3\n"
+         "    make(1) R1 1\n    make(2) OBJROW -9 R0 4\n    make(2) R1 1 R2 1\nRHS\n"
+         "    RHS R0 30 R1 9\n    RHS R2 2\nBOUNDS\n UI BOUND make(0) 10\n"
+         " UI BOUND make(1) 10\n UI BOUND make(2) 10\nENDATA\n",
+         "write the LP");
+  lp.close();
+  std::remove("plan.mps");
 
   // guide: infeasible
   plan.add(make[0] + make[1] >= 12);  // more than the crew can make
