@@ -263,7 +263,8 @@ void RunEngine(benchmark::State& state, QelEnv env, const QelModel& m, bool keep
   mip.setParam("keepHeap", keep ? "on" : "off");
   mip.extract(m);
   for (auto _ : state) mip.solve();
-  state.counters["objective"] = mip.getObjValue();
+  if (!mip.hasSolution()) state.SkipWithError("no solution");
+  state.counters["objective"] = mip.hasSolution() ? mip.getObjValue() : 0;
   state.counters["nodes"] = static_cast<double>(mip.getReport().nodes);
   mip.end();
 }
