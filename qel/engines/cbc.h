@@ -150,15 +150,17 @@ long QelCbcLoad(QelEngineI* engine);
 
 /// Brings the form of the CBC engine `engine` up to date and writes the LP
 /// a solve would give CBC's driver to the file `path`, in free MPS format:
-/// its columns (model variables, then the reformulations' binaries, in the
-/// engine's order), rows, integers, special ordered sets, and criterion
+/// its columns (model variables and the reformulations' binaries, in the
+/// order the engine made them), rows, integers, special ordered sets, and criterion
 /// `criterion` of the objective (0 for the first) with its constant; the
-/// file minimizes (a maximized criterion is written negated). Columns and rows are named after the
-/// model's variables and members where these have one-word names, C<k> and R<k> otherwise. The
-/// `cbc` program and CoinMpsIO read the file. Throws QelWrongUsage for
-/// another engine or a criterion the objective does not have, and
-/// QelException `cannot open "<path>" for writing` when the file cannot be
-/// written.
+/// file minimizes (a maximized criterion is written negated). Columns and
+/// rows are named after the model's variables and members where these have
+/// one-word names, C<k> and R<k> otherwise (the free row the engine gives
+/// CLP when the form has no rows is written as a free row, which MPS
+/// readers drop). The `cbc` program and CoinMpsIO read the file. Throws
+/// QelWrongUsage for another engine or a criterion the objective does not
+/// have, and QelException `cannot open "<path>" for writing` when the file
+/// cannot be written.
 void QelCbcWriteMps(QelEngineI* engine, const std::string& path, long criterion = 0);
 
 /// Handle on a CBC engine.

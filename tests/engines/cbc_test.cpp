@@ -940,3 +940,32 @@ TEST_F(CbcTest, TheLpWrittenToAFileIsTheOneTheDriverSolves) {
   std::remove(first.c_str());
   std::remove(second.c_str());
 }
+
+TEST_F(CbcTest, AModelWithoutRowsOrObjectiveIsWrittenToo) {
+  // No rows: the engine gives CLP one free row (its strong branching fails
+  // without rows); the file writes it as a free row, which MPS readers drop.
+  QelModel m(env, "bare");
+  QelIntVar x(env, 1, 5, "x"), y(env, 2, 6, "y");
+  m.add(x);
+  m.add(y);
+  QelObjective cost(env, x + 2 * y + 3, QelObjective::Minimize, "cost");
+  m.add(cost);
+  mip->extract(m.getImpl());
+  const std::string path = ScratchFile("bare.mps");
+  QelCbcWriteMps(mip.get(), path);
+  cbcdirect::FileLp in;
+  ASSERT_TRUE(cbcdirect::ReadMps(path, in));
+  EXPECT_EQ(in.lp.getNumCols(), 2);
+  EXPECT_EQ(in.lp.getNumRows(), 0);
+  EXPECT_NEAR(SolveFileWithTheDriver(path), 8, 1e-9);
+
+  // No objective: the file's objective is zero, and the one criterion
+  // there is, 0, is the only one it may be asked for.
+  m.remove(cost);
+  QelCbcWriteMps(mip.get(), path);
+  cbcdirect::FileLp none;
+  ASSERT_TRUE(cbcdirect::ReadMps(path, none));
+  for (int j = 0; j < none.lp.getNumCols(); ++j) EXPECT_EQ(none.lp.getObjCoefficients()[j], 0);
+  EXPECT_THROW(QelCbcWriteMps(mip.get(), path, 1), QelWrongUsage);
+  std::remove(path.c_str());
+}
