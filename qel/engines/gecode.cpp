@@ -960,8 +960,21 @@ class GecodeEngine : public QelGecodeI {
     double ub = r->getUB() - parts->constant;
     bool postLb = bound(r, lb, true);
     bool postUb = bound(r, ub, false);
-    if (postLb && postUb && std::ceil(lb) == std::floor(ub)) {
-      Gecode::linear(*_root, coefs, xs, Gecode::IRT_EQ, static_cast<int>(std::ceil(lb)));
+    if (postLb && postUb) {
+      int lo = static_cast<int>(std::ceil(lb));
+      int hi = static_cast<int>(std::floor(ub));
+      if (lo > hi) {
+        _root->fail();  // no integer lies within the bounds
+      } else if (lo == hi) {
+        Gecode::linear(*_root, coefs, xs, Gecode::IRT_EQ, lo);
+      } else {
+        // Both bounds in one propagator: the row's value is a variable of
+        // its own in [lo, hi]. The bounds it gives the terms are those of
+        // the two inequalities, at half their cost (one propagator and one
+        // subscription per term instead of two). The value needs no
+        // branching: it is fixed once the terms are.
+        Gecode::linear(*_root, coefs, xs, Gecode::IRT_EQ, Gecode::IntVar(*_root, lo, hi));
+      }
       return true;
     }
     if (postLb) Gecode::linear(*_root, coefs, xs, Gecode::IRT_GQ, static_cast<int>(std::ceil(lb)));
