@@ -581,7 +581,11 @@ TEST_F(GecodeTest, BinPackingOf120ItemsIsSolvedToOptimality) {
 #else
   const double budget = 20;
 #endif
-  for (std::uint32_t seed = 1; seed <= 10; ++seed) {
+  // The seeds from 1 to 40 that the engine solves in a few thousand nodes
+  // (docs/performance.md: seeds 12, 18, 26 and 40 are not solved within
+  // 10 s, and 14, 29, 33 and 34 take from 12,000 to 270,000 nodes).
+  for (std::uint32_t seed : {1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11, 13, 15, 16, 17, 19,
+                             20, 21, 22, 23, 24, 25, 27, 28, 30, 31, 32, 35, 36, 37, 38, 39}) {
     std::vector<int> w = binpacking::Weights(120, 20, 100, seed);
     long ffd = binpacking::FirstFitDecreasing(w, capacity);
     long bound = binpacking::SumBound(w, capacity);
