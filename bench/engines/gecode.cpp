@@ -9,10 +9,15 @@
 //   build_qel/<nnz>       building the same Qel model alone (the part of
 //                         extract_qel that is no extraction);
 //   extract_direct/<nnz>  the same variables and rows posted to a Gecode
-//                         space directly (linear, twice per row).
+//                         space directly (linear, twice per row: >= 1 and
+//                         <= ub);
+//   extract_direct_one/<nnz>  the same with one linear per row, as the
+//                         engine posts it (sum == s, s a variable in
+//                         [1, ub]).
 //   binpack_engine/<seed> solving a bin packing of 120 items of weights
 //                         20..100 into bins of 150 through the engine (its
-//                         default search for a pack), within 10 s;
+//                         default search for a pack), within 10 s, seeds 1
+//                         to 40;
 //   binpack_items_engine/<seed>  the same with the item-by-item search
 //                         alone (no restarts);
 //   binpack_items_direct/<seed>  the same propagators and branching posted
@@ -22,9 +27,11 @@
 //                         step: the Qel model, the engine's extraction
 //                         (its records and its Gecode space), and the same
 //                         variables and rows posted to a Gecode space
-//                         directly (built while the engine still holds its
-//                         space, so that Gecode reuses no memory freed by
-//                         the other); bytes per nonzero and per variable;
+//                         directly, two inequalities per row, then one
+//                         equality per row (each built while the others
+//                         are still held, so that Gecode reuses no memory
+//                         freed by another); bytes per nonzero and per
+//                         variable;
 //   queens_engine/<n>     enumerating every solution of n queens through the
 //                         engine (first-fail, smallest value);
 //   queens_direct/<n>     the same constraints and branching in Gecode.
@@ -136,8 +143,13 @@ class Plain : public Gecode::Space {
   Gecode::IntVarArray x;
 };
 
-// The variables and rows of `rows` posted to a new Gecode space.
-std::unique_ptr<Plain> PostDirect(const Rows& rows) {
+// The variables and rows of `rows` posted to a new Gecode space: each row
+// as two inequalities, or (`oneEach`) as the engine posts it, one equality
+// with a variable in [1, kUpper].
+// Kept out of line, so that a profiler can count it apart
+// (valgrind --toggle-collect='*PostDirect*').
+__attribute__((noinline)) std::unique_ptr<Plain> PostDirect(const Rows& rows,
+                                                            bool oneEach = false) {
   long n = static_cast<long>(rows.coef.size()) / kTerms;
   auto space = std::make_unique<Plain>();
   space->x = Gecode::IntVarArray(*space, static_cast<int>(rows.columns), 0, 10);
@@ -149,22 +161,29 @@ std::unique_ptr<Plain> PostDirect(const Rows& rows) {
       c[k] = rows.coef[at];
       xs[k] = space->x[rows.column[at]];
     }
-    Gecode::linear(*space, c, xs, Gecode::IRT_GQ, 1);
-    Gecode::linear(*space, c, xs, Gecode::IRT_LQ, kUpper);
+    if (oneEach) {
+      Gecode::linear(*space, c, xs, Gecode::IRT_EQ, Gecode::IntVar(*space, 1, kUpper));
+    } else {
+      Gecode::linear(*space, c, xs, Gecode::IRT_GQ, 1);
+      Gecode::linear(*space, c, xs, Gecode::IRT_LQ, kUpper);
+    }
   }
   return space;
 }
 
-void BM_ExtractDirect(benchmark::State& state) {
+void ExtractDirect(benchmark::State& state, bool oneEach) {
   Rows rows = Generate(state.range(0));
   for (auto _ : state) {
-    std::unique_ptr<Plain> space = PostDirect(rows);
+    std::unique_ptr<Plain> space = PostDirect(rows, oneEach);
     state.PauseTiming();
     space.reset();
     state.ResumeTiming();
   }
   state.counters["nnz"] = static_cast<double>(state.range(0));
 }
+
+void BM_ExtractDirect(benchmark::State& state) { ExtractDirect(state, false); }
+void BM_ExtractDirectOne(benchmark::State& state) { ExtractDirect(state, true); }
 
 size_t HeapInUse() {
   struct mallinfo2 mi = mallinfo2();
@@ -181,7 +200,7 @@ void BM_Memory(benchmark::State& state) {
     state.counters[std::string(step) + "_B_per_var"] = bytes / static_cast<double>(rows.columns);
   };
   for (auto _ : state) {
-    size_t heap[4];
+    size_t heap[5];
     heap[0] = HeapInUse();
     QelEnv env;
     {
@@ -192,9 +211,13 @@ void BM_Memory(benchmark::State& state) {
       heap[2] = HeapInUse();
       std::unique_ptr<Plain> direct = PostDirect(rows);
       heap[3] = HeapInUse();
+      std::unique_ptr<Plain> directOne = PostDirect(rows, true);
+      heap[4] = HeapInUse();
       count("model", heap[0], heap[1]);
       count("engine", heap[1], heap[2]);
       count("direct", heap[2], heap[3]);
+      count("direct_one", heap[3], heap[4]);
+      directOne.reset();
       direct.reset();
       cp.end();
     }
@@ -212,6 +235,7 @@ void ExtractionSizes(benchmark::internal::Benchmark* b) {
 BENCHMARK(BM_ExtractQel)->Name("extract_qel")->Apply(ExtractionSizes);
 BENCHMARK(BM_BuildQel)->Name("build_qel")->Apply(ExtractionSizes);
 BENCHMARK(BM_ExtractDirect)->Name("extract_direct")->Apply(ExtractionSizes);
+BENCHMARK(BM_ExtractDirectOne)->Name("extract_direct_one")->Apply(ExtractionSizes);
 
 // ---- bin packing ----------------------------------------------------------------
 
@@ -248,7 +272,7 @@ void BM_BinPackItemsEngine(benchmark::State& state) { BinPackEngine(state, "item
 
 BENCHMARK(BM_BinPackEngine)
     ->Name("binpack_engine")
-    ->DenseRange(1, 10)
+    ->DenseRange(1, 40)
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond);
 
