@@ -347,12 +347,6 @@ class QelCbcI : public QelEngineI {
   void* extractObject(const QelSOS2I* s) override {
     return sos(s, 2, s->getVarArray(), s->getValArray());
   }
-  void* extractObject(const QelIntSetVarI* s) override {
-    throw refuse(s, "set variables are taken only as the used set of a pack");
-  }
-  void* extractObject(const QelIntervalVarI* s) override {
-    throw refuse(s, "interval variables are not supported");
-  }
 
   void* objectiveActivated(const QelObjectiveI* obj, void*) override {
     // Every criterion must be linear; a single one is loaded into the LP.

@@ -421,8 +421,6 @@ QEL_REFUSE(QelNumLinTermI)
 QEL_REFUSE(QelIntLinTermI)
 QEL_REFUSE(QelNumProductI)
 QEL_REFUSE(QelRangeI)
-QEL_REFUSE(QelIntSetVarI)
-QEL_REFUSE(QelIntervalVarI)
 QEL_REFUSE(QelDiffI)
 QEL_REFUSE(QelAllDiffI)
 QEL_REFUSE(QelAllMinDistanceI)
@@ -430,6 +428,15 @@ QEL_REFUSE(QelPackI)
 QEL_REFUSE(QelSOS1I)
 QEL_REFUSE(QelSOS2I)
 #undef QEL_REFUSE
+
+// Refused by every engine so far, with the reason: a set variable is taken
+// only inside the pack that holds it as its used set.
+void* QelEngineI::extractObject(const QelIntSetVarI* s) {
+  throw refuse(s, "set variables are taken only as the used set of a pack");
+}
+void* QelEngineI::extractObject(const QelIntervalVarI* s) {
+  throw refuse(s, "interval variables are not supported");
+}
 
 void* QelEngineI::extractObject(const QelModelI* m) {
   std::vector<QelExtractableI*> children;

@@ -411,9 +411,10 @@ class QelEngineI : public QelAlgorithmI {
 
   // ---- handlers called by the dispatching hooks -------------------------
   // One overload per class of extractables.def. The defaults: extraction
-  // refuses the object (QelEngineError naming it and its class), except for
-  // models (their members are added one by one) and objectives (the
-  // objective becomes the active one); modification marks the object for
+  // refuses the object (QelEngineError naming it and its class; set and
+  // interval variables with the reason), except for models (their members
+  // are added one by one) and objectives (the objective becomes the active
+  // one); modification marks the object for
   // re-extraction; removal (unextract) forgets a root.
 #define QEL_ENGINE_CLASS(C)                           \
   virtual void* extractObject(const C* x);            \

@@ -613,12 +613,6 @@ class GecodeEngine : public QelGecodeI {
                  "special ordered sets are not supported (they are a mixed-integer "
                  "programming construct; use a MIP engine)");
   }
-  void* extractObject(const QelIntSetVarI* s) override {
-    throw refuse(s, "set variables are taken only as the used set of a pack");
-  }
-  void* extractObject(const QelIntervalVarI* s) override {
-    throw refuse(s, "interval variables are not supported");
-  }
 
   // The objective is posted into the searched copy at each solve; here its
   // criteria are checked and their variables made in the root.
