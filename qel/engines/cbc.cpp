@@ -157,11 +157,16 @@ class QelCbcI : public QelEngineI {
       for (const QelNumVarI* v : s.vars) which.push_back(lpColumnOf(b, v));
       sets.emplace_back(static_cast<int>(which.size()), which.data(), s.weights.data(), s.type);
     }
+    // The names go in as C strings: CoinUtils 2.11 loses the copies it makes
+    // of names given as strings.
+    std::vector<const char*> colNamePtrs, rowNamePtrs;
+    for (const std::string& n : colNames) colNamePtrs.push_back(n.c_str());
+    for (const std::string& n : rowNames) rowNamePtrs.push_back(n.c_str());
     CoinMpsIO file;
     file.messageHandler()->setLogLevel(0);
     file.setMpsData(*lp.getMatrixByCol(), infinity(), lp.getColLower(), lp.getColUpper(),
-                    coefs.data(), integrality.data(), lp.getRowLower(), lp.getRowUpper(), colNames,
-                    rowNames);
+                    coefs.data(), integrality.data(), lp.getRowLower(), lp.getRowUpper(),
+                    colNamePtrs.data(), rowNamePtrs.data());
     // The file's constant is the negated right-hand side of the objective
     // row.
     file.setObjectiveOffset(-constant);
