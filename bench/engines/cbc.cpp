@@ -259,6 +259,12 @@ void InAFreshProcess(benchmark::State& state, Work work) {
   }
 }
 
+// The sizes of both one-shot loads, five processes each.
+void LoadOnceSizes(benchmark::internal::Benchmark* b) {
+  b->Arg(1000)->Arg(10000)->Arg(100000)->UseManualTime()->Iterations(5)->Unit(
+      benchmark::kMillisecond);
+}
+
 void LoadOnce_Direct(benchmark::State& state) {
   Data d = Generate(static_cast<int>(state.range(0)));
   InAFreshProcess(state, [&d] {
@@ -267,13 +273,7 @@ void LoadOnce_Direct(benchmark::State& state) {
     benchmark::DoNotOptimize(lp.getNumElements());
   });
 }
-BENCHMARK(LoadOnce_Direct)
-    ->Arg(1000)
-    ->Arg(10000)
-    ->Arg(100000)
-    ->UseManualTime()
-    ->Iterations(5)
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(LoadOnce_Direct)->Apply(LoadOnceSizes);
 
 // Building the Qel model, extracting it and loading CLP; the environment's
 // end is left out, as the direct side leaves out freeing its data.
@@ -288,13 +288,7 @@ void LoadOnce_Qel(benchmark::State& state) {
     mip.end();
   });
 }
-BENCHMARK(LoadOnce_Qel)
-    ->Arg(1000)
-    ->Arg(10000)
-    ->Arg(100000)
-    ->UseManualTime()
-    ->Iterations(5)
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(LoadOnce_Qel)->Apply(LoadOnceSizes);
 
 // ---- (c) solving -----------------------------------------------------------
 
