@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <numeric>
@@ -413,7 +414,58 @@ struct PackItems {
   int capacity = 0;          // the largest load of a bin
   bool sameBins = false;     // whether the bins are interchangeable (same load
                              // bounds, every item free to go into any bin)
+  // A packing into as many bins as the lower bound, found before the
+  // search (MinimumSlackPacking): each item's bin; empty when none was.
+  std::vector<int> hint;
 };
+
+// A packing of items of weights `w` into bins of capacity `c` by minimum
+// bin slack: each new bin takes the heaviest item left, then the set of
+// items left that fills it best, found by a depth-first search over them,
+// heaviest first, trying one item of each weight at a place (at most
+// `nodes` nodes a bin). Returns each item's bin, the bins numbered in the
+// order they were opened. It often packs items of a few bins' worth each
+// into the fewest bins where first-fit decreasing needs one more.
+std::vector<int> MinimumSlackPacking(const std::vector<int>& w, int c, long nodes) {
+  std::vector<int> left(w.size());
+  std::iota(left.begin(), left.end(), 0);
+  std::stable_sort(left.begin(), left.end(), [&w](int a, int b) { return w[a] > w[b]; });
+  std::vector<int> bin(w.size(), -1);
+  std::vector<int> best, cur;  // places in `left` of the items filling the bin
+  int bins = 0;
+  while (!left.empty()) {
+    int room = c - w[static_cast<size_t>(left[0])];
+    if (room < 0) return {};  // an item larger than a bin
+    int bestRoom = room;
+    best.clear();
+    cur.clear();
+    long count = 0;
+    // Places from `from` on, `rest` the room left in the bin.
+    std::function<void(size_t, int)> fill = [&](size_t from, int rest) {
+      if (rest < bestRoom) {
+        bestRoom = rest;
+        best = cur;
+      }
+      for (size_t i = from; i < left.size() && bestRoom > 0 && count < nodes; ++i) {
+        int x = w[static_cast<size_t>(left[i])];
+        if (x > rest || (i > from && x == w[static_cast<size_t>(left[i - 1])])) continue;
+        ++count;
+        cur.push_back(static_cast<int>(i));
+        fill(i + 1, rest - x);
+        cur.pop_back();
+      }
+    };
+    fill(1, room);
+    bin[static_cast<size_t>(left[0])] = bins;
+    for (int i : best) bin[static_cast<size_t>(left[static_cast<size_t>(i)])] = bins;
+    std::vector<int> next;
+    for (int i : left)
+      if (bin[static_cast<size_t>(i)] < 0) next.push_back(i);
+    left.swap(next);
+    ++bins;
+  }
+  return bin;
+}
 
 // Martello and Toth's lower bound L2 on the number of bins of capacity `c`
 // that the items of `w` need: for each threshold k <= c/2, the items above
@@ -574,6 +626,11 @@ class GecodeEngine : public QelGecodeI {
                        bins[i].min() <= 0 && bins[i].max() >= loads.size() - 1 && bins[i].range();
     }
     long needed = QelGecodeBinLowerBound(items.weights, capacity);
+    if (items.sameBins && capacity > 0) {
+      std::vector<int> hint = MinimumSlackPacking(items.weights, capacity, kSlackNodes);
+      if (!hint.empty() && *std::max_element(hint.begin(), hint.end()) + 1 <= needed)
+        items.hint = std::move(hint);
+    }
     if (p->getUsed() != nullptr) {
       GExpr used = toExpr(*_root, p->getUsed(), p, true);
       if (!QelIsIntegerValue(used.offset))
@@ -1091,12 +1148,14 @@ class GecodeEngine : public QelGecodeI {
                          [&pack](size_t a, size_t b) { return pack.weights[a] > pack.weights[b]; });
         Gecode::IntVarArgs items;
         std::vector<int> itemWeights;
+        auto hint = std::make_shared<std::vector<int>>();  // each item's bin in the packing found
         for (size_t i : order) {
           auto index = static_cast<size_t>(pack.bins[i]);
           if (done[index] != 0) continue;
           done[index] = 1;
           items << work.vars[index];
           itemWeights.push_back(pack.weights[i]);
+          hint->push_back(pack.hint.empty() ? -1 : pack.hint[i]);
         }
         if (items.size() == 0) continue;
         if (symmetric && _search.value == QelGecodeValSelect::Automatic) {
@@ -1112,21 +1171,34 @@ class GecodeEngine : public QelGecodeI {
               const_cast<GecodeEngine*>(this)->toExpr(work, pack.pack->getUsed(), pack.pack, false);
           Gecode::IntVar count = Gecode::expr(work, used.expr + static_cast<int>(used.offset));
           for (int i = 0; i < items.size(); ++i) Gecode::rel(work, items[i], Gecode::IRT_LE, count);
-          // The count first, from the most bins down: a packing comes at
-          // once, and each better count is then searched from the top of
-          // the tree rather than below the last packing.
-          Gecode::branch(work, count, Gecode::INT_VAL_MAX());
           bool binByBin = _search.pack == QelGecodePackSearch::Bins ||
                           (_search.pack == QelGecodePackSearch::Alternate && restart % 2 == 1);
+          // A packing into as many bins as the lower bound, found before the
+          // search, leads the first run of the two searches in turn: the
+          // count from the fewest bins up, each item first into its bin in
+          // that packing. The first dive then ends at a proven optimum. (A
+          // search chosen alone with packSearch runs as it is.)
+          bool guided = restart == 0 && _search.pack == QelGecodePackSearch::Alternate &&
+                        !binByBin && !pack.hint.empty();
+          if (!guided) hint.reset();
+          // Otherwise the count first, from the most bins down: a packing
+          // comes at once, and each better count is then searched from the
+          // top of the tree rather than below the last packing.
+          Gecode::branch(work, count, guided ? Gecode::INT_VAL_MIN() : Gecode::INT_VAL_MAX());
           if (binByBin)
             BinByBin::post(work, index);
           else
-            Gecode::branch(
-                work, items, Gecode::INT_VAR_NONE(),
-                Gecode::INT_VAL([index](const Gecode::Space& home, Gecode::IntVar x,
-                                        int) { return BestBin(home, x, index); },
-                                [index](Gecode::Space& home, unsigned int a, Gecode::IntVar x, int,
-                                        int b) { CommitItem(home, a, x, index, b); }));
+            Gecode::branch(work, items, Gecode::INT_VAR_NONE(),
+                           Gecode::INT_VAL(
+                               [index, hint](const Gecode::Space& home, Gecode::IntVar x, int i) {
+                                 if (hint != nullptr) {
+                                   int b = (*hint)[static_cast<size_t>(i)];
+                                   if (b >= 0 && x.in(b)) return b;
+                                 }
+                                 return BestBin(home, x, index);
+                               },
+                               [index](Gecode::Space& home, unsigned int a, Gecode::IntVar x, int,
+                                       int b) { CommitItem(home, a, x, index, b); }));
         } else {
           Gecode::branch(work, items, Gecode::INT_VAR_NONE(), valBranch(rnd));
         }
@@ -1350,6 +1422,8 @@ class GecodeEngine : public QelGecodeI {
   // Failures before the first restart of the two pack searches (the
   // cutoff doubles at each restart).
   static constexpr unsigned long kPackCutoff = 50;
+  // Nodes of the search for each bin of the minimum-slack packing.
+  static constexpr long kSlackNodes = 20000;
 
   Poster _poster{this};
   std::unique_ptr<ModelSpace> _root;

@@ -37,7 +37,11 @@
 // it, an item kept out of a bin being kept out of every bin holding the same load; and bin by bin,
 // the lowest open bin filled heaviest item first, an item kept out of a bin with every item of its
 // weight, the heaviest item left going into the first empty bin, and a bin with room for one more
-// item taking the heaviest that fits (QelGecodePackSearch picks one of the two alone). A run that
+// item taking the heaviest that fits (QelGecodePackSearch picks one of the two alone). Before the
+// search, a minimum-bin-slack packing is tried (each bin gets the heaviest item left, then the
+// items left that fill it best); when it needs no more bins than the lower bound, it leads the
+// first run of the two searches in turn: the count is tried from the fewest bins up and each item
+// goes first into its bin in that packing, so the first dive ends at a proven optimum. A run that
 // ends before its cutoff has explored the whole tree; the status is Optimal only then, or when a
 // packing meets the lower bound. Every other variable, and every model without a pack, is searched
 // first-fail (smallest domain first, smallest value first). A QelGecodeSearch replaces the default:
