@@ -414,19 +414,23 @@ struct PackItems {
   int capacity = 0;          // the largest load of a bin
   bool sameBins = false;     // whether the bins are interchangeable (same load
                              // bounds, every item free to go into any bin)
-  // A packing into as many bins as the lower bound, found before the
-  // search (MinimumSlackPacking): each item's bin; empty when none was.
+  long lowerBound = 0;       // the bins the weights need at least (L2)
+  // A packing into as many bins as the lower bound, found before the first
+  // search that uses it (MinimumSlackPacking): each item's bin; empty when
+  // none was found.
   std::vector<int> hint;
+  bool hintTried = false;  // whether the packing was looked for
 };
 
 // A packing of items of weights `w` into bins of capacity `c` by minimum
 // bin slack: each new bin takes the heaviest item left, then the set of
 // items left that fills it best, found by a depth-first search over them,
 // heaviest first, trying one item of each weight at a place (at most
-// `nodes` nodes a bin). Returns each item's bin, the bins numbered in the
-// order they were opened. It often packs items of a few bins' worth each
-// into the fewest bins where first-fit decreasing needs one more.
-std::vector<int> MinimumSlackPacking(const std::vector<int>& w, int c, long nodes) {
+// `nodes` items looked at a bin, `budget` in all). Returns each item's bin,
+// the bins numbered in the order they were opened, or nothing when the
+// budget ran out. It often packs items of a few bins' worth each into the
+// fewest bins where first-fit decreasing needs one more.
+std::vector<int> MinimumSlackPacking(const std::vector<int>& w, int c, long nodes, long budget) {
   std::vector<int> left(w.size());
   std::iota(left.begin(), left.end(), 0);
   std::stable_sort(left.begin(), left.end(), [&w](int a, int b) { return w[a] > w[b]; });
@@ -447,15 +451,17 @@ std::vector<int> MinimumSlackPacking(const std::vector<int>& w, int c, long node
         best = cur;
       }
       for (size_t i = from; i < left.size() && bestRoom > 0 && count < nodes; ++i) {
+        ++count;
         int x = w[static_cast<size_t>(left[i])];
         if (x > rest || (i > from && x == w[static_cast<size_t>(left[i - 1])])) continue;
-        ++count;
         cur.push_back(static_cast<int>(i));
         fill(i + 1, rest - x);
         cur.pop_back();
       }
     };
     fill(1, room);
+    budget -= count + static_cast<long>(left.size());
+    if (budget < 0) return {};
     bin[static_cast<size_t>(left[0])] = bins;
     for (int i : best) bin[static_cast<size_t>(left[static_cast<size_t>(i)])] = bins;
     std::vector<int> next;
@@ -626,11 +632,7 @@ class GecodeEngine : public QelGecodeI {
                        bins[i].min() <= 0 && bins[i].max() >= loads.size() - 1 && bins[i].range();
     }
     long needed = QelGecodeBinLowerBound(items.weights, capacity);
-    if (items.sameBins && capacity > 0) {
-      std::vector<int> hint = MinimumSlackPacking(items.weights, capacity, kSlackNodes);
-      if (!hint.empty() && *std::max_element(hint.begin(), hint.end()) + 1 <= needed)
-        items.hint = std::move(hint);
-    }
+    items.lowerBound = needed;
     if (p->getUsed() != nullptr) {
       GExpr used = toExpr(*_root, p->getUsed(), p, true);
       if (!QelIsIntegerValue(used.offset))
@@ -1351,9 +1353,19 @@ class GecodeEngine : public QelGecodeI {
                      _search.variable == QelGecodeVarSelect::Automatic &&
                      _search.value == QelGecodeValSelect::Automatic && _enumerate == nullptr &&
                      interchangeableBins();
-    if (portfolio)
+    if (portfolio) {
+      // The minimum-slack packing that may lead the first run, looked for
+      // once per extraction of the pack.
+      for (PackItems& pack : _packs) {
+        if (pack.hintTried || pack.capacity <= 0) continue;
+        pack.hintTried = true;
+        std::vector<int> hint =
+            MinimumSlackPacking(pack.weights, pack.capacity, kSlackNodes, kSlackBudget);
+        if (!hint.empty() && *std::max_element(hint.begin(), hint.end()) + 1 <= pack.lowerBound)
+          pack.hint = std::move(hint);
+      }
       work->poster = &_poster;
-    else
+    } else
       postBranching(*work, 0);
     Limits limits(*this, static_cast<unsigned long>(getParams().nodeLimit), _search.failLimit);
     if (obj != nullptr) {
@@ -1422,8 +1434,10 @@ class GecodeEngine : public QelGecodeI {
   // Failures before the first restart of the two pack searches (the
   // cutoff doubles at each restart).
   static constexpr unsigned long kPackCutoff = 50;
-  // Nodes of the search for each bin of the minimum-slack packing.
+  // Items looked at for each bin of the minimum-slack packing, and in all
+  // (so that a large pack does not wait long for it).
   static constexpr long kSlackNodes = 20000;
+  static constexpr long kSlackBudget = 2000000;
 
   Poster _poster{this};
   std::unique_ptr<ModelSpace> _root;
