@@ -123,7 +123,9 @@ double Bound(double v) {
 }
 
 // The same model in Qel: the variables first (so that the columns keep
-// their order), one range per row, the objective.
+// their order), one range per row, the objective. The terms of each row go
+// through two arrays cleared and reused from row to row, as a program that
+// builds many rows would do.
 QelModel ToQel(QelEnv env, const Data& d) {
   QelModel model(env);
   QelNumVarArray x(env, 0);
@@ -133,18 +135,20 @@ QelModel ToQel(QelEnv env, const Data& d) {
     x.add(v);
     model.add(v);
   }
+  QelNumVarArray vars(env, 0);
+  QelNumArray coefs(env, 0);
   for (int i = 0; i < d.rows; ++i) {
-    QelNumVarArray vars(env, 0);
-    QelNumArray coefs(env, 0);
+    vars.clear();
+    coefs.clear();
     for (CoinBigIndex k = d.start[i]; k < d.start[i + 1]; ++k) {
       vars.add(x[d.index[static_cast<size_t>(k)]]);
       coefs.add(d.value[static_cast<size_t>(k)]);
     }
     model.add(QelRange(env, Bound(d.rowlb[static_cast<size_t>(i)]), QelScalProd(vars, coefs),
                        Bound(d.rowub[static_cast<size_t>(i)])));
-    vars.end();
-    coefs.end();
   }
+  vars.end();
+  coefs.end();
   QelNumArray c(env, 0);
   for (double v : d.obj) c.add(v);
   model.add(QelObjective(env, QelScalProd(x, c), QelObjective::Minimize));

@@ -96,6 +96,18 @@ const std::vector<CbcOrClpParam>& DriverOptions() {
 // Largest number of binaries one reformulated constraint may make.
 constexpr double MaxReformulationColumns = 200000;
 
+// An array of n zeros for CLP to take over (CLP frees it with delete[]).
+// The arrays of a large LP are written right away: their pages are faulted
+// in at once, which costs the system far less than a fault per page.
+template <class T>
+T* NewFilledArray(size_t n) {
+  T* p = new T[n];
+  if (n * sizeof(T) >= static_cast<size_t>(QelMemory::PrefaultChunkSize))
+    QelMemory::Prefault(p, static_cast<long>(n * sizeof(T)));
+  std::fill(p, p + n, T());
+  return p;
+}
+
 class QelCbcI : public QelEngineI {
   QEL_RTTI_DECL(QelCbcI, QelEngineI)
 
@@ -857,18 +869,18 @@ class QelCbcI : public QelEngineI {
     if (!rowsWorth && !colsWorth) return;
     countCompaction();
     std::vector<int> newCol(_cols.size(), -1);
-    std::vector<Column> cols;
+    QelPodVector<Column> cols;
     cols.reserve(static_cast<size_t>(_liveCols));
     for (size_t c = 0; c < _cols.size(); ++c) {
       if (!_cols[c].alive) continue;
       newCol[c] = static_cast<int>(cols.size());
       cols.push_back(_cols[c]);
     }
-    std::vector<size_t> start(1, 0);
-    std::vector<int> rowCol;
-    std::vector<double> rowVal;
-    std::vector<double> lb, ub;
-    std::vector<const QelExtractableI*> owner;
+    QelPodVector<size_t> start(1, 0);
+    QelPodVector<int> rowCol;
+    QelPodVector<double> rowVal;
+    QelPodVector<double> lb, ub;
+    QelPodVector<const QelExtractableI*> owner;
     for (size_t r = 0; r + 1 < _rowStart.size(); ++r) {
       if (_rowAlive[r] == 0) continue;
       for (size_t e = _rowStart[r]; e < _rowStart[r + 1]; ++e) {
@@ -936,7 +948,7 @@ class QelCbcI : public QelEngineI {
     rowlb.reserve(static_cast<size_t>(_liveRows));
     rowub.reserve(static_cast<size_t>(_liveRows));
     auto cols = static_cast<int>(collb.size());
-    auto* length = new int[static_cast<size_t>(cols)]();
+    auto* length = NewFilledArray<int>(static_cast<size_t>(cols));
     std::unique_ptr<int[]> lengthOwner(length);
     CoinBigIndex nnz = 0;
     for (size_t r = 0; r + 1 < _rowStart.size(); ++r) {
@@ -958,12 +970,13 @@ class QelCbcI : public QelEngineI {
       rowub.push_back(infinity());
     }
     auto rows = static_cast<int>(rowlb.size());
-    std::unique_ptr<CoinBigIndex[]> start(new CoinBigIndex[static_cast<size_t>(cols) + 1]);
-    start[0] = 0;
+    std::unique_ptr<CoinBigIndex[]> start(
+        NewFilledArray<CoinBigIndex>(static_cast<size_t>(cols) + 1));
     for (int c = 0; c < cols; ++c) start[c + 1] = start[c] + length[c];
-    std::unique_ptr<int[]> index(new int[static_cast<size_t>(std::max<CoinBigIndex>(nnz, 1))]);
+    std::unique_ptr<int[]> index(
+        NewFilledArray<int>(static_cast<size_t>(std::max<CoinBigIndex>(nnz, 1))));
     std::unique_ptr<double[]> value(
-        new double[static_cast<size_t>(std::max<CoinBigIndex>(nnz, 1))]);
+        NewFilledArray<double>(static_cast<size_t>(std::max<CoinBigIndex>(nnz, 1))));
     {
       // Fill each column at its next free place; rows come in order, so
       // each column's entries end up sorted by row.
@@ -1391,20 +1404,20 @@ class QelCbcI : public QelEngineI {
     }
   }
 
-  std::vector<Column> _cols;
+  QelPodVector<Column> _cols;
   QelIdTable<int> _colById;  // variable id -> column + 1 (0: none)
   // The rows, row-major in one pool.
-  std::vector<size_t> _rowStart;
-  std::vector<int> _rowCol;
-  std::vector<double> _rowVal;
-  std::vector<double> _rowLb;
-  std::vector<double> _rowUb;
-  std::vector<const QelExtractableI*> _rowOwner;
-  std::vector<char> _rowAlive;
+  QelPodVector<size_t> _rowStart;
+  QelPodVector<int> _rowCol;
+  QelPodVector<double> _rowVal;
+  QelPodVector<double> _rowLb;
+  QelPodVector<double> _rowUb;
+  QelPodVector<const QelExtractableI*> _rowOwner;
+  QelPodVector<char> _rowAlive;
   // Extraction buffers: the form being read, and the pool position of each
   // column's entry in the open row (mergedEntry).
   QelLinearForm _scratch;
-  std::vector<size_t> _entryOf;
+  QelPodVector<size_t> _entryOf;
   bool _mergedZeros = false;
   // The rows and auxiliary columns of each member, as index ranges: a
   // member's rows are made together, in one extraction, so they are

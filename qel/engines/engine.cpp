@@ -1,9 +1,16 @@
 // QelEngineI: the image of what was extracted, the default handlers of every
 // class and notice, and the solve cycle.
 #include <algorithm>
+#include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <ostream>
 #include <sstream>
+
+#if defined(__linux__)
+#include <sys/mman.h>
+#include <unistd.h>
+#endif
 
 #include <qel/engines/engine.h>
 #include <qel/engines/linear.h>
@@ -439,11 +446,15 @@ void* QelEngineI::extractObject(const QelIntervalVarI* s) {
 }
 
 void* QelEngineI::extractObject(const QelModelI* m) {
-  std::vector<QelExtractableI*> children;
+  // The record is a node of the map: it stays in place while nested models
+  // are added to the map.
+  std::vector<QelExtractableI*>& children = _models[m].children;
+  children.clear();
+  children.reserve(static_cast<size_t>(m->getMembers().getSize()));
   for (QelModelI::Iterator it(m); it.ok(); ++it)
     if (*it != nullptr) children.push_back(*it);
-  _models[m].children = children;
-  for (QelExtractableI* c : children) addMember(c);
+  _order.reserve(_order.size() + children.size());
+  for (size_t i = 0; i < children.size(); ++i) addMember(children[i]);
   return nullptr;
 }
 
@@ -622,4 +633,46 @@ QelInt QelEngineI::applyNotice(const QelSetNumVarBounds&, void*) { return 0; }
 QelInt QelEngineI::applyNotice(const QelSetRangeBounds& n, void*) {
   markStale(n.getRange());
   return 0;
+}
+
+// ---- QelPodStorage ---------------------------------------------------------
+
+void* QelPodStorage::Grow(void* old, size_t oldBytes, size_t usedBytes, size_t& bytes) {
+#if defined(__linux__)
+  if (bytes >= MappedBytes) {
+    static const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    bytes = (bytes + page - 1) & ~(page - 1);
+    void* p;
+    if (oldBytes >= MappedBytes) {
+      p = mremap(old, oldBytes, bytes, MREMAP_MAYMOVE);
+      if (p == MAP_FAILED) return nullptr;
+    } else {
+      p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+      if (p == MAP_FAILED) return nullptr;
+      QelMemory::Prefault(p, static_cast<long>(bytes));
+      if (usedBytes != 0) std::memcpy(p, old, usedBytes);
+      std::free(old);
+      return p;
+    }
+    // The array grows because it is being filled: its new pages are
+    // faulted in at once.
+    QelMemory::Prefault(static_cast<char*>(p) + usedBytes, static_cast<long>(bytes - usedBytes));
+    return p;
+  }
+#endif
+  (void)oldBytes;
+  (void)usedBytes;
+  return std::realloc(old, bytes);
+}
+
+void QelPodStorage::Release(void* p, size_t bytes) {
+  if (p == nullptr) return;
+#if defined(__linux__)
+  if (bytes >= MappedBytes) {
+    munmap(p, bytes);
+    return;
+  }
+#endif
+  (void)bytes;
+  std::free(p);
 }

@@ -119,12 +119,18 @@
 #ifndef QEL_ENGINES_ENGINE_H
 #define QEL_ENGINES_ENGINE_H
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <iosfwd>
+#include <limits>
 #include <memory>
+#include <new>
 #include <string>
+#include <type_traits>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -254,6 +260,152 @@ struct QelEngineLog {
   static std::string Number(double v);
 };
 
+/// Storage of QelPodVector: small arrays come from std::malloc; arrays of
+/// at least MappedBytes are mapped from the system directly (on Linux), so
+/// that they grow by remapping their pages, never by copying them.
+struct QEL_API QelPodStorage {
+  /// Arrays of at least this many bytes are mapped.
+  static constexpr size_t MappedBytes = size_t{1} << 20;
+  /// Storage for at least `bytes` bytes (> oldBytes; set to what was given)
+  /// holding the first `usedBytes` of `old`, a storage of `oldBytes` bytes
+  /// (null when 0), which is given back; null when the system refuses, and
+  /// then `old` is kept.
+  static void* Grow(void* old, size_t oldBytes, size_t usedBytes, size_t& bytes);
+  /// Gives back a storage of `bytes` bytes (null does nothing).
+  static void Release(void* p, size_t bytes);
+};
+
+/// A growing array of trivially copyable values, for the engines' forms
+/// (rows, columns, pools of entries), which may hold millions of them. Its
+/// storage is a QelPodStorage: a large array that doubles is moved by
+/// remapping its pages where the system allows, instead of being copied
+/// into new pages, so each page is touched once, when first written. The
+/// operations are those of std::vector that the forms use; growth throws
+/// std::bad_alloc when the system refuses, leaving the array as it was.
+template <class T>
+class QelPodVector {
+  static_assert(std::is_trivially_copyable<T>::value, "QelPodVector holds plain values");
+
+ public:
+  /// An empty array.
+  QelPodVector() = default;
+  /// An array of `n` copies of `v`.
+  QelPodVector(size_t n, const T& v) { assign(n, v); }
+  /// A copy of `other`.
+  QelPodVector(const QelPodVector& other) { append(other.begin(), other.end()); }
+  /// Takes over the storage of `other`, which is left empty.
+  QelPodVector(QelPodVector&& other) noexcept { swap(other); }
+  /// Copies `other` into this array.
+  QelPodVector& operator=(const QelPodVector& other) {
+    if (this != &other) {
+      clear();
+      append(other.begin(), other.end());
+    }
+    return *this;
+  }
+  /// Takes over the storage of `other`, which gets this array's.
+  QelPodVector& operator=(QelPodVector&& other) noexcept {
+    swap(other);
+    return *this;
+  }
+  /// Gives the storage back.
+  ~QelPodVector() { QelPodStorage::Release(_data, _capacity * sizeof(T)); }
+
+  /// Number of values.
+  size_t size() const { return _size; }
+  /// Whether the array holds no value.
+  bool empty() const { return _size == 0; }
+  /// Number of values the storage holds without growing.
+  size_t capacity() const { return _capacity; }
+  /// The values, contiguous (null while nothing was ever stored).
+  T* data() { return _data; }
+  /// The values, contiguous (null while nothing was ever stored).
+  const T* data() const { return _data; }
+  /// Value `i` (i < size()).
+  T& operator[](size_t i) { return _data[i]; }
+  /// Value `i` (i < size()).
+  const T& operator[](size_t i) const { return _data[i]; }
+  /// The last value (the array is not empty).
+  T& back() { return _data[_size - 1]; }
+  /// The last value (the array is not empty).
+  const T& back() const { return _data[_size - 1]; }
+  /// First value, for range loops.
+  T* begin() { return _data; }
+  /// Past the last value.
+  T* end() { return _data + _size; }
+  /// First value, for range loops.
+  const T* begin() const { return _data; }
+  /// Past the last value.
+  const T* end() const { return _data + _size; }
+
+  /// Appends `v`.
+  void push_back(const T& v) {
+    if (_size == _capacity) {
+      T copy = v;  // v may live in the storage that grows
+      grow(_size + 1);
+      _data[_size++] = copy;
+      return;
+    }
+    _data[_size++] = v;
+  }
+  /// Removes the last value (the array is not empty).
+  void pop_back() { --_size; }
+  /// Appends the values [first, last) (not from this array).
+  void append(const T* first, const T* last) {
+    auto n = static_cast<size_t>(last - first);
+    if (_size + n > _capacity) grow(_size + n);
+    if (n != 0) std::memcpy(_data + _size, first, n * sizeof(T));
+    _size += n;
+  }
+  /// Keeps the first `n` values, or appends T() up to `n`.
+  void resize(size_t n) { resize(n, T()); }
+  /// Keeps the first `n` values, or appends copies of `v` up to `n`.
+  void resize(size_t n, const T& v) {
+    if (n > _capacity) {
+      T copy = v;
+      grow(n);
+      std::fill(_data + _size, _data + n, copy);
+    } else if (n > _size) {
+      std::fill(_data + _size, _data + n, v);
+    }
+    _size = n;
+  }
+  /// Replaces the values by `n` copies of `v`.
+  void assign(size_t n, const T& v) {
+    T copy = v;
+    _size = 0;
+    resize(n, copy);
+  }
+  /// Removes every value, keeping the storage.
+  void clear() { _size = 0; }
+  /// Makes room for `n` values in all.
+  void reserve(size_t n) {
+    if (n > _capacity) setCapacity(n);
+  }
+  /// Exchanges the contents of two arrays.
+  void swap(QelPodVector& other) noexcept {
+    std::swap(_data, other._data);
+    std::swap(_size, other._size);
+    std::swap(_capacity, other._capacity);
+  }
+
+ private:
+  // Room for at least `n` values, doubling.
+  void grow(size_t n) { setCapacity(std::max(n, std::max<size_t>(16, 2 * _capacity))); }
+  void setCapacity(size_t n) {
+    if (n > std::numeric_limits<size_t>::max() / sizeof(T)) throw std::bad_alloc();
+    size_t bytes = n * sizeof(T);
+    void* p = QelPodStorage::Grow(_data, _capacity * sizeof(T), _size * sizeof(T), bytes);
+    if (p == nullptr) throw std::bad_alloc();
+    _data = static_cast<T*>(p);
+    _capacity = bytes / sizeof(T);
+  }
+
+  T* _data = nullptr;
+  size_t _size = 0;
+  size_t _capacity = 0;
+};
+
 /// Records kept by the id of an object of one environment, as the
 /// environment's own registry keeps them (an object keeps its id while the
 /// notices about it are delivered), in pages of 1024 slots made on first
@@ -276,16 +428,29 @@ class QelIdTable {
   T& at(QelInt id) {
     auto page = static_cast<size_t>(id) >> PageBits;
     if (page >= _pages.size()) _pages.resize(page + 1);
-    if (!_pages[page]) _pages[page].reset(new T[PageSize]());
+    if (!_pages[page]) _pages[page].reset(newPage());
     return _pages[page][static_cast<size_t>(id) & (PageSize - 1)];
   }
   /// Drops every slot.
   void clear() { _pages.clear(); }
 
  private:
+  static_assert(std::is_trivially_destructible<T>::value, "QelIdTable holds plain records");
   static constexpr size_t PageBits = 10;
   static constexpr size_t PageSize = size_t{1} << PageBits;
-  std::vector<std::unique_ptr<T[]>> _pages;
+  struct PageDeleter {
+    void operator()(T* p) const { ::operator delete(p); }
+  };
+  // A page of T(): written whole at once, so its memory is faulted in with
+  // one request to the system first.
+  static T* newPage() {
+    void* raw = ::operator new(sizeof(T) * PageSize);
+    QelMemory::Prefault(raw, static_cast<long>(sizeof(T) * PageSize));
+    T* page = static_cast<T*>(raw);
+    for (size_t i = 0; i < PageSize; ++i) new (page + i) T();
+    return page;
+  }
+  std::vector<std::unique_ptr<T[], PageDeleter>> _pages;
 };
 
 /// Base of the engines.

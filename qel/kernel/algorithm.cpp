@@ -74,6 +74,8 @@ class Forwarder : public QelChangeVisitor {
 }  // namespace
 
 void QelAlgorithmI::record(QelExtractableI* x) {
+  // The ids reached are below the table's size: one growth at most.
+  _env->getRegistry().reserve(_env->getExtractableTableSize());
   Recorder recorder(_env->getRegistry(), _slot);
   x->visitSubExtractables(&recorder);
   _env->setListening(_slot, true);
@@ -84,6 +86,7 @@ void QelAlgorithmI::extract(QelExtractableI* x) {
   std::vector<QelInt> fresh;
   QelBool wasListening = _env->isListening(_slot);
   try {
+    _env->getRegistry().reserve(_env->getExtractableTableSize());
     Recorder recorder(_env->getRegistry(), _slot, &fresh);
     x->visitSubExtractables(&recorder);
     _env->setListening(_slot, true);

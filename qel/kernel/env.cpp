@@ -430,21 +430,18 @@ QelDecisionExprMap* QelEnvI::getDecisionExprMap() {
 
 // ---- extraction registry ------------------------------------------------
 
-void QelExtractionRegistry::record(QelInt id, int slot) {
-  if (id >= _size) {
-    QelInt newSize = _size == 0 ? 64 : _size;
-    while (newSize <= id) newSize *= 2;
-    auto* fresh = static_cast<std::uint64_t*>(
-        _alloc->alloc(sizeof(std::uint64_t) * static_cast<size_t>(newSize)));
-    std::memset(fresh, 0, sizeof(std::uint64_t) * static_cast<size_t>(newSize));
-    if (_masks != nullptr) {
-      std::memcpy(fresh, _masks, sizeof(std::uint64_t) * static_cast<size_t>(_size));
-      _alloc->free(_masks, sizeof(std::uint64_t) * static_cast<size_t>(_size));
-    }
-    _masks = fresh;
-    _size = newSize;
+void QelExtractionRegistry::grow(QelInt size) {
+  QelInt newSize = _size == 0 ? 64 : 2 * _size;
+  if (newSize < size) newSize = size;
+  auto* fresh = static_cast<std::uint64_t*>(
+      _alloc->alloc(sizeof(std::uint64_t) * static_cast<size_t>(newSize)));
+  if (_masks != nullptr) {
+    std::memcpy(fresh, _masks, sizeof(std::uint64_t) * static_cast<size_t>(_size));
+    _alloc->free(_masks, sizeof(std::uint64_t) * static_cast<size_t>(_size));
   }
-  _masks[id] |= std::uint64_t(1) << slot;
+  std::memset(fresh + _size, 0, sizeof(std::uint64_t) * static_cast<size_t>(newSize - _size));
+  _masks = fresh;
+  _size = newSize;
 }
 
 void QelExtractionRegistry::unrecord(QelInt id, int slot) {

@@ -101,7 +101,15 @@ class QEL_API QelExtractionRegistry {
   ~QelExtractionRegistry() = default;
 
   /// Records that algorithm `slot` extracted the object with `id`.
-  void record(QelInt id, int slot);
+  void record(QelInt id, int slot) {
+    if (id >= _size) grow(id + 1);
+    _masks[id] |= std::uint64_t(1) << slot;
+  }
+  /// Makes room for the ids below `size` at once (so that recording many
+  /// objects grows the storage once, not by doubling).
+  void reserve(QelInt size) {
+    if (size > _size) grow(size);
+  }
   /// Forgets that algorithm `slot` extracted the object with `id`.
   void unrecord(QelInt id, int slot);
   /// The drop notification: no algorithm knows object `id` any more.
@@ -119,6 +127,9 @@ class QEL_API QelExtractionRegistry {
   QelBool knows(const QelExtractableI* owner, const QelExtractableI* sub) const;
 
  private:
+  // Room for at least `size` ids: twice the present size, or more.
+  void grow(QelInt size);
+
   QelGenAlloc* _alloc;
   std::uint64_t* _masks = nullptr;
   QelInt _size = 0;
@@ -217,12 +228,19 @@ class QEL_API QelEnvI {
   // ---- memory --------------------------------------------------------
   /// A block of `size` bytes of environment memory (null for size 0). The
   /// common case (allocator thread, allocation on, no custom allocator, a
-  /// free block of the size class at hand) is inline.
+  /// free block of the size class or an unused one of its newest chunk at
+  /// hand) is inline.
   void* alloc(size_t size) const {
     if (CurrentThreadKey() == _fastKey && size - 1 < FastLimit) {
       QelFixedSizeAllocatorI& c = _classes[FastIndex(size)];
       if (void* block = c.freeList) {
         c.freeList = *static_cast<void**>(block);
+        c.bytesInUse += c.blockSize;
+        return block;
+      }
+      if (c.fresh != c.freshEnd) {
+        void* block = c.fresh;
+        c.fresh += c.blockSize;
         c.bytesInUse += c.blockSize;
         return block;
       }

@@ -1,6 +1,14 @@
 // Size classes, free lists and block lists of environment memory.
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <new>
+
+#if defined(__linux__)
+#include <sys/mman.h>
+#include <unistd.h>
+#endif
 
 #include <qel/kernel/env.h>
 #include <qel/kernel/exception.h>
@@ -110,41 +118,75 @@ long QelMemory::getIndex(long size) const {
   return index;
 }
 
+// A page touched for the first time costs a trap into the system each
+// (several microseconds on a virtual machine); asking for a range in one
+// call costs a fraction of that per page. Used for large chunks only, whose
+// blocks are about to be used: a class grows its chunks only when it already
+// holds as much. Systems that cannot do it fault the pages in one by one as
+// they are used.
+void QelMemory::Prefault(void* p, long size) {
+#if defined(__linux__)
+#ifndef MADV_POPULATE_WRITE
+  constexpr int MADV_POPULATE_WRITE = 23;  // Linux 5.14 and later
+#endif
+  static std::atomic<bool> unsupported{false};
+  if (unsupported.load(std::memory_order_relaxed) || size <= 0) return;
+  static const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  uintptr_t first = (reinterpret_cast<uintptr_t>(p) + page - 1) & ~(page - 1);
+  uintptr_t end = (reinterpret_cast<uintptr_t>(p) + static_cast<uintptr_t>(size)) & ~(page - 1);
+  if (end <= first) return;
+  // EINVAL: a system without the request; it is not asked again. Other
+  // failures (memory short) leave the pages to be faulted in as used.
+  if (madvise(reinterpret_cast<void*>(first), end - first, MADV_POPULATE_WRITE) != 0 &&
+      errno == EINVAL)
+    unsupported.store(true, std::memory_order_relaxed);
+#else
+  (void)p;
+  (void)size;
+#endif
+}
+
 void* QelMemory::obtainChunk(long size) {
   void* chunk = _chunks.alloc(size);
   _chunkBytes += size;
+  if (size >= PrefaultChunkSize) Prefault(chunk, size);
   return chunk;
 }
 
+long QelFixedSizeAllocatorI::nextChunkSize() const {
+  long size = QelMemory::ChunkSize;
+  while (size < QelMemory::MaxChunkSize && size * 2 <= bytesObtained) size *= 2;
+  return size;
+}
+
 void* QelFixedSizeAllocatorI::allocateBlock(QelMemory* memory) {
-  // Cut a chunk into blocks: the first goes to the caller, the rest onto the
-  // free list in address order.
-  long perChunk = QelMemory::ChunkSize / blockSize;
-  if (perChunk < 4) perChunk = 4;
-  long chunkBytes = perChunk * blockSize;
-  // Blocks of 128 bytes and more (powers of two) start at an offset that
-  // shifts from one chunk of the class to the next, a multiple of 64 bytes
-  // below min(blockSize, 4096), at the price of at most one block per chunk.
-  // Without it, when the system allocator returns chunks aligned on a large
-  // power of two, the first lines of all large blocks (where the free-list
-  // link and the object headers are) fall into the same few cache sets.
-  long color = 0;
-  if (blockSize >= 128) {
-    long lines = (blockSize < 4096 ? blockSize : 4096) / 64;
-    color = ((bytesObtained / chunkBytes) * 7 % lines) * 64;
+  if (fresh == freshEnd) {
+    // A new chunk, handed out from the front one block at a time: nothing
+    // is written to it before its blocks are used.
+    long perChunk = nextChunkSize() / blockSize;
+    if (perChunk < 4) perChunk = 4;
+    long chunkBytes = perChunk * blockSize;
+    // Blocks of 128 bytes and more (powers of two) start at an offset that
+    // shifts from one chunk of the class to the next, a multiple of 64 bytes
+    // below min(blockSize, 4096), at the price of at most one block per
+    // chunk. Without it, when the system allocator returns chunks aligned on
+    // a large power of two, the first lines of all large blocks (where the
+    // free-list link and the object headers are) fall into the same few
+    // cache sets.
+    long color = 0;
+    if (blockSize >= 128) {
+      long lines = (blockSize < 4096 ? blockSize : 4096) / 64;
+      color = (chunkCount * 7 % lines) * 64;
+    }
+    char* chunk = static_cast<char*>(memory->obtainChunk(chunkBytes));
+    bytesObtained += chunkBytes;
+    ++chunkCount;
+    fresh = chunk + color;
+    freshEnd = fresh + ((chunkBytes - color) / blockSize) * blockSize;
   }
-  char* chunk = static_cast<char*>(memory->obtainChunk(chunkBytes));
-  bytesObtained += chunkBytes;
-  char* first = chunk + color;
-  long blocks = (chunkBytes - color) / blockSize;
-  void* rest = nullptr;
-  for (long i = blocks - 1; i >= 1; --i) {
-    void* b = first + i * blockSize;
-    *static_cast<void**>(b) = rest;
-    rest = b;
-  }
-  freeList = rest;
-  return first;
+  void* block = fresh;
+  fresh += blockSize;
+  return block;
 }
 
 QelCustomAllocatorI::~QelCustomAllocatorI() = default;

@@ -357,6 +357,125 @@ TEST_F(CommonTest, AlgorithmsThatAreNoEnginesGetTheLibraryFailure) {
   plain.end();
 }
 
+// ---- the forms' arrays and id tables --------------------------------------
+
+TEST(CommonPodVector, GrowsPastTheMappedSizeKeepingEveryValue) {
+  QelPodVector<long> v;
+  EXPECT_TRUE(v.empty());
+  EXPECT_EQ(v.data(), nullptr);
+  // 4 MiB of longs: from malloc'd storage to mapped storage and on.
+  const size_t n = 4 * QelPodStorage::MappedBytes / sizeof(long);
+  for (size_t i = 0; i < n; ++i) v.push_back(static_cast<long>(3 * i));
+  ASSERT_EQ(v.size(), n);
+  EXPECT_GE(v.capacity(), n);
+  for (size_t i = 0; i < n; ++i) ASSERT_EQ(v[i], static_cast<long>(3 * i));
+  EXPECT_EQ(v.back(), static_cast<long>(3 * (n - 1)));
+  long sum = 0;
+  for (long x : v) sum += x;
+  EXPECT_EQ(sum, static_cast<long>(3 * (n - 1) * n / 2));
+}
+
+TEST(CommonPodVector, PushingOwnValueWhileGrowingCopiesItFirst) {
+  QelPodVector<double> v;
+  v.push_back(2.5);
+  for (int i = 0; i < 20; ++i) v.push_back(v[0]);
+  // A full array pushing its last element.
+  while (v.size() < v.capacity()) v.push_back(1.0);
+  v.push_back(v.back());
+  EXPECT_EQ(v.back(), 1.0);
+  EXPECT_EQ(v[20], 2.5);
+  v.resize(v.capacity() + 1, v[0]);
+  EXPECT_EQ(v.back(), 2.5);
+}
+
+TEST(CommonPodVector, ResizeAssignClearSwapCopyAndMove) {
+  QelPodVector<int> a(5, 7);
+  ASSERT_EQ(a.size(), 5U);
+  EXPECT_EQ(a[4], 7);
+  a.resize(8);
+  EXPECT_EQ(a[7], 0);
+  EXPECT_EQ(a[4], 7);
+  a.resize(2);
+  EXPECT_EQ(a.size(), 2U);
+  a.resize(4, 9);
+  EXPECT_EQ(a[2], 9);
+  EXPECT_EQ(a[3], 9);
+  a.assign(3, 1);
+  EXPECT_EQ(a.size(), 3U);
+  EXPECT_EQ(a[0] + a[1] + a[2], 3);
+  a.pop_back();
+  EXPECT_EQ(a.size(), 2U);
+  int more[] = {4, 5, 6};
+  a.append(more, more + 3);
+  ASSERT_EQ(a.size(), 5U);
+  EXPECT_EQ(a[4], 6);
+
+  QelPodVector<int> b(a);
+  EXPECT_EQ(b.size(), 5U);
+  EXPECT_NE(b.data(), a.data());
+  b[0] = 100;
+  EXPECT_EQ(a[0], 1);
+  QelPodVector<int> c;
+  c = b;
+  EXPECT_EQ(c[0], 100);
+  QelPodVector<int> d(std::move(c));
+  EXPECT_EQ(d.size(), 5U);
+  EXPECT_EQ(d[4], 6);
+  a.swap(d);
+  EXPECT_EQ(a[0], 100);
+  EXPECT_EQ(d[0], 1);
+  size_t capacity = a.capacity();
+  a.clear();
+  EXPECT_TRUE(a.empty());
+  EXPECT_EQ(a.capacity(), capacity);
+  a.reserve(1000);
+  EXPECT_GE(a.capacity(), 1000U);
+  EXPECT_TRUE(a.empty());
+}
+
+TEST(CommonPodVector, AMappedArrayCopiedAndSwappedStaysWhole) {
+  const size_t n = 2 * QelPodStorage::MappedBytes / sizeof(int) + 3;
+  QelPodVector<int> a;
+  a.resize(n, 5);
+  a[n - 1] = 6;
+  QelPodVector<int> b(a);
+  EXPECT_EQ(b[n - 1], 6);
+  EXPECT_EQ(b[0], 5);
+  QelPodVector<int> small(3, 1);
+  small.swap(b);  // the small one takes the mapped storage, and back
+  EXPECT_EQ(small.size(), n);
+  EXPECT_EQ(b.size(), 3U);
+  b = small;
+  EXPECT_EQ(b.size(), n);
+  EXPECT_EQ(b[n - 1], 6);
+}
+
+TEST(CommonIdTable, SlotsHoldDefaultsUntilWrittenAndPagesAreMadeOnUse) {
+  struct Record {
+    const void* owner = nullptr;
+    int first = -1;
+    int end = -1;
+  };
+  QelIdTable<Record> t;
+  EXPECT_EQ(t.find(0), nullptr);
+  EXPECT_EQ(t.find(-1), nullptr);
+  Record& r = t.at(5000);
+  EXPECT_EQ(r.first, -1);
+  r.first = 3;
+  EXPECT_EQ(t.find(5000)->first, 3);
+  // The page of id 5000 holds defaults for its other ids; others are absent.
+  ASSERT_NE(t.find(5001), nullptr);
+  EXPECT_EQ(t.find(5001)->end, -1);
+  EXPECT_EQ(t.find(5001)->owner, nullptr);
+  EXPECT_EQ(t.find(0), nullptr);
+  EXPECT_EQ(t.find(1 << 20), nullptr);
+  t.at(0).end = 4;
+  EXPECT_EQ(t.find(0)->end, 4);
+  EXPECT_EQ(t.find(5000)->first, 3);
+  t.clear();
+  EXPECT_EQ(t.find(5000), nullptr);
+}
+
 TEST(CommonStatus, StatusNames) {
   EXPECT_STREQ(QelEngineStatusName(QelEngineStatus::Optimal), "Optimal");
   EXPECT_STREQ(QelEngineStatusName(QelEngineStatus::Infeasible), "Infeasible");

@@ -739,6 +739,30 @@ TEST(EnvRegistry, RecordDropAndKnows) {
   env.end();
 }
 
+TEST(EnvRegistry, ReservingMakesRoomOnceAndKeepsTheRecords) {
+  QelEnv env;
+  QelExtractionRegistry& reg = env.getImpl()->getRegistry();
+  reg.record(3, 1);
+  reg.record(40, 7);
+  reg.reserve(100000);
+  EXPECT_TRUE(reg.isExtracted(3, 1));
+  EXPECT_TRUE(reg.isExtracted(40, 7));
+  EXPECT_EQ(reg.getMask(99999), 0U);
+  EXPECT_EQ(reg.getMask(70000), 0U);
+  reg.record(99999, 2);
+  EXPECT_TRUE(reg.isExtracted(99999, 2));
+  // A smaller reservation changes nothing.
+  reg.reserve(10);
+  EXPECT_TRUE(reg.isExtracted(99999, 2));
+  EXPECT_TRUE(reg.isExtracted(40, 7));
+  // Past the reservation the registry grows again, records kept.
+  reg.record(100000, 3);
+  EXPECT_TRUE(reg.isExtracted(100000, 3));
+  EXPECT_TRUE(reg.isExtracted(3, 1));
+  EXPECT_EQ(reg.getMask(150000), 0U);
+  env.end();
+}
+
 TEST(EnvRegistry, EndingAnObjectDropsItsRecord) {
   QelEnv env;
   QelEnvI* e = env.getImpl();

@@ -12,6 +12,11 @@
 #include <utility>
 #include <vector>
 
+#if defined(__linux__)
+#include <sys/mman.h>
+#include <unistd.h>
+#endif
+
 namespace {
 
 using qeltest::MessageOf;
@@ -315,6 +320,158 @@ TEST(MemoryFreeList, BlocksOfOneChunkAreDistinctAndWritable) {
   for (void* p : blocks) e->free(p, 1000);
   env.end();
 }
+
+TEST(MemoryFreeList, ANewChunkIsHandedOutBlockByBlockInAddressOrder) {
+  QelEnv env(FreeLists());
+  QelEnvI* e = env.getImpl();
+  QelFixedSizeAllocatorI& c = e->getMemory()->getClass(12);  // 1025..2048 bytes
+  ASSERT_EQ(c.bytesObtained, 0);
+  void* a = e->alloc(2000);
+  // One chunk obtained; nothing of it went onto the free list.
+  EXPECT_GT(c.bytesObtained, 0);
+  EXPECT_EQ(c.freeList, nullptr);
+  EXPECT_EQ(c.fresh, static_cast<char*>(a) + 2048);
+  void* b = e->alloc(1500);
+  EXPECT_EQ(b, static_cast<char*>(a) + 2048);
+  EXPECT_EQ(c.fresh, static_cast<char*>(b) + 2048);
+  EXPECT_EQ(c.bytesInUse, 4096);
+  // The untouched rest of the chunk is a whole number of blocks.
+  EXPECT_EQ((c.freshEnd - c.fresh) % 2048, 0);
+  e->free(a, 2000);
+  e->free(b, 1500);
+  env.end();
+}
+
+TEST(MemoryFreeList, FreedBlocksAreReusedBeforeTheUnusedPartOfTheChunk) {
+  QelEnv env(FreeLists());
+  QelEnvI* e = env.getImpl();
+  QelFixedSizeAllocatorI& c = e->getMemory()->getClass(12);
+  void* a = e->alloc(2048);
+  void* b = e->alloc(2048);
+  char* fresh = c.fresh;
+  e->free(a, 2048);
+  EXPECT_EQ(e->alloc(2048), a);
+  EXPECT_EQ(c.fresh, fresh);
+  void* d = e->alloc(2048);
+  EXPECT_EQ(d, fresh);
+  e->free(a, 2048);
+  e->free(b, 2048);
+  e->free(d, 2048);
+  EXPECT_EQ(c.bytesInUse, 0);
+  env.end();
+}
+
+TEST(MemoryFreeList, ChunksGrowWithTheClassUpToTheLargestSize) {
+  QelEnv env(FreeLists());
+  QelEnvI* e = env.getImpl();
+  QelFixedSizeAllocatorI& c = e->getMemory()->getClass(9);  // 129..256 bytes
+  ASSERT_EQ(c.bytesObtained, 0);
+  std::vector<void*> blocks;
+  std::vector<QelInt> chunkSizes;
+  QelInt obtained = 0;
+  // 24 MiB of blocks: far past the largest chunk.
+  for (int i = 0; i < 24 * 4096; ++i) {
+    blocks.push_back(e->alloc(256));
+    if (c.bytesObtained != obtained) {
+      chunkSizes.push_back(c.bytesObtained - obtained);
+      obtained = c.bytesObtained;
+    }
+    // What the class took and does not use is never more than one chunk
+    // (plus at most a block per chunk, the offset of its first block), nor
+    // more than what it uses plus a first chunk.
+    ASSERT_LE(c.bytesObtained - c.bytesInUse, QelMemory::MaxChunkSize + c.chunkCount * c.blockSize);
+    ASSERT_LE(c.bytesObtained, 2 * c.bytesInUse + QelMemory::ChunkSize);
+  }
+  ASSERT_GE(chunkSizes.size(), 3U);
+  EXPECT_EQ(chunkSizes.front(), QelMemory::ChunkSize);
+  EXPECT_EQ(chunkSizes.back(), QelMemory::MaxChunkSize);
+  for (size_t i = 1; i < chunkSizes.size(); ++i) EXPECT_GE(chunkSizes[i], chunkSizes[i - 1]);
+  // Every block is distinct and whole.
+  for (size_t i = 0; i < blocks.size(); ++i)
+    std::memset(blocks[i], static_cast<int>(i & 0xFF), 256);
+  std::vector<void*> sorted = blocks;
+  std::sort(sorted.begin(), sorted.end());
+  for (size_t i = 1; i < sorted.size(); ++i)
+    EXPECT_GE(static_cast<char*>(sorted[i]) - static_cast<char*>(sorted[i - 1]), 256);
+  for (size_t i = 0; i < blocks.size(); ++i)
+    ASSERT_EQ(*static_cast<unsigned char*>(blocks[i]), static_cast<unsigned char>(i & 0xFF));
+  for (void* p : blocks) e->free(p, 256);
+  EXPECT_EQ(c.bytesInUse, 0);
+  env.end();
+}
+
+TEST(MemoryFreeList, TheNextChunkSizeFollowsWhatTheClassHolds) {
+  QelFixedSizeAllocatorI c;
+  c.blockSize = 64;
+  EXPECT_EQ(c.nextChunkSize(), QelMemory::ChunkSize);
+  c.bytesObtained = QelMemory::ChunkSize;
+  EXPECT_EQ(c.nextChunkSize(), QelMemory::ChunkSize);
+  c.bytesObtained = 2 * QelMemory::ChunkSize;
+  EXPECT_EQ(c.nextChunkSize(), 2 * QelMemory::ChunkSize);
+  c.bytesObtained = 5 * QelMemory::ChunkSize;
+  EXPECT_EQ(c.nextChunkSize(), 4 * QelMemory::ChunkSize);
+  c.bytesObtained = 1000L * QelMemory::MaxChunkSize;
+  EXPECT_EQ(c.nextChunkSize(), QelMemory::MaxChunkSize);
+}
+
+#if defined(__linux__)
+// Whether every page of [p, p + size) is in memory.
+bool Resident(void* p, size_t size) {
+  const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  auto first = reinterpret_cast<uintptr_t>(p) & ~(page - 1);
+  auto end = (reinterpret_cast<uintptr_t>(p) + size + page - 1) & ~(page - 1);
+  std::vector<unsigned char> in((end - first) / page);
+  if (mincore(reinterpret_cast<void*>(first), end - first, in.data()) != 0) return false;
+  for (unsigned char b : in)
+    if ((b & 1) == 0) return false;
+  return true;
+}
+
+TEST(MemoryPrefault, FaultsInTheWholePagesOfARange) {
+  const size_t size = 64 * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(p, MAP_FAILED);
+  EXPECT_FALSE(Resident(p, size));
+  QelMemory::Prefault(p, static_cast<long>(size));
+  bool supported = Resident(p, size);
+  // The pages hold zeros, as untouched ones would.
+  if (supported) {
+    const auto* bytes = static_cast<const unsigned char*>(p);
+    EXPECT_TRUE(std::all_of(bytes, bytes + size, [](unsigned char b) { return b == 0; }));
+  }
+  munmap(p, size);
+  if (!supported) GTEST_SKIP() << "this system cannot fault in a range at once";
+}
+
+TEST(MemoryPrefault, ALargeChunkIsInMemoryBeforeItsBlocksAreUsed) {
+  QelEnv env(FreeLists());
+  QelEnvI* e = env.getImpl();
+  QelFixedSizeAllocatorI& c = e->getMemory()->getClass(12);  // 2 KiB blocks
+  std::vector<void*> blocks;
+  // Until the class takes a chunk of at least PrefaultChunkSize.
+  QelInt before = 0;
+  while (c.bytesObtained - before < QelMemory::PrefaultChunkSize) {
+    before = c.bytesObtained;
+    blocks.push_back(e->alloc(2048));
+  }
+  // The rest of the new chunk, never written, is in memory already.
+  size_t rest = static_cast<size_t>(c.freshEnd - c.fresh);
+  ASSERT_GT(rest, size_t{4096} * 8);
+  const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  void* probe = mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(probe, MAP_FAILED);
+  QelMemory::Prefault(probe, static_cast<long>(page));  // whether the system can do it at all
+  bool supported = Resident(probe, page);
+  munmap(probe, page);
+  if (supported) {
+    // Inner pages only: the chunk's edges share pages with other blocks.
+    EXPECT_TRUE(Resident(c.fresh + page, rest - 2 * page));
+  }
+  for (void* p : blocks) e->free(p, 2048);
+  env.end();
+  if (!supported) GTEST_SKIP() << "this system cannot fault in a range at once";
+}
+#endif
 
 TEST(MemoryStatistics, BytesInUseAndObtainedPerClassInFreeListMode) {
   QelEnv env(FreeLists());
