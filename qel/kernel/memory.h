@@ -102,7 +102,7 @@ class QEL_API QelMemory {
   static constexpr long MaxChunkSize = 1024L * 1024;
   /// Chunks of at least this size are faulted in as a whole when obtained
   /// (where the system allows it); smaller ones page by page as used.
-  static constexpr long PrefaultChunkSize = 256L * 1024;
+  static constexpr long PrefaultChunkSize = 128L * 1024;
 
   /// Sets up `numClasses` classes below `smallBlockLimit` bytes.
   QelMemory(long smallBlockLimit, long numClasses, bool freeLists);
