@@ -511,10 +511,12 @@ class PatternLp {
     _singular = !refactor();
   }
 
-  // The operations one pivot costs (the knapsack and the basis update), to
-  // weigh a budget before it is spent.
+  // The operations one pivot costs (the knapsack, the basis update and its
+  // share of the inversions made anew), to weigh a budget before it is
+  // spent.
   long pivotCost() const {
-    return static_cast<long>(_m * _m + _group.size() * (static_cast<size_t>(_c) + 1));
+    return static_cast<long>(_m * _m + _m * _m * _m / kRefactorEvery +
+                             _group.size() * (static_cast<size_t>(_c) + 1));
   }
 
   // Pivots until the relaxation is solved (true), or until the bound
@@ -599,7 +601,7 @@ class PatternLp {
 
  private:
   static constexpr double kTolerance = 1e-9;
-  static constexpr long kRefactorEvery = 64;
+  static constexpr size_t kRefactorEvery = 64;
 
   // Items of one weight taken together by the knapsack.
   struct Group {
@@ -747,13 +749,14 @@ class PatternLp {
   std::vector<double> _x;     // the values of the basic columns
   std::vector<double> _y;     // the duals
   long _bound = 0;
-  long _pivots = 0;
+  size_t _pivots = 0;
   bool _singular = false;
 };
 
 // The operations the pattern relaxation of a pack and its dive may take
-// (some 40 ms).
+// (some 40 ms), and the largest table of its knapsack (bytes).
 constexpr long kRelaxWork = 200000000;
+constexpr double kRelaxTable = 1 << 24;
 
 // What the relaxation gives a pack: a bound on its bins, and maybe a
 // packing.
@@ -818,11 +821,14 @@ Relaxation RelaxPacking(const std::vector<int>& w, int c, long target, long have
         kc.push_back(static_cast<int>(items[k].size()));
       }
     if (kinds.empty()) break;
-    // The knapsack's table and the basis, within the work.
-    if ((static_cast<double>(c) + 1) * static_cast<double>(w.size()) > static_cast<double>(work) ||
-        static_cast<double>(kinds.size()) * static_cast<double>(kinds.size()) >
-            static_cast<double>(work))
+    // The knapsack's table (a byte per group of items and unit of
+    // capacity) within kRelaxTable, the first inversion of the basis within
+    // the work.
+    auto m = static_cast<double>(kinds.size());
+    if ((static_cast<double>(c) + 1) * static_cast<double>(w.size()) > kRelaxTable ||
+        m * m * m > static_cast<double>(work))
       return result;
+    work -= static_cast<long>(m * m * m);
     PatternLp lp(kw, kc, c);
     for (;;) {
       bool solved = lp.solve(first ? std::numeric_limits<long>::max() : target - bins + 1, work);

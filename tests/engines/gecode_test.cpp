@@ -1,5 +1,6 @@
 // The Gecode engine: what it takes, what it refuses, and how it follows
 // changes (posted in place, or the root space rebuilt).
+#include <numeric>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -813,6 +814,13 @@ TEST(GecodeBinPacking, PatternBoundNeverExceedsTheOptimum) {
   EXPECT_EQ(QelGecodeBinPatternBound({}, 100), 0);
   EXPECT_EQ(QelGecodeBinPatternBound({0, 0}, 100), 0);
   EXPECT_EQ(QelGecodeBinPatternBound({120, 10}, 100), QelGecodeBinLowerBound({120, 10}, 100));
+  // Beyond what the relaxation takes on (a knapsack table of a byte per
+  // unit of capacity and item, a basis of one row per distinct weight):
+  // L2.
+  EXPECT_EQ(QelGecodeBinPatternBound({600000000, 600000000, 500000000}, 1000000000), 3);
+  std::vector<int> many(1000);
+  std::iota(many.begin(), many.end(), 1);
+  EXPECT_EQ(QelGecodeBinPatternBound(many, 1000), QelGecodeBinLowerBound(many, 1000));
   // Against the optimum a dynamic program over the subsets of items
   // finds: never above it, never below L2, and above L2 on many.
   struct Case {
