@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <numeric>
@@ -415,11 +416,17 @@ struct PackItems {
   bool sameBins = false;     // whether the bins are interchangeable (same load
                              // bounds, every item free to go into any bin)
   long lowerBound = 0;       // the bins the weights need at least (L2)
-  // A packing into as many bins as the lower bound, found before the first
-  // search that uses it (MinimumSlackPacking): each item's bin; empty when
-  // none was found.
+  // The bins they need at least, by L2 and by the pattern relaxation once
+  // that was solved (RelaxPacking).
+  long bound = 0;
+  // A packing into as many bins as that bound, found before the run of the
+  // pack searches that it leads (MinimumSlackPacking before the first run,
+  // or else a dive through the pattern relaxation before run kRelaxRun):
+  // each item's bin; empty when none was found.
   std::vector<int> hint;
-  bool hintTried = false;  // whether the packing was looked for
+  unsigned long hintRun = 0;  // the run (restart) that the packing leads
+  bool hintTried = false;     // whether the minimum-slack packing was looked for
+  bool relaxed = false;       // whether the pattern relaxation was solved
 };
 
 // A packing of items of weights `w` into bins of capacity `c` by minimum
@@ -473,6 +480,404 @@ std::vector<int> MinimumSlackPacking(const std::vector<int>& w, int c, long node
   return bin;
 }
 
+// The linear relaxation of a bin packing in pattern form. A pattern is what
+// one bin holds: how many items of each weight, within the capacity and the
+// items there are. The relaxation asks for as few bins in all as can cover
+// every item with patterns taken fractionally. A revised simplex solves it
+// over a basis of patterns (and of surplus columns, for items covered more
+// than once); the pattern that enters is the one worth most at the duals,
+// found by a knapsack over the capacity (dynamic programming, each weight's
+// count split into powers of two).
+//
+// The duals of any step give a bound that holds whatever the rounding of
+// the arithmetic: rounded down to integers Y_i >= 0 (one per weight), with
+// V the most that one bin can hold of them (the same knapsack, exact in
+// integers), every packing needs at least sum_i count_i Y_i / V bins, since
+// each bin holds at most V and the items hold that sum. At the relaxation's
+// optimum this is its value, which on items of a few per bin is often a
+// bin above ceil(sum / c) and L2.
+class PatternLp {
+ public:
+  // Items of the distinct weights `weight` (each from 1 to `c`), `count[i]`
+  // of weight `weight[i]` (each at least 1).
+  PatternLp(std::vector<int> weight, std::vector<int> count, int c)
+      : _weight(std::move(weight)), _count(std::move(count)), _c(c), _m(_weight.size()) {
+    _best.assign(static_cast<size_t>(_c) + 1, 0);
+    _pattern.assign(_m, std::vector<int>(_m, 0));
+    _surplus.assign(_m, -1);
+    // The first basis: each weight alone, as many to a bin as fit.
+    for (size_t i = 0; i < _m; ++i) _pattern[i][i] = std::min(_count[i], _c / _weight[i]);
+    splitCounts();
+    _singular = !refactor();
+  }
+
+  // The operations one pivot costs (the knapsack, the basis update and its
+  // share of the inversions made anew), to weigh a budget before it is
+  // spent.
+  long pivotCost() const {
+    return static_cast<long>(_m * _m + _m * _m * _m / kRefactorEvery +
+                             _group.size() * (static_cast<size_t>(_c) + 1));
+  }
+
+  // Pivots until the relaxation is solved (true), or until the bound
+  // reaches `target` or `work` (counted in operations, decreased) runs out
+  // (false).
+  bool solve(long target, long& work) {
+    std::vector<int> a;
+    std::vector<std::int64_t> scaled(_m, 0);
+    std::vector<double> column(_m, 0.0);
+    std::vector<double> u(_m, 0.0);
+    while (!_singular && work > 0) {
+      work -= pivotCost();
+      priceBound(scaled, a);
+      if (_bound >= target) return false;
+      // Entering: a surplus column whose dual is negative, or else the
+      // pattern worth most, when it is worth more than a bin.
+      size_t enter = _m;
+      for (size_t j = 0; j < _m && enter == _m; ++j)
+        if (_y[j] < -kTolerance) enter = j;
+      double reduced = 1;
+      std::fill(column.begin(), column.end(), 0.0);
+      if (enter < _m) {
+        column[enter] = -1;
+        reduced = _y[enter];
+      } else {
+        for (size_t j = 0; j < _m; ++j) {
+          reduced -= a[j] * _y[j];
+          column[j] = a[j];
+        }
+        if (reduced > -kTolerance) return true;
+      }
+      // Leaving: the ratio test, the largest pivot among ties.
+      std::fill(u.begin(), u.end(), 0.0);
+      for (size_t j = 0; j < _m; ++j)
+        if (column[j] != 0)
+          for (size_t r = 0; r < _m; ++r) u[r] += _binv[r * _m + j] * column[j];
+      size_t out = _m;
+      double step = 0;
+      for (size_t r = 0; r < _m; ++r) {
+        if (u[r] <= kTolerance) continue;
+        double t = _x[r] / u[r];
+        if (out == _m || t < step - 1e-12 || (t < step + 1e-12 && u[r] > u[out])) {
+          out = r;
+          step = t;
+        }
+      }
+      if (out == _m) return true;  // cannot happen: every pattern covers an item
+      pivot(out, u, step, reduced);
+      _surplus[out] = enter < _m ? static_cast<int>(enter) : -1;
+      if (enter < _m)
+        std::fill(_pattern[out].begin(), _pattern[out].end(), 0);
+      else
+        _pattern[out] = a;
+      if (++_pivots % kRefactorEvery == 0) _singular = !refactor();
+    }
+    return false;
+  }
+
+  // The best bound found so far (0 before the first step).
+  long bound() const { return _bound; }
+  // Forgets the bound (after items were taken out).
+  void resetBound() { _bound = 0; }
+  // The rows of the basis.
+  size_t rows() const { return _m; }
+  // Whether the basic column of row `r` is a pattern (not a surplus).
+  bool isPattern(size_t r) const { return _surplus[r] < 0; }
+  // The value of the basic column of row `r`.
+  double value(size_t r) const { return _x[r]; }
+  // The pattern of row `r` (items of each weight).
+  const std::vector<int>& pattern(size_t r) const { return _pattern[r]; }
+  // The items of each weight still to cover.
+  const std::vector<int>& count() const { return _count; }
+
+  // Takes `k` bins of the basic pattern of row `r` out of the items (k at
+  // most its value, its items there): the basis stays feasible, the value
+  // of the row down by k.
+  void take(size_t r, int k) {
+    for (size_t i = 0; i < _m; ++i) _count[i] -= k * _pattern[r][i];
+    _x[r] = std::max(0.0, _x[r] - k);
+    splitCounts();
+  }
+
+ private:
+  static constexpr double kTolerance = 1e-9;
+  static constexpr size_t kRefactorEvery = 64;
+
+  // Items of one weight taken together by the knapsack.
+  struct Group {
+    int weight;  // of them all
+    int items;
+    size_t kind;
+  };
+
+  // The knapsack's groups: each weight's count (within what fits a bin)
+  // split into 1, 2, 4, ... items.
+  void splitCounts() {
+    _group.clear();
+    for (size_t i = 0; i < _m; ++i) {
+      int left = std::min(_count[i], _c / _weight[i]);
+      for (int k = 1; left > 0; k *= 2) {
+        int t = std::min(k, left);
+        _group.push_back({t * _weight[i], t, i});
+        left -= t;
+      }
+    }
+    _take.assign(_group.size() * (static_cast<size_t>(_c) + 1), 0);
+  }
+
+  // The duals rounded to integers, the bound they give, and in `a` the
+  // pattern worth most at them.
+  void priceBound(std::vector<std::int64_t>& scaled, std::vector<int>& a) {
+    double top = 1;
+    std::int64_t items = 1;
+    for (size_t j = 0; j < _m; ++j) {
+      top = std::max(top, _y[j]);
+      items += _count[j];
+    }
+    // Scaled so that no sum below overflows: at most 2^60.
+    double scale = std::ldexp(1.0, 60) / (top * static_cast<double>(items));
+    scale = std::min(scale, std::ldexp(1.0, 30));
+    std::int64_t held = 0;  // sum_j count_j Y_j
+    for (size_t j = 0; j < _m; ++j) {
+      scaled[j] = _y[j] > 0 ? static_cast<std::int64_t>(std::floor(_y[j] * scale)) : 0;
+      held += scaled[j] * _count[j];
+    }
+    std::int64_t most = knapsack(scaled, a);
+    if (most > 0) _bound = std::max(_bound, static_cast<long>((held + most - 1) / most));
+  }
+
+  // The most a bin holds of the values `v` per weight, and that bin in `a`.
+  std::int64_t knapsack(const std::vector<std::int64_t>& v, std::vector<int>& a) {
+    std::fill(_best.begin(), _best.end(), 0);
+    size_t stride = static_cast<size_t>(_c) + 1;
+    for (size_t g = 0; g < _group.size(); ++g) {
+      std::int64_t value = v[_group[g].kind] * _group[g].items;
+      unsigned char* taken = &_take[g * stride];
+      auto w = static_cast<size_t>(_group[g].weight);
+      std::fill(taken, taken + stride, 0);
+      if (value <= 0) continue;
+      for (size_t c = stride - 1; c >= w; --c)
+        if (_best[c - w] + value > _best[c]) {
+          _best[c] = _best[c - w] + value;
+          taken[c] = 1;
+        }
+    }
+    a.assign(_m, 0);
+    size_t c = stride - 1;
+    for (size_t g = _group.size(); g-- > 0;)
+      if (_take[g * stride + c] != 0) {
+        a[_group[g].kind] += _group[g].items;
+        c -= static_cast<size_t>(_group[g].weight);
+      }
+    return _best[stride - 1];
+  }
+
+  // Row `out` leaves for the column whose image is `u`, at `step`; the
+  // duals move by its reduced cost.
+  void pivot(size_t out, const std::vector<double>& u, double step, double reduced) {
+    double* po = &_binv[out * _m];
+    for (size_t j = 0; j < _m; ++j) po[j] /= u[out];
+    for (size_t r = 0; r < _m; ++r) {
+      if (r == out || u[r] == 0) continue;
+      double* pr = &_binv[r * _m];
+      for (size_t j = 0; j < _m; ++j) pr[j] -= u[r] * po[j];
+      _x[r] = std::max(0.0, _x[r] - u[r] * step);
+    }
+    _x[out] = step;
+    for (size_t j = 0; j < _m; ++j) _y[j] += reduced * po[j];
+  }
+
+  // The inverse of the basis anew (Gauss-Jordan, partial pivoting), the
+  // values and the duals from it; false when the basis is singular.
+  bool refactor() {
+    size_t m = _m;
+    std::vector<double> b(m * m, 0.0);
+    _binv.assign(m * m, 0.0);
+    for (size_t r = 0; r < m; ++r) {
+      if (_surplus[r] >= 0)
+        b[static_cast<size_t>(_surplus[r]) * m + r] = -1;
+      else
+        for (size_t i = 0; i < m; ++i) b[i * m + r] = _pattern[r][i];
+      _binv[r * m + r] = 1;
+    }
+    for (size_t c = 0; c < m; ++c) {
+      size_t p = c;
+      for (size_t i = c + 1; i < m; ++i)
+        if (std::fabs(b[i * m + c]) > std::fabs(b[p * m + c])) p = i;
+      if (std::fabs(b[p * m + c]) < 1e-12) return false;
+      if (p != c)
+        for (size_t j = 0; j < m; ++j) {
+          std::swap(b[p * m + j], b[c * m + j]);
+          std::swap(_binv[p * m + j], _binv[c * m + j]);
+        }
+      double d = b[c * m + c];
+      for (size_t j = 0; j < m; ++j) {
+        b[c * m + j] /= d;
+        _binv[c * m + j] /= d;
+      }
+      for (size_t i = 0; i < m; ++i) {
+        double f = b[i * m + c];
+        if (i == c || f == 0) continue;
+        for (size_t j = 0; j < m; ++j) {
+          b[i * m + j] -= f * b[c * m + j];
+          _binv[i * m + j] -= f * _binv[c * m + j];
+        }
+      }
+    }
+    _x.assign(m, 0.0);
+    _y.assign(m, 0.0);
+    for (size_t r = 0; r < m; ++r) {
+      double s = 0;
+      for (size_t i = 0; i < m; ++i) s += _binv[r * m + i] * _count[i];
+      _x[r] = std::max(0.0, s);
+      if (_surplus[r] < 0)
+        for (size_t j = 0; j < m; ++j) _y[j] += _binv[r * m + j];
+    }
+    return true;
+  }
+
+  std::vector<int> _weight;
+  std::vector<int> _count;
+  int _c;
+  size_t _m;
+  std::vector<Group> _group;
+  std::vector<std::int64_t> _best;         // the knapsack's best value by capacity
+  std::vector<unsigned char> _take;        // whether group g is taken at capacity c
+  std::vector<std::vector<int>> _pattern;  // the basic pattern of each row
+  std::vector<int> _surplus;  // the weight whose surplus is basic at a row (-1: a pattern)
+  std::vector<double> _binv;  // the inverse of the basis, row by row
+  std::vector<double> _x;     // the values of the basic columns
+  std::vector<double> _y;     // the duals
+  long _bound = 0;
+  size_t _pivots = 0;
+  bool _singular = false;
+};
+
+// The operations the pattern relaxation of a pack and its dive may take
+// (some 40 ms), and the largest table of its knapsack (bytes).
+constexpr long kRelaxWork = 200000000;
+constexpr double kRelaxTable = 1 << 24;
+
+// What the relaxation gives a pack: a bound on its bins, and maybe a
+// packing.
+struct Relaxation {
+  long bound = 0;            // the bins the items need at least (0: none found)
+  std::vector<int> packing;  // each item's bin; empty when none was found
+  long bins = 0;             // the bins of the packing
+};
+
+// The bound of the pattern relaxation of the items of weights `w` (bins of
+// capacity `c`), and a packing found by diving through it: the relaxation
+// is solved, every basic pattern it takes one or more times is taken as
+// many whole times into bins, and when none is, the one it takes most,
+// then the relaxation of the items left is solved and so on. The dive
+// gives up when its bins and the bound of the items left exceed `target`
+// (or the bound of all the items, when higher); there is no dive when a
+// packing at hand of `have` bins already meets the bound. The work, counted
+// in operations, is bounded by `work`. Items of weight 0 need no bin of
+// their own and are put into the first one.
+Relaxation RelaxPacking(const std::vector<int>& w, int c, long target, long have, long work) {
+  Relaxation result;
+  // The items of each distinct weight, heaviest first.
+  std::vector<int> order(w.size());
+  std::iota(order.begin(), order.end(), 0);
+  std::stable_sort(order.begin(), order.end(), [&w](int a, int b) { return w[a] > w[b]; });
+  std::vector<int> weight;
+  std::vector<std::vector<int>> items;  // of each weight, taken from the back
+  for (int i : order) {
+    int x = w[static_cast<size_t>(i)];
+    if (x > c) return result;  // no packing at all
+    if (x <= 0) continue;
+    if (weight.empty() || weight.back() != x) {
+      weight.push_back(x);
+      items.emplace_back();
+    }
+    items.back().push_back(i);
+  }
+  std::vector<int> bin(w.size(), 0);
+  long bins = 0;
+  // Puts the items of pattern `a` (clipped to those left) into a new bin.
+  auto fill = [&](const std::vector<int>& kinds, const std::vector<int>& a) {
+    bool any = false;
+    for (size_t j = 0; j < kinds.size(); ++j)
+      for (int t = 0; t < a[j] && !items[static_cast<size_t>(kinds[j])].empty(); ++t) {
+        bin[static_cast<size_t>(items[static_cast<size_t>(kinds[j])].back())] =
+            static_cast<int>(bins);
+        items[static_cast<size_t>(kinds[j])].pop_back();
+        any = true;
+      }
+    bins += any ? 1 : 0;
+    return any;
+  };
+  bool first = true;
+  for (;;) {
+    std::vector<int> kinds;  // the weights with items left
+    std::vector<int> kw;
+    std::vector<int> kc;
+    for (size_t k = 0; k < weight.size(); ++k)
+      if (!items[k].empty()) {
+        kinds.push_back(static_cast<int>(k));
+        kw.push_back(weight[k]);
+        kc.push_back(static_cast<int>(items[k].size()));
+      }
+    if (kinds.empty()) break;
+    // The knapsack's table (a byte per group of items and unit of
+    // capacity) within kRelaxTable, the first inversion of the basis within
+    // the work.
+    auto m = static_cast<double>(kinds.size());
+    if ((static_cast<double>(c) + 1) * static_cast<double>(w.size()) > kRelaxTable ||
+        m * m * m > static_cast<double>(work))
+      return result;
+    work -= static_cast<long>(m * m * m);
+    PatternLp lp(kw, kc, c);
+    for (;;) {
+      bool solved = lp.solve(first ? std::numeric_limits<long>::max() : target - bins + 1, work);
+      if (first) {
+        result.bound = lp.bound();
+        target = std::max(target, lp.bound());
+        first = false;
+        if (have <= target) return result;
+      }
+      if (!solved) return result;  // over the target, out of work or singular
+      // Every pattern the relaxation takes whole, as many times.
+      bool took = false;
+      for (size_t r = 0; r < lp.rows(); ++r) {
+        if (!lp.isPattern(r) || lp.value(r) < 1 - 1e-9) continue;
+        int k = static_cast<int>(std::floor(lp.value(r) + 1e-9));
+        bool fits = true;
+        for (size_t j = 0; j < lp.rows(); ++j)
+          fits = fits && static_cast<long>(k) * lp.pattern(r)[j] <= lp.count()[j];
+        if (!fits) continue;
+        std::vector<int> a = lp.pattern(r);
+        for (int t = 0; t < k; ++t) fill(kinds, a);
+        lp.take(r, k);
+        took = true;
+      }
+      if (!took) break;
+      lp.resetBound();
+      if (std::all_of(lp.count().begin(), lp.count().end(), [](int n) { return n == 0; })) break;
+    }
+    // None whole: the pattern taken most (its items left), then the
+    // relaxation of the items left afresh.
+    size_t most = lp.rows();
+    for (size_t r = 0; r < lp.rows(); ++r) {
+      bool any = false;
+      for (size_t j = 0; j < lp.rows(); ++j)
+        any = any || (lp.pattern(r)[j] > 0 && lp.count()[j] > 0);
+      if (lp.isPattern(r) && any && (most == lp.rows() || lp.value(r) > lp.value(most))) most = r;
+    }
+    if (most < lp.rows()) {
+      fill(kinds, lp.pattern(most));
+    } else if (!std::all_of(lp.count().begin(), lp.count().end(), [](int n) { return n == 0; })) {
+      return result;  // cannot happen: some pattern covers the items left
+    }
+  }
+  if (bins > target) return result;
+  result.packing = std::move(bin);
+  result.bins = bins;
+  return result;
+}
+
 // Martello and Toth's lower bound L2 on the number of bins of capacity `c`
 // that the items of `w` need: for each threshold k <= c/2, the items above
 // c - k need a bin each, so do the items above c/2, and the items between k
@@ -506,6 +911,14 @@ long QelGecodeBinLowerBound(std::vector<int> w, long c) {
     best = std::max(best, bound);
   }
   return best;
+}
+
+long QelGecodeBinPatternBound(const std::vector<int>& w, long c) {
+  long bound = QelGecodeBinLowerBound(w, c);
+  if (c <= 0 || c > std::numeric_limits<int>::max()) return bound;
+  // A packing "at hand" of that many bins: no dive, the relaxation alone.
+  Relaxation r = RelaxPacking(w, static_cast<int>(c), bound, bound, kRelaxWork);
+  return std::max(bound, r.bound);
 }
 
 namespace {
@@ -1173,6 +1586,10 @@ class GecodeEngine : public QelGecodeI {
               const_cast<GecodeEngine*>(this)->toExpr(work, pack.pack->getUsed(), pack.pack, false);
           Gecode::IntVar count = Gecode::expr(work, used.expr + static_cast<int>(used.offset));
           for (int i = 0; i < items.size(); ++i) Gecode::rel(work, items[i], Gecode::IRT_LE, count);
+          // The pattern relaxation's bound, when above L2 (which extraction
+          // posted), on the bins used.
+          if (pack.bound > pack.lowerBound)
+            Gecode::rel(work, count, Gecode::IRT_GQ, static_cast<int>(pack.bound));
           bool binByBin = _search.pack == QelGecodePackSearch::Bins ||
                           (_search.pack == QelGecodePackSearch::Alternate && restart % 2 == 1);
           // A packing into as many bins as the lower bound, found before the
@@ -1180,8 +1597,9 @@ class GecodeEngine : public QelGecodeI {
           // count from the fewest bins up, each item first into its bin in
           // that packing. The first dive then ends at a proven optimum. (A
           // search chosen alone with packSearch runs as it is.)
-          bool guided = restart == 0 && _search.pack == QelGecodePackSearch::Alternate &&
-                        !binByBin && !pack.hint.empty();
+          bool guided = restart == pack.hintRun && _search.pack == QelGecodePackSearch::Alternate &&
+                        !pack.hint.empty();
+          binByBin = binByBin && !guided;
           if (!guided) hint.reset();
           // Otherwise the count first, from the most bins down: a packing
           // comes at once, and each better count is then searched from the
@@ -1359,10 +1777,13 @@ class GecodeEngine : public QelGecodeI {
       for (PackItems& pack : _packs) {
         if (pack.hintTried || pack.capacity <= 0) continue;
         pack.hintTried = true;
+        pack.bound = pack.lowerBound;
         std::vector<int> hint =
             MinimumSlackPacking(pack.weights, pack.capacity, kSlackNodes, kSlackBudget);
-        if (!hint.empty() && *std::max_element(hint.begin(), hint.end()) + 1 <= pack.lowerBound)
+        if (!hint.empty() && *std::max_element(hint.begin(), hint.end()) + 1 <= pack.bound) {
           pack.hint = std::move(hint);
+          pack.hintRun = 0;
+        }
       }
       work->poster = &_poster;
     } else
@@ -1422,14 +1843,34 @@ class GecodeEngine : public QelGecodeI {
   // Posts the branchings into each copy of a search with restarts.
   class Poster : public BranchingPoster {
    public:
-    explicit Poster(const GecodeEngine* engine) : _engine(engine) {}
+    explicit Poster(GecodeEngine* engine) : _engine(engine) {}
     void post(ModelSpace& work, unsigned long restart) const override {
+      if (restart == kRelaxRun) _engine->relaxPacks();
       _engine->postBranching(work, restart);
     }
 
    private:
-    const GecodeEngine* _engine;
+    GecodeEngine* _engine;
   };
+
+  // Before run kRelaxRun of the pack searches (each of the two has had a
+  // run and found no packing at the bound, nor the minimum-slack packing):
+  // the pattern relaxation of each pack, once per extraction. Its bound is
+  // posted on the bins used from then on, and the packing its dive finds,
+  // when it meets the bound, leads that run.
+  void relaxPacks() {
+    for (PackItems& pack : _packs) {
+      if (pack.relaxed || !pack.hint.empty() || pack.capacity <= 0) continue;
+      pack.relaxed = true;
+      Relaxation r = RelaxPacking(pack.weights, pack.capacity, pack.bound,
+                                  std::numeric_limits<long>::max(), kRelaxWork);
+      pack.bound = std::max(pack.bound, r.bound);
+      if (!r.packing.empty() && r.bins <= pack.bound) {
+        pack.hint = std::move(r.packing);
+        pack.hintRun = kRelaxRun;
+      }
+    }
+  }
 
   // Failures before the first restart of the two pack searches (the
   // cutoff doubles at each restart).
@@ -1438,6 +1879,9 @@ class GecodeEngine : public QelGecodeI {
   // (so that a large pack does not wait long for it).
   static constexpr long kSlackNodes = 20000;
   static constexpr long kSlackBudget = 2000000;
+  // The run of the pack searches before which the pattern relaxation is
+  // solved.
+  static constexpr unsigned long kRelaxRun = 2;
 
   Poster _poster{this};
   std::unique_ptr<ModelSpace> _root;

@@ -41,9 +41,14 @@
 // search, a minimum-bin-slack packing is tried (each bin gets the heaviest item left, then the
 // items left that fill it best); when it needs no more bins than the lower bound, it leads the
 // first run of the two searches in turn: the count is tried from the fewest bins up and each item
-// goes first into its bin in that packing, so the first dive ends at a proven optimum. A run that
-// ends before its cutoff has explored the whole tree; the status is Optimal only then, or when a
-// packing meets the lower bound. Every other variable, and every model without a pack, is searched
+// goes first into its bin in that packing, so the first dive ends at a proven optimum. When neither
+// that packing nor the first two runs (one of each search) meet the bound, the linear relaxation
+// over bin patterns is solved before the third run (QelGecodeBinPatternBound): its bound, when
+// higher, is posted on the count, and a packing found by diving through it (taking the patterns it
+// uses whole, solving it again for the items left), when it meets the bound, leads that run as
+// the minimum-slack packing leads the first. A run that ends before its cutoff has explored the
+// whole tree; the status is Optimal only then, or when a packing meets the lower bound. Every
+// other variable, and every model without a pack, is searched
 // first-fail (smallest domain first, smallest value first). A QelGecodeSearch replaces the default:
 // variable and value selection, restarts with a Luby or geometric cutoff
 // sequence (counted in failures), and a limit on failures. The shared settings apply as well: time,
@@ -187,6 +192,13 @@ class QelGecodeI : public QelEngineI {
 /// the items of weights `w` need (at least ceil(sum / c)); the engine posts
 /// it on the used count of a pack.
 long QelGecodeBinLowerBound(std::vector<int> w, long c);
+
+/// The bins of capacity `c` the items of weights `w` need at least by the
+/// pattern relaxation (fractional bins, each holding what one bin can hold)
+/// that the engine solves before the third run of its pack searches, and
+/// never less than QelGecodeBinLowerBound: its value rounded up, or a bound
+/// on the way when the work allowed for it runs out.
+long QelGecodeBinPatternBound(const std::vector<int>& w, long c);
 
 /// A new Gecode engine (a QelGecodeI) attached to `env` (destroy it with delete or
 /// QelEngine::end before the environment ends).
