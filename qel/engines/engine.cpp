@@ -1,6 +1,7 @@
 // QelEngineI: the image of what was extracted, the default handlers of every
 // class and notice, and the solve cycle.
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -637,6 +638,12 @@ QelInt QelEngineI::applyNotice(const QelSetRangeBounds& n, void*) {
 
 // ---- QelPodStorage ---------------------------------------------------------
 
+namespace {
+std::atomic<size_t> mappedBytes{0};
+}  // namespace
+
+size_t QelPodStorage::MappedBytesInUse() { return mappedBytes.load(std::memory_order_relaxed); }
+
 void* QelPodStorage::Grow(void* old, size_t oldBytes, size_t usedBytes, size_t& bytes) {
 #if defined(__linux__)
   if (bytes >= MappedBytes) {
@@ -646,9 +653,11 @@ void* QelPodStorage::Grow(void* old, size_t oldBytes, size_t usedBytes, size_t& 
     if (oldBytes >= MappedBytes) {
       p = mremap(old, oldBytes, bytes, MREMAP_MAYMOVE);
       if (p == MAP_FAILED) return nullptr;
+      mappedBytes.fetch_add(bytes - oldBytes, std::memory_order_relaxed);
     } else {
       p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
       if (p == MAP_FAILED) return nullptr;
+      mappedBytes.fetch_add(bytes, std::memory_order_relaxed);
       QelMemory::Prefault(p, static_cast<long>(bytes));
       if (usedBytes != 0) std::memcpy(p, old, usedBytes);
       std::free(old);
@@ -670,6 +679,7 @@ void QelPodStorage::Release(void* p, size_t bytes) {
 #if defined(__linux__)
   if (bytes >= MappedBytes) {
     munmap(p, bytes);
+    mappedBytes.fetch_sub(bytes, std::memory_order_relaxed);
     return;
   }
 #endif

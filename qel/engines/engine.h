@@ -273,6 +273,9 @@ struct QEL_API QelPodStorage {
   static void* Grow(void* old, size_t oldBytes, size_t usedBytes, size_t& bytes);
   /// Gives back a storage of `bytes` bytes (null does nothing).
   static void Release(void* p, size_t bytes);
+  /// Bytes of mapped storage held in the whole process now (the C library's
+  /// statistics do not see them).
+  static size_t MappedBytesInUse();
 };
 
 /// A growing array of trivially copyable values, for the engines' forms

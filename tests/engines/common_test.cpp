@@ -373,6 +373,13 @@ TEST(CommonPodVector, GrowsPastTheMappedSizeKeepingEveryValue) {
   long sum = 0;
   for (long x : v) sum += x;
   EXPECT_EQ(sum, static_cast<long>(3 * (n - 1) * n / 2));
+#if defined(__linux__)
+  // The mapped storage is counted while it is held.
+  EXPECT_GE(QelPodStorage::MappedBytesInUse(), n * sizeof(long));
+  size_t held = QelPodStorage::MappedBytesInUse();
+  QelPodVector<long>().swap(v);
+  EXPECT_LE(QelPodStorage::MappedBytesInUse() + n * sizeof(long), held);
+#endif
 }
 
 TEST(CommonPodVector, PushingOwnValueWhileGrowingCopiesItFirst) {
