@@ -91,6 +91,8 @@ std::string ParseArgs(int argc, char** argv, Options& o) {
   return "";
 }
 
+#if defined(QEL_HAVE_CBC) || defined(QEL_HAVE_GECODE)
+// What a solve prints: its status, the objective (or none) and the time.
 void Finish(const char* status, bool haveObjective, double objective, double seconds) {
   std::printf("status: %s\n", status);
   if (haveObjective)
@@ -100,7 +102,6 @@ void Finish(const char* status, bool haveObjective, double objective, double sec
   std::printf("time: %.3f s\n", seconds);
 }
 
-#if defined(QEL_HAVE_CBC) || defined(QEL_HAVE_GECODE)
 // The engine called `name`, or an empty handle when it was not built.
 QelEngine NewEngine(const std::string& name, QelEnv env) {
 #ifdef QEL_HAVE_CBC
