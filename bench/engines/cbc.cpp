@@ -3,7 +3,7 @@
 //   Load/*     building a Qel model and extracting it into CBC (up to the
 //              LP loaded in CLP) against loading the same matrix directly
 //              (CoinPackedMatrix + loadProblem), 1e4 to 1e6 nonzeros;
-//   LoadOnce/* the same, each load once in a fresh process;
+//   LoadOnce/* the same, each load once in a freshly started program;
 //   Solve/*    a solve through the engine against CBC's driver called
 //              directly with the same settings on the same LP (sample MIPs
 //              shipped with CoinUtils, when present);
@@ -19,14 +19,11 @@
 #include <benchmark/benchmark.h>
 
 #include <malloc.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <ctime>
 
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -40,6 +37,7 @@
 
 #include "engines/support/cbcdirect.h"
 #include "engines/support/models.h"
+#include "fresh.h"
 
 #include <qel/engines/cbc.h>
 #include <qel/engines/linear.h>
@@ -170,18 +168,23 @@ void Load_Direct(benchmark::State& state) {
 }
 BENCHMARK(Load_Direct)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
 
+// The Qel side of a load: the model built in `env`, extracted into a CBC
+// engine and loaded into CLP; the nonzeros loaded.
+long BuildExtractLoad(QelEnv env, const Data& d) {
+  QelModel m = ToQel(env, d);
+  QelCbc mip(env);
+  mip.extract(m);
+  long nnz = QelCbcLoad(mip.getImpl());
+  mip.end();
+  return nnz;
+}
+
 void Load_Qel(benchmark::State& state) {
   Data d = Generate(static_cast<int>(state.range(0)));
   long nnz = 0;
   for (auto _ : state) {
     QelEnv env;
-    {
-      QelModel m = ToQel(env, d);
-      QelCbc mip(env);
-      mip.extract(m);
-      nnz = QelCbcLoad(mip.getImpl());
-      mip.end();
-    }
+    nnz = BuildExtractLoad(env, d);
     env.end();
   }
   if (nnz != static_cast<long>(d.index.size()))
@@ -220,78 +223,44 @@ BENCHMARK(Load_QelExtractOnly)
     ->Arg(100000)
     ->Unit(benchmark::kMillisecond);
 
-// The same two loads, each once in a fresh process, as a program that loads
-// one model meets them: every page either side touches is new to it. The
-// benchmark loops above reuse the memory of earlier iterations as the C
-// library's allocator allows, which favors whichever side keeps its blocks
-// below glibc's mmap threshold (the Qel side: its environment's chunks),
-// while the direct side's large arrays are mapped and faulted in afresh in
-// every iteration. Here each iteration forks a child, which does the work
-// and reports the CPU time it took (user and system: page faults included);
-// the model's data is generated before the fork and only read by the child.
-template <class Work>
-void InAFreshProcess(benchmark::State& state, Work work) {
-  for (auto _ : state) {
-    int fd[2];
-    if (pipe(fd) != 0) {
-      state.SkipWithError("pipe");
-      return;
+// The same two loads, each once in a freshly started program
+// (engines/fresh.h): the loops above reuse the memory of earlier iterations
+// as the C library's allocator allows, which favors whichever side keeps its
+// blocks below glibc's mmap threshold, while the other side's large arrays
+// are mapped and faulted in afresh in every iteration. The child generates
+// the model's data, then times the load alone.
+int LoadOnceChild(const std::string& side, int rows) {
+  Data d = Generate(rows);
+  return freshrun::Report([&] {
+    long nnz = 0;
+    if (side == "direct") {
+      OsiClpSolverInterface lp;
+      LoadDirect(d, lp);
+      nnz = lp.getNumElements();
+    } else {
+      // The environment's end is left out, as the direct side leaves out
+      // freeing its data.
+      nnz = BuildExtractLoad(QelEnv(), d);
     }
-    pid_t child = fork();
-    if (child == 0) {
-      close(fd[0]);
-      timespec a{}, b{};
-      clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &a);
-      work();
-      clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &b);
-      double seconds = static_cast<double>(b.tv_sec - a.tv_sec) +
-                       1e-9 * static_cast<double>(b.tv_nsec - a.tv_nsec);
-      ssize_t written = write(fd[1], &seconds, sizeof seconds);
-      _exit(written == static_cast<ssize_t>(sizeof seconds) ? 0 : 1);
-    }
-    close(fd[1]);
-    double seconds = -1;
-    ssize_t got = read(fd[0], &seconds, sizeof seconds);
-    close(fd[0]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    if (got != static_cast<ssize_t>(sizeof seconds) || status != 0) {
-      state.SkipWithError("the child failed");
-      return;
-    }
-    state.SetIterationTime(seconds);
-  }
+    return nnz == static_cast<long>(d.index.size());
+  });
 }
 
-// The sizes of both one-shot loads, five processes each.
+void LoadOnce(benchmark::State& state, const char* side) {
+  freshrun::Iterate(state, {side, std::to_string(state.range(0))});
+}
+
+// The sizes of both one-shot loads, five programs each.
 void LoadOnceSizes(benchmark::internal::Benchmark* b) {
   b->Arg(1000)->Arg(10000)->Arg(100000)->UseManualTime()->Iterations(5)->Unit(
       benchmark::kMillisecond);
 }
 
-void LoadOnce_Direct(benchmark::State& state) {
-  Data d = Generate(static_cast<int>(state.range(0)));
-  InAFreshProcess(state, [&d] {
-    OsiClpSolverInterface lp;
-    LoadDirect(d, lp);
-    benchmark::DoNotOptimize(lp.getNumElements());
-  });
-}
+void LoadOnce_Direct(benchmark::State& state) { LoadOnce(state, "direct"); }
 BENCHMARK(LoadOnce_Direct)->Apply(LoadOnceSizes);
 
-// Building the Qel model, extracting it and loading CLP; the environment's
-// end is left out, as the direct side leaves out freeing its data.
-void LoadOnce_Qel(benchmark::State& state) {
-  Data d = Generate(static_cast<int>(state.range(0)));
-  InAFreshProcess(state, [&d] {
-    QelEnv env;
-    QelModel m = ToQel(env, d);
-    QelCbc mip(env);
-    mip.extract(m);
-    benchmark::DoNotOptimize(QelCbcLoad(mip.getImpl()));
-    mip.end();
-  });
-}
+// Building the Qel model, extracting it and loading CLP.
+void LoadOnce_Qel(benchmark::State& state) { LoadOnce(state, "qel"); }
 BENCHMARK(LoadOnce_Qel)->Apply(LoadOnceSizes);
 
 // ---- (c) solving -----------------------------------------------------------
@@ -555,4 +524,11 @@ BENCHMARK(Memory)->Arg(100000)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  if (freshrun::IsChild(argc, argv) && argc == 4) return LoadOnceChild(argv[2], std::atoi(argv[3]));
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

@@ -14,6 +14,10 @@
 //   extract_direct_one/<nnz>  the same with one linear per row, as the
 //                         engine posts it (sum == s, s a variable in
 //                         [1, ub]).
+//   extract_once_qel/<nnz>, extract_once_direct/<nnz>  extract_qel and
+//                         extract_direct once each in a freshly started
+//                         program (fresh.h), as a program that extracts
+//                         one model meets them; CPU time.
 //   binpack_engine/<seed> solving a bin packing of 120 items of weights
 //                         20..100 into bins of 150 through the engine (its
 //                         default search for a pack), within 10 s, seeds 1
@@ -47,6 +51,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <numeric>
 #include <random>
@@ -59,6 +64,7 @@
 
 #include <qel/engines/gecode.h>
 #include "engines/support/models.h"
+#include "fresh.h"
 
 namespace {
 
@@ -237,6 +243,37 @@ BENCHMARK(BM_ExtractQel)->Name("extract_qel")->Apply(ExtractionSizes);
 BENCHMARK(BM_BuildQel)->Name("build_qel")->Apply(ExtractionSizes);
 BENCHMARK(BM_ExtractDirect)->Name("extract_direct")->Apply(ExtractionSizes);
 BENCHMARK(BM_ExtractDirectOne)->Name("extract_direct_one")->Apply(ExtractionSizes);
+
+// The child's part of extract_once_*: the rows generated, then one
+// extraction timed (tearing down left out on both sides).
+int ExtractOnceChild(const std::string& side, long nnz) {
+  Rows rows = Generate(nnz);
+  return freshrun::Report([&] {
+    long n = static_cast<long>(rows.coef.size()) / kTerms;
+    if (side == "direct") {
+      Plain* space = PostDirect(rows).release();  // left to the process's end
+      return space->x.size() == static_cast<int>(rows.columns);
+    }
+    QelEnv env;
+    QelGecode cp(env);
+    QelModel m = BuildRows(env, rows);
+    cp.extract(m);
+    return cp.getStats().memberExtractions == n;
+  });
+}
+
+void ExtractOnce(benchmark::State& state, const char* side) {
+  freshrun::Iterate(state, {side, std::to_string(state.range(0))});
+}
+void BM_ExtractOnceQel(benchmark::State& state) { ExtractOnce(state, "qel"); }
+void BM_ExtractOnceDirect(benchmark::State& state) { ExtractOnce(state, "direct"); }
+
+void ExtractOnceSizes(benchmark::internal::Benchmark* b) {
+  for (long n : {10000L, 100000L, 200000L, 1000000L}) b->Arg(n);
+  b->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
+}
+BENCHMARK(BM_ExtractOnceDirect)->Name("extract_once_direct")->Apply(ExtractOnceSizes);
+BENCHMARK(BM_ExtractOnceQel)->Name("extract_once_qel")->Apply(ExtractOnceSizes);
 
 // ---- bin packing ----------------------------------------------------------------
 
@@ -449,4 +486,12 @@ BENCHMARK(BM_QueensDirect)
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  if (freshrun::IsChild(argc, argv) && argc == 4)
+    return ExtractOnceChild(argv[2], std::atol(argv[3]));
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <mutex>
 #include <ostream>
 #include <sstream>
 
@@ -639,7 +640,58 @@ QelInt QelEngineI::applyNotice(const QelSetRangeBounds& n, void*) {
 // ---- QelPodStorage ---------------------------------------------------------
 
 namespace {
+
 std::atomic<size_t> mappedBytes{0};
+
+#if defined(__linux__)
+// Mapped storage given back, kept for the next large arrays (up to a few
+// mappings and CacheBytes in all): a program that extracts models again and
+// again reuses pages already in memory, as it would reuse the C library's.
+class MappingCache {
+ public:
+  static constexpr size_t CacheBytes = size_t{256} << 20;
+  // A kept mapping of at least `bytes` (the smallest), its size in `bytes`;
+  // null when none fits.
+  void* take(size_t& bytes) {
+    std::lock_guard<std::mutex> hold(_lock);
+    int best = -1;
+    for (int i = 0; i < _count; ++i)
+      if (_kept[i].bytes >= bytes && (best < 0 || _kept[i].bytes < _kept[best].bytes)) best = i;
+    if (best < 0) return nullptr;
+    Kept k = _kept[best];
+    _kept[best] = _kept[--_count];
+    _total -= k.bytes;
+    bytes = k.bytes;
+    return k.p;
+  }
+  // Keeps the mapping when there is room; false when it must be unmapped.
+  bool keep(void* p, size_t bytes) {
+    std::lock_guard<std::mutex> hold(_lock);
+    if (_count == MaxKept || _total + bytes > CacheBytes) return false;
+    _kept[_count++] = Kept{p, bytes};
+    _total += bytes;
+    return true;
+  }
+
+ private:
+  struct Kept {
+    void* p;
+    size_t bytes;
+  };
+  static constexpr int MaxKept = 16;
+  std::mutex _lock;
+  Kept _kept[MaxKept] = {};
+  int _count = 0;
+  size_t _total = 0;
+};
+
+// Never destroyed: what it keeps goes with the process.
+MappingCache& Cache() {
+  static auto* cache = new MappingCache();
+  return *cache;
+}
+#endif
+
 }  // namespace
 
 size_t QelPodStorage::MappedBytesInUse() { return mappedBytes.load(std::memory_order_relaxed); }
@@ -655,16 +707,19 @@ void* QelPodStorage::Grow(void* old, size_t oldBytes, size_t usedBytes, size_t& 
       if (p == MAP_FAILED) return nullptr;
       mappedBytes.fetch_add(bytes - oldBytes, std::memory_order_relaxed);
     } else {
-      p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-      if (p == MAP_FAILED) return nullptr;
+      p = Cache().take(bytes);
+      if (p == nullptr) {
+        p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (p == MAP_FAILED) return nullptr;
+      }
       mappedBytes.fetch_add(bytes, std::memory_order_relaxed);
       QelMemory::Prefault(p, static_cast<long>(bytes));
       if (usedBytes != 0) std::memcpy(p, old, usedBytes);
       std::free(old);
       return p;
     }
-    // The array grows because it is being filled: its new pages are
-    // faulted in at once.
+    // The array grows because it is being filled: the pages of its new part
+    // are faulted in at once (pages already in memory cost nothing here).
     QelMemory::Prefault(static_cast<char*>(p) + usedBytes, static_cast<long>(bytes - usedBytes));
     return p;
   }
@@ -678,8 +733,8 @@ void QelPodStorage::Release(void* p, size_t bytes) {
   if (p == nullptr) return;
 #if defined(__linux__)
   if (bytes >= MappedBytes) {
-    munmap(p, bytes);
     mappedBytes.fetch_sub(bytes, std::memory_order_relaxed);
+    if (!Cache().keep(p, bytes)) munmap(p, bytes);
     return;
   }
 #endif
