@@ -262,7 +262,10 @@ struct QelEngineLog {
 
 /// Storage of QelPodVector: small arrays come from std::malloc; arrays of
 /// at least MappedBytes are mapped from the system directly (on Linux), so
-/// that they grow by remapping their pages, never by copying them.
+/// that they grow by remapping their pages, never by copying them, and the
+/// pages they grow by are faulted in at once. A few mappings given back
+/// (256 MiB at most) are kept for the next large arrays of the process, so
+/// that extracting models again and again reuses pages already in memory.
 struct QEL_API QelPodStorage {
   /// Arrays of at least this many bytes are mapped.
   static constexpr size_t MappedBytes = size_t{1} << 20;
