@@ -96,15 +96,16 @@ const std::vector<CbcOrClpParam>& DriverOptions() {
 // Largest number of binaries one reformulated constraint may make.
 constexpr double MaxReformulationColumns = 200000;
 
-// An array of n zeros for CLP to take over (CLP frees it with delete[]).
-// The arrays of a large LP are written right away: their pages are faulted
-// in at once, which costs the system far less than a fault per page.
+// An array of n values for CLP to take over (CLP frees it with delete[]),
+// zeros when `zeroed` (the others are all written by the caller). The
+// arrays of a large LP are written right away: their pages are faulted in
+// at once, which costs the system far less than a fault per page.
 template <class T>
-T* NewFilledArray(size_t n) {
+T* NewLpArray(size_t n, bool zeroed) {
   T* p = new T[n];
   if (n * sizeof(T) >= static_cast<size_t>(QelMemory::PrefaultChunkSize))
     QelMemory::Prefault(p, static_cast<long>(n * sizeof(T)));
-  std::fill(p, p + n, T());
+  if (zeroed) std::fill(p, p + n, T());
   return p;
 }
 
@@ -948,7 +949,7 @@ class QelCbcI : public QelEngineI {
     rowlb.reserve(static_cast<size_t>(_liveRows));
     rowub.reserve(static_cast<size_t>(_liveRows));
     auto cols = static_cast<int>(collb.size());
-    auto* length = NewFilledArray<int>(static_cast<size_t>(cols));
+    auto* length = NewLpArray<int>(static_cast<size_t>(cols), true);
     std::unique_ptr<int[]> lengthOwner(length);
     CoinBigIndex nnz = 0;
     for (size_t r = 0; r + 1 < _rowStart.size(); ++r) {
@@ -971,12 +972,12 @@ class QelCbcI : public QelEngineI {
     }
     auto rows = static_cast<int>(rowlb.size());
     std::unique_ptr<CoinBigIndex[]> start(
-        NewFilledArray<CoinBigIndex>(static_cast<size_t>(cols) + 1));
+        NewLpArray<CoinBigIndex>(static_cast<size_t>(cols) + 1, true));
     for (int c = 0; c < cols; ++c) start[c + 1] = start[c] + length[c];
     std::unique_ptr<int[]> index(
-        NewFilledArray<int>(static_cast<size_t>(std::max<CoinBigIndex>(nnz, 1))));
+        NewLpArray<int>(static_cast<size_t>(std::max<CoinBigIndex>(nnz, 1)), false));
     std::unique_ptr<double[]> value(
-        NewFilledArray<double>(static_cast<size_t>(std::max<CoinBigIndex>(nnz, 1))));
+        NewLpArray<double>(static_cast<size_t>(std::max<CoinBigIndex>(nnz, 1)), false));
     {
       // Fill each column at its next free place; rows come in order, so
       // each column's entries end up sorted by row.

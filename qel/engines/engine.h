@@ -448,10 +448,11 @@ class QelIdTable {
     void operator()(T* p) const { ::operator delete(p); }
   };
   // A page of T(): written whole at once, so its memory is faulted in with
-  // one request to the system first.
+  // one request to the system first (when it spans several system pages).
   static T* newPage() {
     void* raw = ::operator new(sizeof(T) * PageSize);
-    QelMemory::Prefault(raw, static_cast<long>(sizeof(T) * PageSize));
+    if (sizeof(T) * PageSize >= 16 * 1024)
+      QelMemory::Prefault(raw, static_cast<long>(sizeof(T) * PageSize));
     T* page = static_cast<T*>(raw);
     for (size_t i = 0; i < PageSize; ++i) new (page + i) T();
     return page;
