@@ -204,9 +204,18 @@ class QelCbcI : public QelEngineI {
   void* extractObject(const QelNumProductI* e) override { return looseExpr(e); }
 
   void* extractObject(const QelRangeI* r) override {
-    if (r->getExpr() == nullptr) throw refuse(r, "the range has no expression");
-    // The hot path of extraction: the terms go straight into the pool.
-    const QelLinearForm& f = scratchForm(r->getExpr(), r);
+    const QelNumExprI* e = r->getExpr();
+    if (e == nullptr) throw refuse(r, "the range has no expression");
+    // The hot path of extraction. A linear term of plain terms (the usual
+    // row) is read node by node straight into the pool: each variable is
+    // looked up once, and nothing is copied on the way.
+    if (const QelLinearParts* p = PlainLinearParts(e)) {
+      for (const QelLinTermNode* n = p->head; n != nullptr; n = n->next)
+        mergedEntry(column(n->var), n->coef);
+      endRow(r, r->getLB() - p->constant, r->getUB() - p->constant);
+      return nullptr;
+    }
+    const QelLinearForm& f = scratchForm(e, r);
     for (const auto& t : f.terms) mergedEntry(column(t.first), t.second);
     endRow(r, r->getLB() - f.constant, r->getUB() - f.constant);
     return nullptr;
@@ -374,7 +383,19 @@ class QelCbcI : public QelEngineI {
       clearObjective();
       return nullptr;
     }
-    const QelLinearForm& f = scratchForm(obj->getCriterion(0), obj);
+    const QelNumExprI* e = obj->getCriterion(0);
+    if (e != nullptr) {
+      if (const QelLinearParts* p = PlainLinearParts(e)) {
+        // Read in place, as a range's row: the columns first (which may
+        // fail), then the coefficients.
+        for (const QelLinTermNode* t = p->head; t != nullptr; t = t->next) column(t->var);
+        clearObjective();
+        for (const QelLinTermNode* t = p->head; t != nullptr; t = t->next)
+          _cols[static_cast<size_t>(findColumn(t->var))].obj += t->coef;
+        return nullptr;
+      }
+    }
+    const QelLinearForm& f = scratchForm(e, obj);
     clearObjective();
     // Repeated variables add up in place: no merge needed.
     for (const auto& t : f.terms) _cols[static_cast<size_t>(findColumn(t.first))].obj += t.second;
@@ -620,6 +641,18 @@ class QelCbcI : public QelEngineI {
       throw refuse(owner, "quadratic terms are not supported (CBC solves linear models)");
     for (const auto& t : f.terms) column(t.first);
     return f;
+  }
+
+  // The parts of `e` when it is a linear term (of either class) of linear
+  // terms only; null otherwise. Told by the exact class, without a cast.
+  static const QelLinearParts* PlainLinearParts(const QelNumExprI* e) {
+    QelTypeInfo type = e->getTypeInfo();
+    const QelLinearParts* p = nullptr;
+    if (type == QelNumLinTermI::GetTypeInfo())
+      p = &static_cast<const QelNumLinTermI*>(e)->getParts();
+    else if (type == QelIntLinTermI::GetTypeInfo())
+      p = &static_cast<const QelIntLinTermI*>(e)->getParts();
+    return p != nullptr && p->quadHead == nullptr && p->aggHead == nullptr ? p : nullptr;
   }
 
   // The linear form of `e` with its terms unmerged, in a buffer reused by

@@ -346,13 +346,11 @@ class QelPodVector {
 
   /// Appends `v`.
   void push_back(const T& v) {
-    if (_size == _capacity) {
-      T copy = v;  // v may live in the storage that grows
-      grow(_size + 1);
-      _data[_size++] = copy;
+    if (_size != _capacity) {
+      _data[_size++] = v;
       return;
     }
-    _data[_size++] = v;
+    growAndPush(v);
   }
   /// Removes the last value (the array is not empty).
   void pop_back() { --_size; }
@@ -396,6 +394,13 @@ class QelPodVector {
   }
 
  private:
+  // push_back when the storage is full, out of the way of the common case
+  // so that push_back inlines.
+  [[gnu::noinline]] void growAndPush(const T& v) {
+    T copy = v;  // v may live in the storage that grows
+    grow(_size + 1);
+    _data[_size++] = copy;
+  }
   // Room for at least `n` values, doubling.
   void grow(size_t n) { setCapacity(std::max(n, std::max<size_t>(16, 2 * _capacity))); }
   void setCapacity(size_t n) {

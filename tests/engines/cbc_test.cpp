@@ -941,6 +941,67 @@ TEST_F(CbcTest, TheLpWrittenToAFileIsTheOneTheDriverSolves) {
   std::remove(second.c_str());
 }
 
+// The coefficient of column `col` in row `row` of a file read back (0 when
+// absent), by names.
+double CoefOf(const cbcdirect::FileLp& in, const std::string& row, const std::string& col) {
+  auto r = std::find(in.rowNames.begin(), in.rowNames.end(), row);
+  auto c = std::find(in.colNames.begin(), in.colNames.end(), col);
+  if (r == in.rowNames.end() || c == in.colNames.end()) return std::nan("");
+  const CoinPackedMatrix* m = in.lp.getMatrixByRow();
+  auto i = static_cast<int>(r - in.rowNames.begin());
+  const CoinShallowPackedVector v = m->getVector(i);
+  for (int k = 0; k < v.getNumElements(); ++k)
+    if (v.getIndices()[k] == c - in.colNames.begin()) return v.getElements()[k];
+  return 0.0;
+}
+
+// Rows of linear terms of either class are read term by term: repeated
+// variables add up, terms that cancel out leave the row, the constant moves
+// to the bounds; the objective's repeated variables add up too, and a
+// variable met only there gets its column.
+TEST_F(CbcTest, LinearTermsAreLoadedMergedWithCancelledTermsLeftOut) {
+  QelModel model(env);
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y"), z(env, 0, 10, "z"), w(env, 0, 10, "w");
+  QelIntVar a(env, 0, 5, "a"), b(env, 0, 5, "b");
+  model.add(QelRange(env, -QelInfinity, 2 * x + 3 * y - 2 * x + z + z + 4, 10, "num"));
+  model.add(QelRange(env, 1, 2 * a + 3 * b + a - 2 * b + 2, 7, "int"));
+  model.add(QelRange(env, 0, a + x - a - x, 5, "empty"));
+  model.add(QelObjective(env, x + y + x - 3 * w + w, QelObjective::Minimize));
+  mip->extract(model.getImpl());
+  const std::string path = ScratchFile("merged.mps");
+  QelCbcWriteMps(mip.get(), path);
+  cbcdirect::FileLp in;
+  ASSERT_TRUE(cbcdirect::ReadMps(path, in));
+  std::remove(path.c_str());
+  // x, y, z, w, a, b; the rows num (y, z), int (a, b) and empty (no term).
+  ASSERT_EQ(in.lp.getNumCols(), 6);
+  ASSERT_EQ(in.lp.getNumRows(), 3);
+  EXPECT_EQ(in.lp.getNumElements(), 4);
+  EXPECT_EQ(CoefOf(in, "num", "x"), 0.0);
+  EXPECT_EQ(CoefOf(in, "num", "y"), 3.0);
+  EXPECT_EQ(CoefOf(in, "num", "z"), 2.0);
+  EXPECT_EQ(CoefOf(in, "int", "a"), 3.0);
+  EXPECT_EQ(CoefOf(in, "int", "b"), 1.0);
+  EXPECT_EQ(CoefOf(in, "empty", "a"), 0.0);
+  EXPECT_EQ(CoefOf(in, "empty", "x"), 0.0);
+  auto num = std::find(in.rowNames.begin(), in.rowNames.end(), "num") - in.rowNames.begin();
+  auto ints = std::find(in.rowNames.begin(), in.rowNames.end(), "int") - in.rowNames.begin();
+  EXPECT_EQ(in.lp.getRowUpper()[num], 6.0);
+  EXPECT_EQ(in.lp.getRowLower()[ints], -1.0);
+  EXPECT_EQ(in.lp.getRowUpper()[ints], 5.0);
+  std::vector<double> obj(in.lp.getObjCoefficients(), in.lp.getObjCoefficients() + 6);
+  auto col = [&in](const char* n) {
+    return std::find(in.colNames.begin(), in.colNames.end(), n) - in.colNames.begin();
+  };
+  EXPECT_EQ(obj[static_cast<size_t>(col("x"))], 2.0);
+  EXPECT_EQ(obj[static_cast<size_t>(col("y"))], 1.0);
+  EXPECT_EQ(obj[static_cast<size_t>(col("w"))], -2.0);
+  EXPECT_EQ(obj[static_cast<size_t>(col("a"))], 0.0);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_NEAR(mip->getObjValue(), -20.0, 1e-9);
+  expectSameAsFresh(model);
+}
+
 TEST_F(CbcTest, AModelWithoutRowsOrObjectiveIsWrittenToo) {
   // No rows: the engine gives CLP one free row (its strong branching fails
   // without rows); the file writes it as a free row, which MPS readers drop.
