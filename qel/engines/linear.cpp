@@ -187,10 +187,23 @@ class Hasher {
     pointer(reinterpret_cast<const void*>(e->getTypeInfo()));
     if (const QelLinearParts* parts = PartsOf(e)) {
       number(parts->constant);
+      // The linear terms, the bulk of a large model: each term is mixed on
+      // its own (two multiplies that do not wait for each other) and folded
+      // in with a rotation, instead of a chain of dependent multiplies. A
+      // changed coefficient or variable always changes its term's word (odd
+      // multipliers), and so the hash.
+      std::uint64_t terms = 0;
+      std::uint64_t count = 0;
       for (const QelLinTermNode* n = parts->head; n != nullptr; n = n->next) {
-        number(n->coef);
-        pointer(n->var);
+        std::uint64_t c = 0;
+        std::memcpy(&c, &n->coef, sizeof c);
+        std::uint64_t t = c * 0xff51afd7ed558ccdULL +
+                          reinterpret_cast<std::uintptr_t>(n->var) * 0xc4ceb9fe1a85ec53ULL;
+        terms = ((terms << 5) | (terms >> 59)) ^ t;
+        ++count;
       }
+      word(count);
+      word(terms);
       for (const QelQuadTermNode* q = parts->quadHead; q != nullptr; q = q->next) {
         number(q->coef);
         pointer(q->var1);

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include <qel/engines/linear.h>
+
 #include "engines/support/enginetest.h"
 
 using namespace enginetest;
@@ -481,6 +483,46 @@ TEST(CommonIdTable, SlotsHoldDefaultsUntilWrittenAndPagesAreMadeOnUse) {
   EXPECT_EQ(t.find(5000)->first, 3);
   t.clear();
   EXPECT_EQ(t.find(5000), nullptr);
+}
+
+// The content hash an engine keeps of each member sees every change of a
+// long linear term: a coefficient anywhere, a term more, the constant, the
+// bounds of its range; and nothing else moves it.
+TEST(CommonContentHash, EveryChangeOfALongLinearTermChangesTheHash) {
+  QelEnv env;
+  QelNumVarArray x(env, 0);
+  QelNumArray c(env, 0);
+  for (int i = 0; i < 200; ++i) {
+    x.add(QelNumVar(env, 0, 1));
+    c.add(1.0 + i % 7);
+  }
+  QelNumExpr e = QelScalProd(x, c);
+  QelRange r(env, 0, e, 100);
+  auto* term = static_cast<QelNumLinTermI*>(r.getExpr().getImpl());
+  const std::uint64_t original = QelContentHash(r.getImpl());
+  EXPECT_EQ(QelContentHash(r.getImpl()), original);  // nothing changed
+  std::set<std::uint64_t> seen{original};
+  for (int i : {0, 1, 63, 64, 65, 128, 199}) {
+    double before = term->setCoef(x[i], c[i] + 0.5);
+    std::uint64_t changed = QelContentHash(r.getImpl());
+    EXPECT_NE(changed, original) << "coefficient " << i;
+    EXPECT_TRUE(seen.insert(changed).second) << "coefficient " << i;
+    term->setCoef(x[i], before);
+    EXPECT_EQ(QelContentHash(r.getImpl()), original) << "coefficient " << i;
+  }
+  QelNumVar extra(env, 0, 1);
+  term->addTerm(0.0, extra.getImpl());
+  EXPECT_NE(QelContentHash(r.getImpl()), original);
+  term->normalize();  // the zero term leaves
+  EXPECT_EQ(QelContentHash(r.getImpl()), original);
+  term->setConstant(1);
+  EXPECT_NE(QelContentHash(r.getImpl()), original);
+  term->setConstant(0);
+  r.setUB(99);
+  EXPECT_NE(QelContentHash(r.getImpl()), original);
+  r.setUB(100);
+  EXPECT_EQ(QelContentHash(r.getImpl()), original);
+  env.end();
 }
 
 TEST(CommonStatus, StatusNames) {
