@@ -95,6 +95,24 @@ class QEL_API QelArrayI {
   long getMask() const { return _mask; }
   /// Number of blocks.
   long getBlockCount() const { return _blockCount; }
+  /// The words of block b: elements b << getShift() onwards (b below
+  /// getBlockCount()).
+  const std::uint64_t* getBlock(long b) const {
+    return static_cast<const std::uint64_t*>(_blocks[b]);
+  }
+  /// Calls f(word) for every element in order, a block at a time (the
+  /// block table is read once per block). `f` must not change the array.
+  template <class F>
+  void forEachRaw(F f) const {
+    const long blockSize = 1L << _shift;
+    long left = _size;
+    for (long b = 0; left > 0; ++b) {
+      const std::uint64_t* w = getBlock(b);
+      const std::uint64_t* end = w + (left < blockSize ? left : blockSize);
+      left -= end - w;
+      for (; w != end; ++w) f(*w);
+    }
+  }
 
  private:
   void init(long size);
@@ -112,15 +130,20 @@ class QEL_API QelArrayI {
   void* _inlineTable[1] = {nullptr};
 };
 
-/// Reads element `i` of `a` as a T.
+/// The raw element word `w` as a T.
 template <class T>
-inline T QelArrayGet(const QelArrayI* a, long i) {
+inline T QelArrayWordAs(std::uint64_t w) {
   static_assert(sizeof(T) <= 8 && std::is_trivially_copyable<T>::value,
                 "array elements are trivially copyable 8-byte words");
-  std::uint64_t w = a->rawAt(i);
   T t;
   std::memcpy(static_cast<void*>(&t), &w, sizeof(T));
   return t;
+}
+
+/// Reads element `i` of `a` as a T.
+template <class T>
+inline T QelArrayGet(const QelArrayI* a, long i) {
+  return QelArrayWordAs<T>(a->rawAt(i));
 }
 
 /// Writes `t` into element `i` of `a`.
@@ -130,6 +153,35 @@ inline void QelArraySet(QelArrayI* a, long i, T t) {
   std::memcpy(&w, static_cast<const void*>(&t), sizeof(T));
   a->rawAt(i) = w;
 }
+
+/// Reads the elements of an array in order, from the first on, a block at
+/// a time: the block table is read once per block instead of once per
+/// element. The caller reads no more than the array's size, and the array
+/// must not change while it is read.
+class QelArrayReader {
+ public:
+  /// A reader at element 0 of `a`.
+  explicit QelArrayReader(const QelArrayI* a) : _array(a) {}
+  /// The next element as a raw word.
+  std::uint64_t next() {
+    if (_at == _end) {
+      _at = _array->getBlock(_block++);
+      _end = _at + (1L << _array->getShift());
+    }
+    return *_at++;
+  }
+  /// The next element as a T.
+  template <class T>
+  T next() {
+    return QelArrayWordAs<T>(next());
+  }
+
+ private:
+  const QelArrayI* _array;
+  const std::uint64_t* _at = nullptr;
+  const std::uint64_t* _end = nullptr;
+  long _block = 0;
+};
 
 /// The display form shared by every array printing of the library: "[",
 /// the elements each followed by "," and a blank, except that a line end
