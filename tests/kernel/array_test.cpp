@@ -196,6 +196,61 @@ TEST(ArrayImpl, AddArrayAppendsInOrder) {
   env.end();
 }
 
+TEST(ArrayImpl, AppendsAfterEveryKindOfChangeGoWhereTheSizeSays) {
+  QelEnv env;
+  QelGenAlloc* g = env.getImpl()->getGeneralAllocator();
+  QelArrayI* a = QelArrayI::Make(g, 0);
+  std::vector<std::uint64_t> expected;
+  std::uint64_t next = 1;
+  auto append = [&](long n) {
+    for (long k = 0; k < n; ++k, ++next) {
+      a->addRaw(next);
+      expected.push_back(next);
+    }
+  };
+  auto check = [&](const char* step) {
+    ASSERT_EQ(a->getSize(), static_cast<long>(expected.size())) << step;
+    EXPECT_EQ(a->getCapacity(), a->getBlockCount() << a->getShift()) << step;
+    for (long i = 0; i < a->getSize(); ++i)
+      ASSERT_EQ(a->rawAt(i), expected[static_cast<size_t>(i)]) << step << ", element " << i;
+  };
+  append(20);  // across blocks of 8
+  check("appended");
+  a->remove(3, 5);
+  expected.erase(expected.begin() + 3, expected.begin() + 8);
+  append(7);
+  check("removed, then appended");
+  a->setSize(10);
+  expected.resize(10);
+  append(3);
+  check("shortened, then appended");
+  a->clear();
+  expected.clear();
+  append(9);
+  check("cleared, then appended");
+  QelArrayI* other = QelArrayI::Make(g, 0);
+  for (std::uint64_t w = 1000; w < 1030; ++w) other->addRaw(w);
+  a->addArray(other);
+  for (std::uint64_t w = 1000; w < 1030; ++w) expected.push_back(w);
+  append(5);
+  check("array appended, then appended");
+  append(200);  // re-blocked into larger blocks
+  check("re-blocked");
+  a->grow(a->getSize() + 1000);  // capacity ahead of the size
+  append(3);
+  check("grown, then appended");
+  QelArrayI* copy = QelArrayI::MakeCopy(g, a);
+  copy->addRaw(77);
+  EXPECT_EQ(copy->getSize(), a->getSize() + 1);
+  EXPECT_EQ(copy->rawAt(a->getSize()), 77U);
+  for (long i = 0; i < a->getSize(); ++i) ASSERT_EQ(copy->rawAt(i), a->rawAt(i));
+  delete copy;
+  delete other;
+  delete a;
+  EXPECT_EQ(BytesInUse(env), 0);
+  env.end();
+}
+
 TEST(ArrayImpl, BlocksForEachRawAndTheReaderGiveTheElementsInOrder) {
   QelEnv env;
   QelArrayI* a = QelArrayI::Make(env.getImpl()->getGeneralAllocator(), 0);
