@@ -144,7 +144,7 @@ void QelArrayI::grow(long newSize) {
     needed = (newSize + blockElems - 1) / blockElems;
   }
   if (needed > _blockTableCapacity) {
-    long cap = _blockTableCapacity * 2;
+    long cap = static_cast<long>(_blockTableCapacity) * 2;
     while (cap < needed) cap *= 2;
     void** table = static_cast<void**>(_alloc->alloc(sizeof(void*) * static_cast<size_t>(cap)));
     for (long b = 0; b < _blockCount; ++b) table[b] = _blocks[b];

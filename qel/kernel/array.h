@@ -6,8 +6,9 @@
 // the array grows, so growing never moves existing blocks (a small array is
 // re-blocked once into larger blocks when it becomes large). The array also
 // keeps where its next element goes and the end of that block, so that an
-// append within a block is one compare and two stores. Storage comes from
-// an environment's general allocator.
+// append within a block is a compare and three stores (the element, where
+// the next goes, the size), with no index arithmetic. Storage comes from an
+// environment's general allocator.
 //
 // QelArray<T> is the typed handle over it; QelNumArray, QelIntArray and
 // QelBoolArray are its numeric kinds. Copying a handle copies the pointer:

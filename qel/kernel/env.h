@@ -263,7 +263,7 @@ class QEL_API QelEnvI {
   /// the very blocks `count` calls of allocFrom would hand out, the first at
   /// `first` and the others every c.blockSize bytes after it. Returns
   /// whether it took them (else nothing changed).
-  bool allocRun(QelFixedSizeAllocatorI& c, long count, char*& first) const {
+  QelBool allocRun(QelFixedSizeAllocatorI& c, long count, char*& first) const {
     long bytes = count * c.blockSize;
     if (c.freeList != nullptr || c.freshEnd - c.fresh < bytes) return false;
     first = c.fresh;
