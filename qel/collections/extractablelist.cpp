@@ -21,18 +21,6 @@ long QelExtractableList::getSize() const {
   return n;
 }
 
-void QelExtractableList::add(QelExtractableI* x) {
-  QelEnvI* env = x->getEnv();
-  if (_env == nullptr) _env = env;
-  env->recordLocation(_tail);
-  env->recordLocation(&_tail);
-  Node* n = static_cast<Node*>(env->alloc(sizeof(Node)));
-  n->next = nullptr;
-  n->extractable = x;
-  *_tail = n;
-  _tail = &n->next;
-}
-
 void QelExtractableList::add(const QelExtractableArray& xs) {
   QelArrayI* a = xs.getImpl();
   if (a == nullptr) throw QelEmptyHandleException();
@@ -43,15 +31,7 @@ void QelExtractableList::add(const QelExtractableArray& xs) {
   try {
     for (long i = 0; i < n; ++i) {
       QelExtractableI* e = QelArrayGet<QelExtractableI*>(a, i);
-      if (e == nullptr) continue;
-      QelEnvI* env = e->getEnv();
-      env->recordLocation(_tail);
-      env->recordLocation(&_tail);
-      Node* node = static_cast<Node*>(env->alloc(sizeof(Node)));
-      node->next = nullptr;
-      node->extractable = e;
-      *_tail = node;
-      _tail = &node->next;
+      if (e != nullptr) add(e);  // the list's environment is set already
     }
   } catch (...) {
     // All or nothing: the nodes appended by this call go again.

@@ -36,7 +36,18 @@ class QEL_API QelExtractableList {
   /// node cannot be made, the nodes already appended go again.
   void add(const QelExtractableArray& xs);
   /// Appends `x` (the list's environment becomes x's if it has none).
-  void add(QelExtractableI* x);
+  /// Inline: a model's every single add comes here.
+  void add(QelExtractableI* x) {
+    QelEnvI* env = x->getEnv();
+    if (_env == nullptr) _env = env;
+    env->recordLocation(_tail);
+    env->recordLocation(&_tail);
+    Node* n = static_cast<Node*>(env->alloc(sizeof(Node)));
+    n->next = nullptr;
+    n->extractable = x;
+    *_tail = n;
+    _tail = &n->next;
+  }
   /// Removes every node whose member is an element of `xs`, appending each
   /// removed member to `removed` (when it is a non-empty handle), in list
   /// order. Throws QelEmptyHandleException for an empty `xs`. A refused

@@ -9,18 +9,14 @@
 
 QEL_RTTI_DEF(QelExtractableI)
 
-QelExtractableI::QelExtractableI(QelEnvI* env, const char* name)
-    : QelRttiEnvObjectI(env), _id(-1), _extension(nullptr) {
-  _id = env->takeSlot(this);
-  if (name != nullptr) {
-    try {
-      setNameNoNotif(name);
-    } catch (...) {
-      // Nothing can know the object yet: give its record and slot back.
-      releaseExtension();
-      env->unregister(this);
-      throw;
-    }
+void QelExtractableI::nameAtConstruction(const char* name) {
+  try {
+    setNameNoNotif(name);
+  } catch (...) {
+    // Nothing can know the object yet: give its record and slot back.
+    releaseExtension();
+    _env->unregister(this);
+    throw;
   }
 }
 

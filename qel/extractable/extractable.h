@@ -37,8 +37,13 @@ class QEL_API QelExtractableI : public QelRttiEnvObjectI {
 
  public:
   /// Registers the object in `env` (giving it its id) and, when `name` is
-  /// not null, names it without notice.
-  QelExtractableI(QelEnvI* env, const char* name = nullptr);
+  /// not null, names it without notice. Inline: every object's
+  /// construction goes through it.
+  QelExtractableI(QelEnvI* env, const char* name = nullptr)
+      : QelRttiEnvObjectI(env), _id(-1), _extension(nullptr) {
+    _id = env->takeSlot(this);
+    if (name != nullptr) nameAtConstruction(name);
+  }
   /// An object still registered (deleted directly without a derived
   /// destructor calling removeBeforeTeardown, or whose derived constructor
   /// threw) is first removed from everything with flag 1; then
@@ -215,6 +220,9 @@ class QEL_API QelExtractableI : public QelRttiEnvObjectI {
   void releaseExtension();
   /// The removal of removeBeforeTeardown, for an object still registered.
   void removeWhileWhole() noexcept;
+  /// Names the object being constructed without notice; when that fails,
+  /// gives its record and its slot back before the failure goes on.
+  void nameAtConstruction(const char* name);
 
   QelInt _id;
   QelExtension* _extension;

@@ -26,10 +26,9 @@ QelArrayI::QelArrayI(QelGenAlloc* alloc, QelArrayI* source) : _alloc(alloc), _bl
 }
 
 void QelArrayI::init(long size) {
-  _shift = ShiftFor(size);
+  _shift = static_cast<std::int32_t>(ShiftFor(size));
   _mask = (1L << _shift) - 1;
   _size = 0;
-  _capacity = 0;
   if (size > 0) {
     try {
       grow(size);
@@ -39,6 +38,7 @@ void QelArrayI::init(long size) {
     }
   }
   _size = size;
+  syncTail();
 }
 
 QelArrayI::~QelArrayI() { freeStorage(); }
@@ -51,7 +51,7 @@ void QelArrayI::freeStorage() {
   _blocks = _inlineTable;
   _blockTableCapacity = 1;
   _blockCount = 0;
-  _capacity = 0;
+  syncTail();
 }
 
 void QelArrayI::operator delete(void* p, size_t size) {
@@ -114,51 +114,61 @@ void QelArrayI::reblock(long newShift, long minCapacity) {
   }
   long size = _size;
   freeStorage();
-  _shift = newShift;
+  _shift = static_cast<std::int32_t>(newShift);
   _mask = newMask;
   if (newBlocks != nullptr) {
     _blocks = newBlocks;
-    _blockTableCapacity = blocks;
+    _blockTableCapacity = static_cast<std::int32_t>(blocks);
   } else {
     _inlineTable[0] = first;
   }
   _blockCount = blocks;
-  _capacity = blocks << newShift;
   _size = size;
+  syncTail();
 }
 
 void QelArrayI::grow(long newSize) {
   // Slots past the size may still hold elements that remove() or clear()
   // left behind: the new elements start at zero like those of new blocks.
-  long reused = newSize < _capacity ? newSize : _capacity;
+  long capacity = getCapacity();
+  long reused = newSize < capacity ? newSize : capacity;
   for (long i = _size; i < reused; ++i) rawAt(i) = 0;
-  if (newSize <= _capacity) return;
+  if (newSize <= capacity) return;
   long blockElems = 1L << _shift;
   long needed = (newSize + blockElems - 1) / blockElems;
   if (_shift < MaxShift && needed > 8) {
     long target = newSize + newSize / 2;
     reblock(ShiftFor(target), target);
-    if (newSize <= _capacity) return;
+    if (newSize <= getCapacity()) return;
     blockElems = 1L << _shift;
     needed = (newSize + blockElems - 1) / blockElems;
   }
   if (needed > _blockTableCapacity) {
-    long cap = _blockTableCapacity * 2;
+    long cap = static_cast<long>(_blockTableCapacity) * 2;
     while (cap < needed) cap *= 2;
     void** table = static_cast<void**>(_alloc->alloc(sizeof(void*) * static_cast<size_t>(cap)));
     for (long b = 0; b < _blockCount; ++b) table[b] = _blocks[b];
     if (_blocks != _inlineTable)
       _alloc->free(_blocks, sizeof(void*) * static_cast<size_t>(_blockTableCapacity));
     _blocks = table;
-    _blockTableCapacity = cap;
+    _blockTableCapacity = static_cast<std::int32_t>(cap);
   }
   size_t blockBytes = sizeof(std::uint64_t) << _shift;
   while (_blockCount < needed) {
     void* b = _alloc->alloc(blockBytes);
     std::memset(b, 0, blockBytes);
     _blocks[_blockCount++] = b;
-    _capacity = _blockCount << _shift;
+    syncTail();
   }
+}
+
+void QelArrayI::addRawSlow(std::uint64_t word) {
+  // The tail is at the end of a block: the next block holds the element,
+  // or a new one once the array has grown.
+  if (_size >= getCapacity()) grow(_size + 1);
+  syncTail();
+  *_tail++ = word;
+  ++_size;
 }
 
 void QelArrayI::remove(long first, long count) {
@@ -166,6 +176,7 @@ void QelArrayI::remove(long first, long count) {
   if (first + count > _size) count = _size - first;
   for (long i = first; i + count < _size; ++i) rawAt(i) = rawAt(i + count);
   _size -= count;
+  syncTail();
 }
 
 void QelArrayI::addArray(QelArrayI* other) {
@@ -175,6 +186,7 @@ void QelArrayI::addArray(QelArrayI* other) {
   grow(base + n);
   for (long i = 0; i < n; ++i) rawAt(base + i) = other->rawAt(i);
   _size = base + n;
+  syncTail();
 }
 
 std::ostream& operator<<(std::ostream& os, const QelNumArray& a) {

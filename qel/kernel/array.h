@@ -4,8 +4,11 @@
 // library: elements of 8 bytes (pointers, doubles, 64-bit integers) stored
 // in blocks, element i at blocks[i >> shift][i & mask]. Blocks are added as
 // the array grows, so growing never moves existing blocks (a small array is
-// re-blocked once into larger blocks when it becomes large). Storage comes
-// from an environment's general allocator.
+// re-blocked once into larger blocks when it becomes large). The array also
+// keeps where its next element goes and the end of that block, so that an
+// append within a block is a compare and three stores (the element, where
+// the next goes, the size), with no index arithmetic. Storage comes from an
+// environment's general allocator.
 //
 // QelArray<T> is the typed handle over it; QelNumArray, QelIntArray and
 // QelBoolArray are its numeric kinds. Copying a handle copies the pointer:
@@ -60,22 +63,33 @@ class QEL_API QelArrayI {
   /// Number of elements.
   long getSize() const { return _size; }
   /// Sets the number of elements (capacity must suffice: see grow).
-  void setSize(long size) { _size = size; }
+  void setSize(long size) {
+    _size = size;
+    syncTail();
+  }
   /// Number of elements the blocks can hold.
-  long getCapacity() const { return _capacity; }
+  long getCapacity() const { return _blockCount << _shift; }
   /// Ensures capacity and blocks for `newSize` elements (the caller then
   /// sets the size). New elements are zero.
   void grow(long newSize);
   /// Removes `count` elements from index `first`; later elements move down.
   void remove(long first, long count);
   /// Size becomes 0 (the blocks are kept).
-  void clear() { _size = 0; }
+  void clear() {
+    _size = 0;
+    syncTail();
+  }
   /// Appends every element of `other`.
   void addArray(QelArrayI* other);
-  /// Appends one raw element.
+  /// Appends one raw element (inline within a block; growing, or moving
+  /// to the next block, is out of line).
   void addRaw(std::uint64_t word) {
-    if (_size >= _capacity) grow(_size + 1);
-    rawAt(_size++) = word;
+    if (_tail != _tailEnd) {
+      *_tail++ = word;
+      ++_size;
+    } else {
+      addRawSlow(word);
+    }
   }
   /// The allocator of the storage.
   QelGenAlloc* getAllocator() const { return _alloc; }
@@ -95,41 +109,112 @@ class QEL_API QelArrayI {
   long getMask() const { return _mask; }
   /// Number of blocks.
   long getBlockCount() const { return _blockCount; }
+  /// The words of block b: elements b << getShift() onwards (b below
+  /// getBlockCount()).
+  const std::uint64_t* getBlock(long b) const {
+    return static_cast<const std::uint64_t*>(_blocks[b]);
+  }
+  /// Calls f(word) for every element in order, a block at a time (the
+  /// block table is read once per block). `f` must not change the array.
+  template <class F>
+  void forEachRaw(F f) const {
+    const long blockSize = 1L << _shift;
+    long left = _size;
+    for (long b = 0; left > 0; ++b) {
+      const std::uint64_t* w = getBlock(b);
+      const std::uint64_t* end = w + (left < blockSize ? left : blockSize);
+      left -= end - w;
+      for (; w != end; ++w) f(*w);
+    }
+  }
 
  private:
   void init(long size);
   void reblock(long newShift, long minCapacity);
   void freeStorage();
+  void addRawSlow(std::uint64_t word);
+  // Points the tail at the slot of element _size and its end at the end of
+  // that slot's block; both null when no block holds that slot.
+  void syncTail() {
+    if (_size < getCapacity()) {
+      auto* block = static_cast<std::uint64_t*>(_blocks[_size >> _shift]);
+      _tail = block + (_size & _mask);
+      _tailEnd = block + _mask + 1;
+    } else {
+      _tail = _tailEnd = nullptr;
+    }
+  }
 
-  QelGenAlloc* _alloc;
-  long _capacity = 0;
+  QelGenAlloc* _alloc;  // first after the table of virtual operations
   long _size = 0;
   long _mask = 0;
-  long _shift = MinShift;
+  std::int32_t _shift = MinShift;
+  std::int32_t _blockTableCapacity = 1;
   void** _blocks;
   long _blockCount = 0;
-  long _blockTableCapacity = 1;
   void* _inlineTable[1] = {nullptr};
+  std::uint64_t* _tail = nullptr;
+  std::uint64_t* _tailEnd = nullptr;
 };
 
-/// Reads element `i` of `a` as a T.
+/// The raw element word `w` as a T.
 template <class T>
-inline T QelArrayGet(const QelArrayI* a, long i) {
+inline T QelArrayWordAs(std::uint64_t w) {
   static_assert(sizeof(T) <= 8 && std::is_trivially_copyable<T>::value,
                 "array elements are trivially copyable 8-byte words");
-  std::uint64_t w = a->rawAt(i);
   T t;
   std::memcpy(static_cast<void*>(&t), &w, sizeof(T));
   return t;
 }
 
+/// Reads element `i` of `a` as a T.
+template <class T>
+inline T QelArrayGet(const QelArrayI* a, long i) {
+  return QelArrayWordAs<T>(a->rawAt(i));
+}
+
+/// `t` as a raw element word (the bytes past sizeof(T) zero).
+template <class T>
+inline std::uint64_t QelArrayWordOf(T t) {
+  std::uint64_t w = 0;
+  std::memcpy(&w, static_cast<const void*>(&t), sizeof(T));
+  return w;
+}
+
 /// Writes `t` into element `i` of `a`.
 template <class T>
 inline void QelArraySet(QelArrayI* a, long i, T t) {
-  std::uint64_t w = 0;
-  std::memcpy(&w, static_cast<const void*>(&t), sizeof(T));
-  a->rawAt(i) = w;
+  a->rawAt(i) = QelArrayWordOf<T>(t);
 }
+
+/// Reads the elements of an array in order, from the first on, a block at
+/// a time: the block table is read once per block instead of once per
+/// element. The caller reads no more than the array's size, and the array
+/// must not change while it is read.
+class QelArrayReader {
+ public:
+  /// A reader at element 0 of `a`.
+  explicit QelArrayReader(const QelArrayI* a) : _array(a) {}
+  /// The next element as a raw word.
+  std::uint64_t next() {
+    if (_at == _end) {
+      _at = _array->getBlock(_block++);
+      _end = _at + (1L << _array->getShift());
+    }
+    return *_at++;
+  }
+  /// The next element as a T.
+  template <class T>
+  T next() {
+    return QelArrayWordAs<T>(next());
+  }
+
+ private:
+  const QelArrayI* _array;
+  const std::uint64_t* _at = nullptr;
+  const std::uint64_t* _end = nullptr;
+  long _block = 0;
+};
 
 /// The display form shared by every array printing of the library: "[",
 /// the elements each followed by "," and a blank, except that a line end
@@ -204,12 +289,7 @@ class QelArray : public QelArrayBase {
   /// Sets element i.
   void set(long i, T value) const { QelArraySet<T>(_impl, i, value); }
   /// Appends `value`.
-  void add(T value) const {
-    long n = _impl->getSize();
-    if (n >= _impl->getCapacity()) _impl->grow(n + 1);
-    _impl->setSize(n + 1);
-    QelArraySet<T>(_impl, n, value);
-  }
+  void add(T value) const { _impl->addRaw(QelArrayWordOf<T>(value)); }
   /// Appends every element of `other`.
   void add(const QelArray<T>& other) const { _impl->addArray(other.getImpl()); }
 };

@@ -231,21 +231,45 @@ class QEL_API QelEnvI {
   /// free block of the size class or an unused one of its newest chunk at
   /// hand) is inline.
   void* alloc(size_t size) const {
-    if (CurrentThreadKey() == _fastKey && size - 1 < FastLimit) {
-      QelFixedSizeAllocatorI& c = _classes[FastIndex(size)];
-      if (void* block = c.freeList) {
-        c.freeList = *static_cast<void**>(block);
-        c.bytesInUse += c.blockSize;
-        return block;
-      }
-      if (c.fresh != c.freshEnd) {
-        void* block = c.fresh;
-        c.fresh += c.blockSize;
-        c.bytesInUse += c.blockSize;
-        return block;
-      }
+    QelFixedSizeAllocatorI* c = inlineClass(size);
+    return c != nullptr ? allocFrom(*c, size) : allocSlow(size);
+  }
+  /// The size class that alloc(size) serves inline for the calling thread
+  /// now, or null when it would take its slow path. Nothing alloc does
+  /// changes the answer, so a caller making many blocks of one size asks
+  /// once and then takes each block with allocFrom.
+  QelFixedSizeAllocatorI* inlineClass(size_t size) const {
+    if (CurrentThreadKey() == _fastKey && size - 1 < FastLimit) return &_classes[FastIndex(size)];
+    return nullptr;
+  }
+  /// A block of `size` bytes from `c`, the class inlineClass(size) gave:
+  /// exactly what alloc(size) returns, without asking for the class again.
+  void* allocFrom(QelFixedSizeAllocatorI& c, size_t size) const {
+    if (void* block = c.freeList) {
+      c.freeList = *static_cast<void**>(block);
+      c.bytesInUse += c.blockSize;
+      return block;
+    }
+    if (c.fresh != c.freshEnd) {
+      void* block = c.fresh;
+      c.fresh += c.blockSize;
+      c.bytesInUse += c.blockSize;
+      return block;
     }
     return allocSlow(size);
+  }
+  /// Takes `count` blocks of class `c` (from inlineClass) at once when its
+  /// free list is empty and the unused part of its newest chunk holds them:
+  /// the very blocks `count` calls of allocFrom would hand out, the first at
+  /// `first` and the others every c.blockSize bytes after it. Returns
+  /// whether it took them (else nothing changed).
+  QelBool allocRun(QelFixedSizeAllocatorI& c, long count, char*& first) const {
+    long bytes = count * c.blockSize;
+    if (c.freeList != nullptr || c.freshEnd - c.fresh < bytes) return false;
+    first = c.fresh;
+    c.fresh += bytes;
+    c.bytesInUse += bytes;
+    return true;
   }
   /// Gives back a block of `size` bytes obtained from alloc.
   void free(void* p, size_t size) const {

@@ -191,9 +191,7 @@ class PartsAppender {
   void constant(double c) { _p.constant += c; }
 
   void linear(double coef, QelNumVarI* x) {
-    QelLinTermNode* node = _env->newTerm(x, coef);
-    x->lockExpr();
-    LinkLinear(_p, node);
+    linkLinear(_env->alloc(sizeof(QelLinTermNode)), coef, x);
   }
 
   void quadratic(double coef, QelNumVarI* x, QelNumVarI* y) {
@@ -256,6 +254,52 @@ class PartsAppender {
     }
   }
 
+  // Adds coefs[i] * xs[i] for i = 0, 1, ... in order, or 1 * xs[i] when
+  // `coefs` is null. `xs` holds numeric expressions, none null, and
+  // `coefs` as many numbers. When the caller found that every element is a
+  // plain variable (its exact class QelNumVarI), which is nearly always the
+  // case, the nodes are linked in one tight loop: no class test per element
+  // and the size class of the nodes asked for once. Otherwise each element
+  // goes through scaled.
+  void elements(const QelArrayI* xs, const QelArrayI* coefs, bool plainVariables) {
+    if (coefs == nullptr) {
+      elements(xs, plainVariables, [] { return 1.0; });
+    } else {
+      QelArrayReader c(coefs);
+      elements(xs, plainVariables, [&c] { return c.next<double>(); });
+    }
+  }
+
+  // Adds nextCoef() * xs[i] for i = 0, 1, ... in order (see above).
+  template <class NextCoef>
+  void elements(const QelArrayI* xs, bool plainVariables, NextCoef nextCoef) {
+    if (!plainVariables) {
+      xs->forEachRaw([&](std::uint64_t w) {
+        scaled(static_cast<QelNumExprI*>(QelArrayWordAs<QelExtractableI*>(w)), nextCoef());
+      });
+      return;
+    }
+    auto link = [&](auto nextBlock) {
+      xs->forEachRaw([&](std::uint64_t w) {
+        double coef = nextCoef();
+        linkLinear(nextBlock(), coef,
+                   static_cast<QelNumVarI*>(QelArrayWordAs<QelExtractableI*>(w)));
+      });
+    };
+    constexpr size_t size = sizeof(QelLinTermNode);
+    QelFixedSizeAllocatorI* nodes = _env->inlineClass(size);
+    char* run = nullptr;
+    if (nodes == nullptr) {
+      link([this] { return _env->alloc(size); });
+    } else if (_env->allocRun(*nodes, xs->getSize(), run)) {
+      // Nothing can fail from here on: every node is already taken.
+      const long step = nodes->blockSize;
+      link([&run, step] { return static_cast<void*>(std::exchange(run, run + step)); });
+    } else {
+      link([this, nodes] { return _env->allocFrom(*nodes, size); });
+    }
+  }
+
   // Adds a * b, for operands accepted by ProductIsQuadratic.
   void product(const QelNumExprI* a, const QelNumExprI* b) {
     if (DegreeOf(a) == 0) {
@@ -288,6 +332,16 @@ class PartsAppender {
       return;
     }
     for (const QelLinTermNode* n = PartsOf(e)->head; n != nullptr; n = n->next) f(n->coef, n->var);
+  }
+
+  // Links `block`, a fresh block of a linear node, as coef * x; x takes
+  // one use.
+  void linkLinear(void* block, double coef, QelNumVarI* x) {
+    auto* node = static_cast<QelLinTermNode*>(block);
+    node->coef = coef;
+    node->var = x;
+    x->lockExpr();
+    LinkLinear(_p, node);
   }
 
   QelEnvI* _env;
@@ -1684,14 +1738,37 @@ QelIntExprArray QelIntVarArray::toIntExprArray() const {
 
 namespace {
 
+// The first word of object `e`: the address of its table of virtual
+// operations (the layout QelRttiEnvObjectI::EnvOfBlock reads too). Objects
+// of one class share it, objects of different classes never do.
+const void* TableOf(const QelExtractableI* e) {
+  const void* table;
+  std::memcpy(&table, static_cast<const void*>(e), sizeof table);
+  return table;
+}
+
 // The environment a sum over `xs` is made in: the first element's, or the
-// array's own when it is empty. Null elements are refused.
-QelEnvI* SumEnv(const QelNumExprArray& xs) {
-  if (xs.getImpl() == nullptr) throw QelEmptyHandleException();
-  long n = xs.getSize();
-  for (long i = 0; i < n; ++i)
-    if (xs.getElement(i) == nullptr) throw QelEmptyHandleException();
-  return n > 0 ? xs.getElement(0)->getEnv() : xs.getImpl()->getEnv();
+// array's own when it is empty. Null elements are refused. `plainVariables`
+// tells whether every element is a plain variable (of class QelNumVarI
+// exactly), for PartsAppender::elements. Once an element has been found to
+// be one, the others are told by their table of virtual operations alone,
+// without a virtual call.
+QelEnvI* SumEnv(const QelNumExprArray& xs, bool& plainVariables) {
+  const QelArrayI* a = xs.getImpl();
+  if (a == nullptr) throw QelEmptyHandleException();
+  const void* varTable = nullptr;
+  bool plain = true;
+  a->forEachRaw([&](std::uint64_t w) {
+    const auto* e = QelArrayWordAs<const QelExtractableI*>(w);
+    if (e == nullptr) throw QelEmptyHandleException();
+    if (!plain || TableOf(e) == varTable) return;
+    if (e->getTypeInfo() == QelNumVarI::GetTypeInfo())
+      varTable = TableOf(e);
+    else
+      plain = false;
+  });
+  plainVariables = plain;
+  return a->getSize() > 0 ? xs.getElement(0)->getEnv() : a->getEnv();
 }
 
 }  // namespace
@@ -1701,9 +1778,10 @@ namespace {
 // The sum of the elements of `xs`, as a new linear term of class Term.
 template <class Term>
 Term* SumOf(const QelNumExprArray& xs) {
-  return MakeTerm<Term>(SumEnv(xs), [&xs](PartsAppender& out) {
-    for (long i = 0; i < xs.getSize(); ++i)
-      out.scaled(static_cast<QelNumExprI*>(xs.getElement(i)), 1.0);
+  bool plainVariables = false;
+  QelEnvI* env = SumEnv(xs, plainVariables);
+  return MakeTerm<Term>(env, [&xs, plainVariables](PartsAppender& out) {
+    out.elements(xs.getImpl(), nullptr, plainVariables);
   });
 }
 
@@ -1718,12 +1796,13 @@ QelIntExpr QelSum(const QelIntExprArray& xs) {
 }
 
 QelNumExpr QelScalProd(const QelNumExprArray& xs, const QelNumArray& coefs) {
-  QelEnvI* env = SumEnv(xs);
+  bool plainVariables = false;
+  QelEnvI* env = SumEnv(xs, plainVariables);
   if (coefs.getSize() != xs.getSize())
     throw QelWrongUsage("QelScalProd: arrays of different sizes");
-  QelNumLinTermI* t = MakeTerm<QelNumLinTermI>(env, [&xs, &coefs](PartsAppender& out) {
-    for (long i = 0; i < xs.getSize(); ++i)
-      out.scaled(static_cast<QelNumExprI*>(xs.getElement(i)), coefs[i]);
-  });
+  QelNumLinTermI* t =
+      MakeTerm<QelNumLinTermI>(env, [&xs, &coefs, plainVariables](PartsAppender& out) {
+        out.elements(xs.getImpl(), coefs.getImpl(), plainVariables);
+      });
   return QelNumExpr(t, QelTemporaryTag());
 }

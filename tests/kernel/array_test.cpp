@@ -2,6 +2,7 @@
 #include "support/qeltest.h"
 
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -192,6 +193,105 @@ TEST(ArrayImpl, AddArrayAppendsInOrder) {
   delete b;
   delete a;
   EXPECT_EQ(BytesInUse(env), 0);
+  env.end();
+}
+
+TEST(ArrayImpl, AppendsAfterEveryKindOfChangeGoWhereTheSizeSays) {
+  QelEnv env;
+  QelGenAlloc* g = env.getImpl()->getGeneralAllocator();
+  QelArrayI* a = QelArrayI::Make(g, 0);
+  std::vector<std::uint64_t> expected;
+  std::uint64_t next = 1;
+  auto append = [&](long n) {
+    for (long k = 0; k < n; ++k, ++next) {
+      a->addRaw(next);
+      expected.push_back(next);
+    }
+  };
+  auto check = [&](const char* step) {
+    ASSERT_EQ(a->getSize(), static_cast<long>(expected.size())) << step;
+    EXPECT_EQ(a->getCapacity(), a->getBlockCount() << a->getShift()) << step;
+    for (long i = 0; i < a->getSize(); ++i)
+      ASSERT_EQ(a->rawAt(i), expected[static_cast<size_t>(i)]) << step << ", element " << i;
+  };
+  append(20);  // across blocks of 8
+  check("appended");
+  a->remove(3, 5);
+  expected.erase(expected.begin() + 3, expected.begin() + 8);
+  append(7);
+  check("removed, then appended");
+  a->setSize(10);
+  expected.resize(10);
+  append(3);
+  check("shortened, then appended");
+  a->clear();
+  expected.clear();
+  append(9);
+  check("cleared, then appended");
+  QelArrayI* other = QelArrayI::Make(g, 0);
+  for (std::uint64_t w = 1000; w < 1030; ++w) other->addRaw(w);
+  a->addArray(other);
+  for (std::uint64_t w = 1000; w < 1030; ++w) expected.push_back(w);
+  append(5);
+  check("array appended, then appended");
+  append(200);  // re-blocked into larger blocks
+  check("re-blocked");
+  a->grow(a->getSize() + 1000);  // capacity ahead of the size
+  append(3);
+  check("grown, then appended");
+  QelArrayI* copy = QelArrayI::MakeCopy(g, a);
+  copy->addRaw(77);
+  EXPECT_EQ(copy->getSize(), a->getSize() + 1);
+  EXPECT_EQ(copy->rawAt(a->getSize()), 77U);
+  for (long i = 0; i < a->getSize(); ++i) ASSERT_EQ(copy->rawAt(i), a->rawAt(i));
+  delete copy;
+  delete other;
+  delete a;
+  EXPECT_EQ(BytesInUse(env), 0);
+  env.end();
+}
+
+TEST(ArrayImpl, BlocksForEachRawAndTheReaderGiveTheElementsInOrder) {
+  QelEnv env;
+  QelArrayI* a = QelArrayI::Make(env.getImpl()->getGeneralAllocator(), 0);
+  std::vector<std::uint64_t> seen;
+  a->forEachRaw([&](std::uint64_t w) { seen.push_back(w); });
+  EXPECT_TRUE(seen.empty());
+  // Sizes that end inside a block, on a block's end, and past a re-blocking
+  // into the largest blocks with a last block only partly used.
+  for (long n : {5L, 8L, 9L, 300L, 20000L}) {
+    a->clear();
+    for (long i = 0; i < n; ++i) a->addRaw(static_cast<std::uint64_t>(7 * i + 2));
+    seen.clear();
+    a->forEachRaw([&](std::uint64_t w) { seen.push_back(w); });
+    ASSERT_EQ(static_cast<long>(seen.size()), n);
+    QelArrayReader r(a);
+    for (long i = 0; i < n; ++i) {
+      ASSERT_EQ(seen[static_cast<size_t>(i)], a->rawAt(i)) << "size " << n << ", element " << i;
+      ASSERT_EQ(r.next(), a->rawAt(i)) << "size " << n << ", element " << i;
+      ASSERT_EQ(a->getBlock(i >> a->getShift())[i & a->getMask()], a->rawAt(i));
+    }
+  }
+  EXPECT_EQ(a->getShift(), QelArrayI::MaxShift);
+  EXPECT_GT(a->getBlockCount(), 1);
+  // After clear nothing is visited, though the blocks are kept.
+  a->clear();
+  seen.clear();
+  a->forEachRaw([&](std::uint64_t w) { seen.push_back(w); });
+  EXPECT_TRUE(seen.empty());
+  delete a;
+  EXPECT_EQ(BytesInUse(env), 0);
+  env.end();
+}
+
+TEST(ArrayImpl, TheReaderReadsTypedElements) {
+  QelEnv env;
+  QelNumArray w(env, 0);
+  for (long i = 0; i < 20; ++i) w.add(0.5 * static_cast<double>(i) - 3);
+  QelArrayReader r(w.getImpl());
+  for (long i = 0; i < 20; ++i) EXPECT_EQ(r.next<double>(), w[i]) << "element " << i;
+  EXPECT_EQ(QelArrayWordAs<double>(w.getImpl()->rawAt(3)), w[3]);
+  w.end();
   env.end();
 }
 

@@ -870,6 +870,85 @@ TEST(EnvHandle, EndReleasesTheEnvironmentAndEmptiesTheHandle) {
   other.end();
 }
 
+// An environment and the size class that serves its 24-byte blocks inline.
+class EnvInlineAlloc : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_NE(c, nullptr); }
+  void TearDown() override { env.end(); }
+  QelEnv env;
+  QelEnvI* e = env.getImpl();
+  QelFixedSizeAllocatorI* c = e->inlineClass(24);
+};
+
+TEST_F(EnvInlineAlloc, TheClassIsOnlyGivenWhereAllocWouldServeInline) {
+  EXPECT_GE(c->blockSize, 24);
+  EXPECT_EQ(e->inlineClass(17), c);  // one class serves 17 to 24 bytes
+  EXPECT_NE(e->inlineClass(8), c);
+  EXPECT_EQ(e->inlineClass(100000), nullptr);  // beyond the inline sizes
+  // allocFrom hands out what alloc would: the free list first, newest
+  // block first, then the unused part of the newest chunk.
+  void* p = e->alloc(24);
+  void* q = e->alloc(24);
+  e->free(p, 24);
+  e->free(q, 24);
+  EXPECT_EQ(e->allocFrom(*c, 24), q);
+  EXPECT_EQ(e->allocFrom(*c, 24), p);
+  e->free(p, 24);
+  e->free(q, 24);
+  // Another thread, allocation off or a custom allocator: no class.
+  std::string onThread = qeltest::OutcomeOnAnotherThread([&] {
+    if (e->inlineClass(24) == nullptr) throw QelEnvAllocatorThreadMismatch();
+  });
+  EXPECT_EQ(onThread, "refused");
+  e->setAllocationDisabled(true);
+  EXPECT_EQ(e->inlineClass(24), nullptr);
+  e->setAllocationDisabled(false);
+  EXPECT_EQ(e->inlineClass(24), c);
+  qeltest::RequestCounter counter;
+  qeltest::RefusingAllocator allocator(counter);
+  e->setCustomAllocator(&allocator);
+  EXPECT_EQ(e->inlineClass(24), nullptr);
+  e->setCustomAllocator(nullptr);
+  EXPECT_EQ(e->inlineClass(24), c);
+}
+
+TEST_F(EnvInlineAlloc, ARunOfBlocksIsWhatAllocWouldHandOutOneByOne) {
+  const long step = c->blockSize;
+  // With a block on the free list nothing is taken at once.
+  void* p = e->alloc(24);
+  e->free(p, 24);
+  ASSERT_NE(c->freeList, nullptr);
+  char* first = nullptr;
+  char* fresh = c->fresh;
+  QelInt inUse = c->bytesInUse;
+  EXPECT_FALSE(e->allocRun(*c, 2, first));
+  EXPECT_EQ(first, nullptr);
+  EXPECT_EQ(c->fresh, fresh);
+  EXPECT_EQ(c->bytesInUse, inUse);
+  // Once the free list is empty, a run is the next blocks of the chunk.
+  std::vector<void*> taken;
+  while (c->freeList != nullptr) taken.push_back(e->alloc(24));
+  fresh = c->fresh;
+  inUse = c->bytesInUse;
+  ASSERT_GE(c->freshEnd - c->fresh, 4 * step);
+  ASSERT_TRUE(e->allocRun(*c, 3, first));
+  EXPECT_EQ(first, fresh);
+  EXPECT_EQ(c->fresh, fresh + 3 * step);
+  EXPECT_EQ(c->bytesInUse, inUse + 3 * step);
+  EXPECT_EQ(e->alloc(24), fresh + 3 * step);
+  // More than the chunk has left: nothing is taken.
+  char* before = c->fresh;
+  long left = (c->freshEnd - c->fresh) / step;
+  char* none = nullptr;
+  EXPECT_FALSE(e->allocRun(*c, left + 1, none));
+  EXPECT_EQ(none, nullptr);
+  EXPECT_EQ(c->fresh, before);
+  // Every block goes back like any other.
+  for (long k = 0; k < 4; ++k) e->free(fresh + k * step, 24);
+  for (void* b : taken) e->free(b, 24);
+  EXPECT_EQ(c->bytesInUse, inUse - static_cast<QelInt>(taken.size()) * step);
+}
+
 TEST(EnvHandle, GeneralAllocatorUsesTheEnvironmentMemory) {
   QelEnv env;
   QelEnvI* e = env.getImpl();

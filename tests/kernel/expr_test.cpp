@@ -2,6 +2,7 @@
 // operators, operations, use counts, copies, clones and memory.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <sstream>
 #include <string>
@@ -1086,6 +1087,161 @@ TEST_F(ExprTest, VariableArraysAndSums) {
     a->end();
 }
 
+TEST_F(ExprTest, ScalarProductOfPlainVariablesKeepsTheirOrderAcrossBlocks) {
+  // Enough variables for the arrays to be re-blocked into several blocks,
+  // one variable twice.
+  const long n = 9000;
+  QelNumVarArray xs(env, 0);
+  QelNumArray w(env, 0);
+  LinTerms expected;
+  for (long i = 0; i < n; ++i) {
+    QelNumVar x = i == n - 1 ? xs[3] : QelNumVar(env, 0, 1);
+    xs.add(x);
+    w.add(0.25 * static_cast<double>(i) - 7);
+    expected.emplace_back(w[i], x.getImpl());
+  }
+  ASSERT_GT(xs.getImpl()->getBlockCount(), 1);
+  QelNumExpr sp = QelScalProd(xs, w);
+  EXPECT_EQ(LinearOf(sp), expected);
+  EXPECT_EQ(sp.getImpl()->getEnv(), envI());
+  EXPECT_EQ(Term(sp)->getConstant(), 0);
+  EXPECT_EQ(Term(sp)->getParts().decision, xs[3].getImpl());  // the last term's
+  EXPECT_EQ(Uses(xs[0]), 1);
+  EXPECT_EQ(Uses(xs[3]), 2);
+  QelNumExpr s = QelSum(xs);
+  LinTerms ones;
+  for (long i = 0; i < n; ++i) ones.emplace_back(1.0, xs[i].getImpl());
+  EXPECT_EQ(LinearOf(s), ones);
+  EXPECT_EQ(Uses(xs[3]), 4);
+  sp.end();
+  s.end();
+  EXPECT_EQ(Uses(xs[0]), 0);
+  EXPECT_EQ(Uses(xs[3]), 0);
+  xs.end();
+  w.end();
+}
+
+TEST_F(ExprTest, ScalarProductOfOtherElementsAddsEachAsItIs) {
+  QelNumVar x(env, 0, 10, "x"), y(env, 0, 10, "y"), z(env, 0, 10, "z");
+  QelIntVar i(env, 0, 5, "i");
+  QelBoolVar b(env, "b");
+  QelNumExpr lin = 2 * y + 1;
+  QelNumExpr quad = x * y;
+  QelNumExpr cubic = (x * y) * z;
+  ASSERT_TRUE(cubic.getImpl()->isType(QelNumProductI::GetTypeInfo()));
+  QelNumExprI* product = cubic.getImpl();
+  // A plain variable first, then other kinds, then plain variables again.
+  QelNumExprArray xs(env, 0);
+  for (const QelNumExpr& e :
+       {QelNumExpr(x), lin, QelNumExpr(i), quad, QelNumExpr(b), QelNumExpr(product), QelNumExpr(z)})
+    xs.add(e);
+  QelNumArray w(env, 0);
+  for (double c : {3.0, 2.0, 5.0, 4.0, 6.0, 7.0, 8.0}) w.add(c);
+  QelNumExpr sp = QelScalProd(xs, w);
+  EXPECT_EQ(LinearOf(sp), (LinTerms{{3.0, x.getImpl()},
+                                    {4.0, y.getImpl()},
+                                    {5.0, i.getImpl()},
+                                    {6.0, b.getImpl()},
+                                    {8.0, z.getImpl()}}));
+  EXPECT_EQ(QuadOf(sp), (QuadTerms{{4.0, x.getImpl(), y.getImpl()}}));
+  EXPECT_EQ((AggregatesOf(Term(sp)->getParts())),
+            (std::vector<std::pair<double, QelNumExprI*>>{{7.0, product}}));
+  EXPECT_EQ(Term(sp)->getConstant(), 2.0);
+  // The same elements with the plain variables last but one.
+  QelNumExprArray ys(env, 0);
+  ys.add(lin);
+  ys.add(x);
+  ys.add(z);
+  QelNumExpr s = QelSum(ys);
+  EXPECT_EQ(LinearOf(s), (LinTerms{{2.0, y.getImpl()}, {1.0, x.getImpl()}, {1.0, z.getImpl()}}));
+  EXPECT_EQ(Term(s)->getConstant(), 1.0);
+  // An integer sum of integer and Boolean variables stays integral.
+  QelIntExprArray is(env, 0);
+  is.add(i);
+  is.add(b);
+  is.add(2 * i + 3);
+  QelIntExpr si = QelSum(is);
+  EXPECT_TRUE(si.getImpl()->isType(QelIntLinTermI::GetTypeInfo()));
+  EXPECT_EQ(LinearOf(si), (LinTerms{{1.0, i.getImpl()}, {1.0, b.getImpl()}, {2.0, i.getImpl()}}));
+  EXPECT_EQ(IntTerm(si)->getConstant(), 3.0);
+  for (QelArrayBase* a : std::vector<QelArrayBase*>{&xs, &w, &ys, &is}) a->end();
+}
+
+TEST_F(ExprTest, ScalarProductRefusalsComeBeforeAnythingIsMade) {
+  QelNumVar x(env, 0, 1, "x"), y(env, 0, 1, "y");
+  QelNumArray w(env, 0);
+  w.add(1);
+  EXPECT_THROW(QelScalProd(QelNumExprArray(), w), QelEmptyHandleException);
+  QelNumExprArray xs(env, 0);
+  xs.add(x);
+  xs.add(QelExtractable());
+  xs.add(y);
+  const QelInt objects = envI()->getNumberOfExtractables();
+  const QelInt bytes = envI()->getBytesInUse();
+  // A null element is found first, whatever the sizes.
+  EXPECT_THROW(QelScalProd(xs, w), QelEmptyHandleException);
+  w.add(2);
+  w.add(3);
+  EXPECT_THROW(QelScalProd(xs, w), QelEmptyHandleException);
+  EXPECT_THROW(QelSum(xs), QelEmptyHandleException);
+  EXPECT_EQ(envI()->getNumberOfExtractables(), objects);
+  EXPECT_EQ(envI()->getBytesInUse(), bytes);
+  EXPECT_EQ(Uses(x), 0);
+  // Sizes that differ, also against an empty coefficient handle.
+  auto messageOf = [](auto f) -> std::string {
+    try {
+      f();
+    } catch (const QelWrongUsage& e) {
+      return e.getMessage();
+    }
+    return "(nothing thrown)";
+  };
+  xs.remove(1);
+  EXPECT_EQ(messageOf([&] { QelScalProd(xs, w); }), "QelScalProd: arrays of different sizes");
+  EXPECT_EQ(messageOf([&] { QelScalProd(xs, QelNumArray()); }),
+            "QelScalProd: arrays of different sizes");
+  EXPECT_EQ(envI()->getNumberOfExtractables(), objects);
+  EXPECT_EQ(Uses(x), 0);
+  // No elements and no coefficients: the constant 0 of the array's
+  // environment.
+  QelNumExprArray none(env, 0);
+  QelNumExpr zero = QelScalProd(none, QelNumArray());
+  EXPECT_EQ(zero.getImpl()->getEnv(), envI());
+  EXPECT_EQ(Show(zero), "0");
+  for (QelArrayBase* a : std::vector<QelArrayBase*>{&xs, &w, &none}) a->end();
+}
+
+TEST_F(ExprTest, ScalarProductsTakeTheNodesAddingTermsWouldTake) {
+  QelNumVarArray xs(env, 12, 0, 1);
+  QelNumArray w(env, 12);
+  for (long i = 0; i < 12; ++i) w.set(i, static_cast<double>(i + 1));
+  // The same bytes as a term made empty and then given its terms one by one.
+  QelInt before = envI()->getBytesInUse();
+  auto* t = QelNewObject<QelNumLinTermI>(envI(), envI());
+  for (long i = 0; i < 12; ++i) t->addTerm(w[i], xs[i].getImpl());
+  const QelInt termByTerm = envI()->getBytesInUse() - before;
+  t->end();
+  before = envI()->getBytesInUse();
+  QelNumExpr sp = QelScalProd(xs, w);
+  EXPECT_EQ(envI()->getBytesInUse() - before, termByTerm);
+  std::vector<const QelLinTermNode*> nodes;
+  for (const QelLinTermNode* n = Term(sp)->getParts().head; n != nullptr; n = n->next)
+    nodes.push_back(n);
+  // Ended, its nodes are free blocks, which the next product takes back.
+  sp.end();
+  QelNumExpr again = QelScalProd(xs, w);
+  EXPECT_EQ(envI()->getBytesInUse() - before, termByTerm);
+  std::vector<const QelLinTermNode*> reused;
+  for (const QelLinTermNode* n = Term(again)->getParts().head; n != nullptr; n = n->next)
+    reused.push_back(n);
+  std::sort(nodes.begin(), nodes.end());
+  std::sort(reused.begin(), reused.end());
+  EXPECT_EQ(reused, nodes);
+  again.end();
+  xs.end();
+  w.end();
+}
+
 // ---------------------------------------------------------------------------
 // Memory
 // ---------------------------------------------------------------------------
@@ -1195,6 +1351,39 @@ TEST(ExprRefusedMemory, SettingTheCoefficientsOfAnArrayIsAllOrNothing) {
     return refused;
   });
   EXPECT_GE(refusals, 3);
+}
+
+TEST(ExprRefusedMemory, AScalarProductRefusedHalfWayLeavesNothingBehind) {
+  // One request for the term, then one per node, the mixed element's
+  // included; each refusal gives back the term, its nodes and their uses.
+  long refusals = qeltest::ForEachRefusal([](QelEnv env, qeltest::RequestCounter& counter, long n) {
+    QelNumVarArray xs(env, 10, 0, 1);
+    QelNumVar y(env, 0, 1, "y");
+    QelNumExpr twoY = 2 * y;
+    xs.add(twoY);
+    QelNumArray w(env, 11);
+    for (long i = 0; i < 11; ++i) w.set(i, static_cast<double>(i) + 0.5);
+    const QelInt objects = env.getImpl()->getNumberOfExtractables();
+    counter.refuseAfter(n);
+    bool refused = false;
+    try {
+      QelNumExpr sp = QelScalProd(xs, w);
+      counter.stop();
+      EXPECT_EQ(LinearOf(sp).size(), 11U);
+      sp.end();
+    } catch (const QelMemoryException&) {
+      refused = true;
+    }
+    counter.stop();
+    EXPECT_EQ(env.getImpl()->getNumberOfExtractables(), objects) << "request " << n;
+    for (long i = 0; i < 10; ++i) EXPECT_EQ(Uses(xs[i]), 0) << "request " << n;
+    EXPECT_EQ(Uses(y), 1) << "request " << n;  // held by 2 * y alone
+    xs.end();
+    w.end();
+    qeltest::EndAllObjects(env);
+    return refused;
+  });
+  EXPECT_EQ(refusals, 12);
 }
 
 TEST(ExprRefusedMemory, ZeroOneNormalizationIsAllOrNothing) {
