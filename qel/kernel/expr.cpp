@@ -1738,34 +1738,18 @@ QelIntExprArray QelIntVarArray::toIntExprArray() const {
 
 namespace {
 
-// The first word of object `e`: the address of its table of virtual
-// operations (the layout QelRttiEnvObjectI::EnvOfBlock reads too). Objects
-// of one class share it, objects of different classes never do.
-const void* TableOf(const QelExtractableI* e) {
-  const void* table;
-  std::memcpy(&table, static_cast<const void*>(e), sizeof table);
-  return table;
-}
-
 // The environment a sum over `xs` is made in: the first element's, or the
 // array's own when it is empty. Null elements are refused. `plainVariables`
 // tells whether every element is a plain variable (of class QelNumVarI
-// exactly), for PartsAppender::elements. Once an element has been found to
-// be one, the others are told by their table of virtual operations alone,
-// without a virtual call.
+// exactly), for PartsAppender::elements.
 QelEnvI* SumEnv(const QelNumExprArray& xs, bool& plainVariables) {
   const QelArrayI* a = xs.getImpl();
   if (a == nullptr) throw QelEmptyHandleException();
-  const void* varTable = nullptr;
   bool plain = true;
-  a->forEachRaw([&](std::uint64_t w) {
+  a->forEachRaw([&plain](std::uint64_t w) {
     const auto* e = QelArrayWordAs<const QelExtractableI*>(w);
     if (e == nullptr) throw QelEmptyHandleException();
-    if (!plain || TableOf(e) == varTable) return;
-    if (e->getTypeInfo() == QelNumVarI::GetTypeInfo())
-      varTable = TableOf(e);
-    else
-      plain = false;
+    plain = plain && e->getTypeInfo() == QelNumVarI::GetTypeInfo();
   });
   plainVariables = plain;
   return a->getSize() > 0 ? xs.getElement(0)->getEnv() : a->getEnv();
