@@ -84,6 +84,7 @@ void QelArrayI::reblock(long newShift, long minCapacity) {
   // Move to larger blocks once the array has outgrown its small ones.
   long blockElems = 1L << newShift;
   long blocks = (minCapacity + blockElems - 1) / blockElems;
+  if (blocks < 1) blocks = 1;  // an array always keeps one block here
   size_t blockBytes = sizeof(std::uint64_t) << newShift;
   size_t tableBytes = sizeof(void*) * static_cast<size_t>(blocks);
   void** table = blocks == 1 ? nullptr : static_cast<void**>(_alloc->alloc(tableBytes));
@@ -166,9 +167,9 @@ void QelArrayI::addRawSlow(std::uint64_t word) {
   // The tail is at the end of a block: the next block holds the element,
   // or a new one once the array has grown.
   if (_size >= getCapacity()) grow(_size + 1);
-  syncTail();
-  *_tail++ = word;
+  rawAt(_size) = word;
   ++_size;
+  syncTail();
 }
 
 void QelArrayI::remove(long first, long count) {

@@ -31,7 +31,8 @@ QelModelI::~QelModelI() {
 }
 
 QelExtractableI* QelModelI::add(QelExtractableI* x) {
-  if (x != nullptr) _env->holdMembersOf(x->getEnv());
+  if (x == nullptr) throw QelEmptyHandleException("trying to add an empty handle extractable");
+  _env->holdMembersOf(x->getEnv());
   _members.add(x);
   if (_env->hasListeners()) {
     QelAddOneToModel change(this, x);

@@ -225,6 +225,13 @@ TEST_F(ModelTest, HandleChecksInOrderWithTheirMessages) {
   EXPECT_EQ(MessageOf<E>([&] { none.add(QelExtractable(x)); }),
             "trying to add to an empty handle QelModel");
   EXPECT_TRUE(m.getImpl()->getMembers().isEmpty());
+  // The model object itself refuses a null member in the same words,
+  // without a node or a byte more.
+  QelInt bytes = BytesInUse(env);
+  EXPECT_EQ(MessageOf<E>([&] { m.getImpl()->add(nullptr); }),
+            "trying to add an empty handle extractable");
+  EXPECT_TRUE(m.getImpl()->getMembers().isEmpty());
+  EXPECT_EQ(BytesInUse(env), bytes);
   // expand adds the object as a member and returns it.
   EXPECT_EQ(m.expand(QelExtractable(x)).getImpl(), x);
   EXPECT_EQ(Members(m), (std::vector<QelExtractableI*>{x}));
