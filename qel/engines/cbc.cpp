@@ -594,7 +594,8 @@ class QelCbcI : public QelEngineI {
     _rowUb.clear();
     _rowOwner.clear();
     _rowAlive.clear();
-    _owned.clear();
+    _ownedRows.clear();
+    _ownedCols.clear();
     _deadEntries = 0;
     _liveCols = 0;
     _liveRows = 0;
@@ -707,7 +708,7 @@ class QelCbcI : public QelEngineI {
     c.type = integer ? QelVarType::Int : QelVarType::Float;
     auto index = static_cast<int>(_cols.size());
     _cols.push_back(c);
-    extend(ownedBy(owner).cols, index);
+    extend(_ownedCols[owner], index);
     ++_liveCols;
     return index;
   }
@@ -772,7 +773,7 @@ class QelCbcI : public QelEngineI {
     _rowUb.push_back(upper(ub));
     _rowOwner.push_back(owner);
     _rowAlive.push_back(1);
-    extend(ownedBy(owner).rows, static_cast<int>(_rowLb.size() - 1));
+    addOwnedRow(owner, static_cast<int>(_rowLb.size() - 1));
     ++_liveRows;
   }
 
@@ -870,19 +871,21 @@ class QelCbcI : public QelEngineI {
   // Deletes every row and auxiliary column `m` made, and its set data: the
   // rows are marked dead in the pool (compact() takes them out).
   void deleteOwned(const QelExtractableI* m) {
-    Owned* owned = findOwned(m);
-    if (owned != nullptr) {
-      for (auto r = static_cast<size_t>(owned->rows.first);
-           r < static_cast<size_t>(owned->rows.second); ++r) {
+    if (OwnedRows* rows = findOwnedRows(m)) {
+      for (auto r = static_cast<size_t>(rows->first); r < static_cast<size_t>(rows->end); ++r) {
         if (_rowAlive[r] == 0 || _rowOwner[r] != m) continue;
         _rowAlive[r] = 0;
         --_liveRows;
         _deadEntries += _rowStart[r + 1] - _rowStart[r];
       }
+      *rows = OwnedRows();
+    }
+    auto cols = _ownedCols.find(m);
+    if (cols != _ownedCols.end()) {
       // Model variables' columns made meanwhile lie in the range too.
-      for (int c = owned->cols.first; c < owned->cols.second; ++c)
+      for (int c = cols->second.first; c < cols->second.second; ++c)
         if (_cols[static_cast<size_t>(c)].owner == m) killColumn(c);
-      *owned = Owned();
+      _ownedCols.erase(cols);
     }
     _sos.erase(m);
     _boundsUsed.erase(m);
@@ -938,11 +941,11 @@ class QelCbcI : public QelEngineI {
     _deadEntries = 0;
     _cols.swap(cols);
     // Each member's rows and columns stay together and in order.
-    _owned.clear();
-    for (size_t r = 0; r < _rowOwner.size(); ++r)
-      extend(ownedBy(_rowOwner[r]).rows, static_cast<int>(r));
+    _ownedRows.clear();
+    _ownedCols.clear();
+    for (size_t r = 0; r < _rowOwner.size(); ++r) addOwnedRow(_rowOwner[r], static_cast<int>(r));
     for (size_t c = 0; c < _cols.size(); ++c)
-      if (_cols[c].owner != nullptr) extend(ownedBy(_cols[c].owner).cols, static_cast<int>(c));
+      if (_cols[c].owner != nullptr) extend(_ownedCols[_cols[c].owner], static_cast<int>(c));
     for (auto& set : _setColumns)
       for (auto& member : set.second.members)
         member.second = newCol[static_cast<size_t>(member.second)];
@@ -1101,9 +1104,9 @@ class QelCbcI : public QelEngineI {
       std::string n;
       if (name != nullptr) {
         n = name;
-        const Owned* o = owner != nullptr ? findOwnedConst(owner) : nullptr;
-        if (o != nullptr && o->rows.second - o->rows.first > 1)
-          n += "." + std::to_string(static_cast<int>(r) - o->rows.first);
+        const OwnedRows* o = owner != nullptr ? findOwnedRowsConst(owner) : nullptr;
+        if (o != nullptr && o->end - o->first > 1)
+          n += "." + std::to_string(static_cast<int>(r) - o->first);
       }
       rows.push_back(give(name != nullptr ? n.c_str() : nullptr, fallback));
     }
@@ -1453,28 +1456,39 @@ class QelCbcI : public QelEngineI {
   QelLinearForm _scratch;
   QelPodVector<size_t> _entryOf;
   bool _mergedZeros = false;
-  // The rows and auxiliary columns of each member, as index ranges: a
-  // member's rows are made together, in one extraction, so they are
-  // contiguous (its auxiliary columns may be interleaved with the columns of
-  // model variables met meanwhile, hence the owner test when deleting).
-  // They are kept by the owner's id (an object keeps its id while notices
-  // about it are delivered), the slot naming its owner.
-  struct Owned {
-    const QelExtractableI* owner = nullptr;
-    std::pair<int, int> rows{0, 0};  // [first, end)
-    std::pair<int, int> cols{0, 0};
+  // The rows of each member, as an index range [first, end): a member's
+  // rows are made together, in one extraction, so they are contiguous. They
+  // are kept by the owner's id (an object keeps its id while notices about
+  // it are delivered), 8 bytes a slot; a range belongs to the member whose
+  // first row names it as owner.
+  struct OwnedRows {
+    int first = 0;
+    int end = 0;
   };
-  QelIdTable<Owned> _owned;
+  QelIdTable<OwnedRows> _ownedRows;
+  // The auxiliary columns of each member that made any, [first, end) (they
+  // may be interleaved with the columns of model variables met meanwhile,
+  // hence the owner test when deleting). Few members make columns: a map.
+  std::unordered_map<const QelExtractableI*, std::pair<int, int>> _ownedCols;
 
-  Owned* findOwned(const QelExtractableI* m) { return const_cast<Owned*>(findOwnedConst(m)); }
-  const Owned* findOwnedConst(const QelExtractableI* m) const {
-    const Owned* o = _owned.find(m->getId());
-    return o != nullptr && o->owner == m ? o : nullptr;
+  OwnedRows* findOwnedRows(const QelExtractableI* m) {
+    return const_cast<OwnedRows*>(findOwnedRowsConst(m));
   }
-  Owned& ownedBy(const QelExtractableI* m) {
-    Owned& o = _owned.at(m->getId());
-    if (o.owner != m) o = Owned{m, {0, 0}, {0, 0}};
-    return o;
+  const OwnedRows* findOwnedRowsConst(const QelExtractableI* m) const {
+    const OwnedRows* o = _ownedRows.find(m->getId());
+    bool mine = o != nullptr && o->first < o->end &&
+                static_cast<size_t>(o->first) < _rowOwner.size() && _rowOwner[o->first] == m;
+    return mine ? o : nullptr;
+  }
+  // Records that row `r`, just made, is one of `m`'s.
+  void addOwnedRow(const QelExtractableI* m, int r) {
+    OwnedRows* o = findOwnedRows(m);
+    if (o == nullptr) {
+      _ownedRows.at(m->getId()) = OwnedRows{r, r + 1};
+      return;
+    }
+    o->first = std::min(o->first, r);
+    o->end = std::max(o->end, r + 1);
   }
   size_t _deadEntries = 0;
   long _liveCols = 0;

@@ -739,6 +739,25 @@ TEST_F(CbcTest, DeadRowsAndColumnsAreCompactedAway) {
   EXPECT_LE(mip->getObjValue(), 100 + 1e-6);
   expectSameAsFresh(m);
   m.remove(cap);
+  // Ranges kept through the compaction still find their rows, and a member
+  // with auxiliary columns added after it takes them away again: the LP
+  // loaded has the nonzeros of a fresh extraction.
+  auto freshNonzeros = [this, &m] {
+    EnginePtr fresh{Make(env)};
+    fresh->extract(m.getImpl());
+    return QelCbcLoad(fresh.get());
+  };
+  m.remove(ranges[160]);
+  m.remove(ranges[199]);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(QelCbcLoad(mip.get()), freshNonzeros());
+  m.add(pack);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(QelCbcLoad(mip.get()), freshNonzeros());
+  m.remove(pack);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(QelCbcLoad(mip.get()), freshNonzeros());
+  expectSameAsFresh(m);
   pack.end();
 }
 
