@@ -209,7 +209,7 @@ class QelCbcI : public QelEngineI {
     // The hot path of extraction. A linear term of plain terms (the usual
     // row) is read node by node straight into the pool: each variable is
     // looked up once, and nothing is copied on the way.
-    if (const QelLinearParts* p = PlainLinearParts(e)) {
+    if (const QelLinearParts* p = QelPlainLinearParts(e)) {
       for (const QelLinTermNode* n = p->head; n != nullptr; n = n->next)
         mergedEntry(column(n->var), n->coef);
       endRow(r, r->getLB() - p->constant, r->getUB() - p->constant);
@@ -384,16 +384,14 @@ class QelCbcI : public QelEngineI {
       return nullptr;
     }
     const QelNumExprI* e = obj->getCriterion(0);
-    if (e != nullptr) {
-      if (const QelLinearParts* p = PlainLinearParts(e)) {
-        // Read in place, as a range's row: the columns first (which may
-        // fail), then the coefficients.
-        for (const QelLinTermNode* t = p->head; t != nullptr; t = t->next) column(t->var);
-        clearObjective();
-        for (const QelLinTermNode* t = p->head; t != nullptr; t = t->next)
-          _cols[static_cast<size_t>(findColumn(t->var))].obj += t->coef;
-        return nullptr;
-      }
+    if (const QelLinearParts* p = QelPlainLinearParts(e)) {
+      // Read in place, as a range's row: the columns first (which may
+      // fail), then the coefficients.
+      for (const QelLinTermNode* t = p->head; t != nullptr; t = t->next) column(t->var);
+      clearObjective();
+      for (const QelLinTermNode* t = p->head; t != nullptr; t = t->next)
+        _cols[static_cast<size_t>(findColumn(t->var))].obj += t->coef;
+      return nullptr;
     }
     const QelLinearForm& f = scratchForm(e, obj);
     clearObjective();
@@ -642,18 +640,6 @@ class QelCbcI : public QelEngineI {
       throw refuse(owner, "quadratic terms are not supported (CBC solves linear models)");
     for (const auto& t : f.terms) column(t.first);
     return f;
-  }
-
-  // The parts of `e` when it is a linear term (of either class) of linear
-  // terms only; null otherwise. Told by the exact class, without a cast.
-  static const QelLinearParts* PlainLinearParts(const QelNumExprI* e) {
-    QelTypeInfo type = e->getTypeInfo();
-    const QelLinearParts* p = nullptr;
-    if (type == QelNumLinTermI::GetTypeInfo())
-      p = &static_cast<const QelNumLinTermI*>(e)->getParts();
-    else if (type == QelIntLinTermI::GetTypeInfo())
-      p = &static_cast<const QelIntLinTermI*>(e)->getParts();
-    return p != nullptr && p->quadHead == nullptr && p->aggHead == nullptr ? p : nullptr;
   }
 
   // The linear form of `e` with its terms unmerged, in a buffer reused by

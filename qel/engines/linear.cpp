@@ -60,12 +60,23 @@ void QelLinearForm::addScaled(const QelLinearForm& other, double factor) {
 namespace {
 
 const QelLinearParts* PartsOf(const QelNumExprI* e) {
+  // The exact classes first: one comparison each instead of a class walk.
+  QelTypeInfo type = e->getTypeInfo();
+  if (type == QelNumLinTermI::GetTypeInfo())
+    return &static_cast<const QelNumLinTermI*>(e)->getParts();
+  if (type == QelIntLinTermI::GetTypeInfo())
+    return &static_cast<const QelIntLinTermI*>(e)->getParts();
   if (const auto* t = QelDynamicCast<const QelNumLinTermI>(e)) return &t->getParts();
   if (const auto* t = QelDynamicCast<const QelIntLinTermI>(e)) return &t->getParts();
   return nullptr;
 }
 
 }  // namespace
+
+const QelLinearParts* QelPlainLinearParts(const QelNumExprI* e) {
+  const QelLinearParts* p = e != nullptr ? PartsOf(e) : nullptr;
+  return p != nullptr && p->quadHead == nullptr && p->aggHead == nullptr ? p : nullptr;
+}
 
 bool QelLinearize(const QelNumExprI* e, double factor, QelLinearForm& form) {
   if (e == nullptr) {

@@ -54,6 +54,10 @@ struct QelLinearForm {
 /// when part of `e` is not linear or quadratic.
 bool QelLinearize(const QelNumExprI* e, double factor, QelLinearForm& form);
 
+/// The parts of `e` when it is a linear term (of either class) holding
+/// linear terms only, to be read in place; null otherwise (null `e` too).
+const QelLinearParts* QelPlainLinearParts(const QelNumExprI* e);
+
 /// The form of `e` alone.
 QelLinearForm QelLinearFormOf(const QelNumExprI* e);
 

@@ -525,6 +525,34 @@ TEST(CommonContentHash, EveryChangeOfALongLinearTermChangesTheHash) {
   env.end();
 }
 
+// Expressions an engine may read in place: linear terms of either class
+// holding linear terms only.
+TEST(CommonLinearParts, OnlyLinearTermsOfPlainTermsAreReadInPlace) {
+  QelEnv env;
+  QelNumVar x(env, 0, 1), y(env, 0, 1), z(env, 0, 1);
+  QelIntVar i(env, 0, 5);
+  QelNumExpr lin = 2 * x + y + 1;
+  QelIntExpr ints = 3 * i + 2;
+  QelNumExpr quad = x * y + x;
+  QelNumExprArray parts(env, 0);
+  parts.add(x);
+  parts.add((x * y) * z);  // a product kept as an aggregate term
+  QelNumExpr agg = QelSum(parts);
+  const QelLinearParts* p = QelPlainLinearParts(lin.getImpl());
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(p, &static_cast<QelNumLinTermI*>(lin.getImpl())->getParts());
+  EXPECT_EQ(p->constant, 1.0);
+  EXPECT_EQ(QelPlainLinearParts(ints.getImpl()),
+            &static_cast<QelIntLinTermI*>(ints.getImpl())->getParts());
+  ASSERT_NE(static_cast<QelNumLinTermI*>(agg.getImpl())->getParts().aggHead, nullptr);
+  EXPECT_EQ(QelPlainLinearParts(quad.getImpl()), nullptr);
+  EXPECT_EQ(QelPlainLinearParts(agg.getImpl()), nullptr);
+  EXPECT_EQ(QelPlainLinearParts(x.getImpl()), nullptr);
+  EXPECT_EQ(QelPlainLinearParts(nullptr), nullptr);
+  parts.end();
+  env.end();
+}
+
 TEST(CommonStatus, StatusNames) {
   EXPECT_STREQ(QelEngineStatusName(QelEngineStatus::Optimal), "Optimal");
   EXPECT_STREQ(QelEngineStatusName(QelEngineStatus::Infeasible), "Infeasible");
