@@ -631,14 +631,18 @@ class QelCbcI : public QelEngineI {
   }
 
   // The linear form of `e`, refused (naming `owner`) when it is not linear;
-  // its variables get their columns.
+  // its variables get their columns, those whose terms cancel out too (the
+  // solution holds a value for every variable of the model's expressions,
+  // which their evaluation needs).
   QelLinearForm linear(const QelNumExprI* e, const QelExtractableI* owner) {
     if (e == nullptr) throw refuse(owner, "it holds an empty expression");
-    QelLinearForm f = QelLinearFormOf(e);
+    QelLinearForm f;
+    QelLinearize(e, 1.0, f);
     if (!f.unsupported.empty()) throw refuse(owner, f.unsupported + " is not supported");
     if (!f.quad.empty())
       throw refuse(owner, "quadratic terms are not supported (CBC solves linear models)");
     for (const auto& t : f.terms) column(t.first);
+    f.merge();
     return f;
   }
 
@@ -822,8 +826,10 @@ class QelCbcI : public QelEngineI {
   }
 
   void* looseExpr(const QelNumExprI* e) {
-    // An expression alone constrains nothing: its variables get columns.
-    QelLinearForm f = QelLinearFormOf(e);
+    // An expression alone constrains nothing: its variables get columns
+    // (those whose terms cancel out too).
+    QelLinearForm f;
+    QelLinearize(e, 1.0, f);
     for (const auto& t : f.terms) column(t.first);
     for (const auto& q : f.quad) {
       column(q.var1);

@@ -1327,23 +1327,27 @@ class GecodeEngine : public QelGecodeI {
       g.offset = parts->constant;
       Gecode::IntArgs coefs;
       Gecode::IntVarArgs xs;
+      // A term of coefficient zero adds nothing, but its variable still
+      // gets a Gecode variable: the solution holds a value for every
+      // variable of the model's expressions, which their evaluation needs.
       for (const QelLinTermNode* n = parts->head; n != nullptr; n = n->next) {
+        Gecode::IntVar x = var(home, n->var, create);
         if (n->coef == 0.0) continue;
         coefs << IntCoef(this, owner, n->coef);
-        xs << var(home, n->var, create);
+        xs << x;
       }
       g.expr = xs.size() > 0 ? Gecode::LinIntExpr(coefs, xs) : Gecode::LinIntExpr(0);
       for (const QelQuadTermNode* q = parts->quadHead; q != nullptr; q = q->next) {
+        Gecode::IntVar x1 = var(home, q->var1, create);
+        Gecode::IntVar x2 = var(home, q->var2, create);
         if (q->coef == 0.0) continue;
         int c = IntCoef(this, owner, q->coef);
-        Gecode::LinIntExpr product = Gecode::LinIntExpr(var(home, q->var1, create)) *
-                                     Gecode::LinIntExpr(var(home, q->var2, create));
-        g.expr = g.expr + c * product;
+        g.expr = g.expr + c * (Gecode::LinIntExpr(x1) * Gecode::LinIntExpr(x2));
       }
       for (const QelAggregateTermNode* a = parts->aggHead; a != nullptr; a = a->next) {
+        GExpr sub = toExpr(home, a->expr, owner, create);
         if (a->coef == 0.0) continue;
         int c = IntCoef(this, owner, a->coef);
-        GExpr sub = toExpr(home, a->expr, owner, create);
         g.expr = g.expr + c * sub.expr;
         g.offset += c * sub.offset;
       }
@@ -1417,9 +1421,10 @@ class GecodeEngine : public QelGecodeI {
     Gecode::IntVarArgs xs(terms);
     int at = 0;
     for (const QelLinTermNode* n = parts->head; n != nullptr; n = n->next) {
+      Gecode::IntVar x = var(*_root, n->var, true);  // zero coefficients too (see toExpr)
       if (n->coef == 0.0) continue;
       coefs[at] = IntCoef(this, r, n->coef);
-      xs[at] = var(*_root, n->var, true);
+      xs[at] = x;
       ++at;
     }
     double lb = r->getLB() - parts->constant;

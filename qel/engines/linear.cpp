@@ -91,8 +91,15 @@ bool QelLinearize(const QelNumExprI* e, double factor, QelLinearForm& form) {
     form.constant += factor * parts->constant;
     for (const QelLinTermNode* n = parts->head; n != nullptr; n = n->next)
       form.appendTerm(n->var, factor * n->coef);
-    for (const QelQuadTermNode* q = parts->quadHead; q != nullptr; q = q->next)
-      if (q->coef != 0.0) form.quad.push_back({q->var1, q->var2, factor * q->coef});
+    for (const QelQuadTermNode* q = parts->quadHead; q != nullptr; q = q->next) {
+      if (q->coef != 0.0) {
+        form.quad.push_back({q->var1, q->var2, factor * q->coef});
+      } else {
+        // Its variables are still met (merge() drops the zero terms).
+        form.appendTerm(q->var1, 0.0);
+        form.appendTerm(q->var2, 0.0);
+      }
+    }
     for (const QelAggregateTermNode* a = parts->aggHead; a != nullptr; a = a->next)
       if (!QelLinearize(a->expr, factor * a->coef, form)) return false;
     return true;

@@ -50,8 +50,11 @@ struct QelLinearForm {
 };
 
 /// Appends factor * e to `form` (terms unmerged: QelLinearFormOf merges
-/// them, other callers call merge()). Returns false (and fills form.unsupported)
-/// when part of `e` is not linear or quadratic.
+/// them, other callers call merge()). Every variable of `e` is met in the
+/// unmerged terms, those of zero coefficients too (a quadratic term of
+/// coefficient zero gives each of its variables a zero term), so that an
+/// engine can give each one a value. Returns false (and fills
+/// form.unsupported) when part of `e` is not linear or quadratic.
 bool QelLinearize(const QelNumExprI* e, double factor, QelLinearForm& form);
 
 /// The parts of `e` when it is a linear term (of either class) holding

@@ -336,6 +336,51 @@ TYPED_TEST(HandleTest, ASolveAfterTheObjectiveWasEndedSaysSo) {
   EXPECT_GE(h.getValue(s.x - s.y), -2);
 }
 
+// A variable met only in terms of coefficient zero (a zero objective
+// coefficient, terms that cancel out, a quadratic term of coefficient zero)
+// still gets a value from the solve, within its bounds: the objective and
+// the ranges are evaluated on the held values. Also after a removal, which
+// has the Gecode engine build its form again from the model.
+TYPED_TEST(HandleTest, VariablesMetOnlyWithCoefficientZeroGetValues) {
+  QelEnv env = this->env;
+  TypeParam h = this->make();
+  QelIntVar x(env, 0, 3, "x"), y(env, 1, 2, "y"), z(env, -2, 5, "z"), w(env, 4, 6, "w");
+  QelModel model(env);
+  QelNumExpr cost(env, 0.0);
+  cost += 2 * x;
+  cost += 0 * y;
+  QelObjective obj(env, cost, QelObjective::Minimize, "cost");
+  QelNumExpr cancelled(env, 0.0);
+  cancelled += x;
+  cancelled += 3 * z;
+  cancelled += -3 * z;
+  QelRange atLeast(env, 1, cancelled, QelInfinity, "atLeast");
+  QelRange atMost = x <= 2;
+  QelNumExpr product = x + 0 * (y * w);
+  QelRange withProduct(env, -QelInfinity, product, 3, "withProduct");
+  model.add(obj);
+  model.add(atLeast);
+  model.add(atMost);
+  model.add(withProduct);
+  h.extract(model);
+  auto solvedWithValues = [&](const char* what) {
+    ASSERT_EQ(h.solve(), QelEngineStatus::Optimal) << what;
+    EXPECT_EQ(h.getObjValue(), 2) << what;  // x = 1
+    EXPECT_EQ(h.getValue(x), 1) << what;
+    double vy = h.getValue(y);
+    double vz = h.getValue(z);
+    EXPECT_TRUE(vy >= 1 && vy <= 2) << what << ": y = " << vy;
+    EXPECT_TRUE(vz >= -2 && vz <= 5) << what << ": z = " << vz;
+    double vw = h.getValue(w);
+    EXPECT_TRUE(vw >= 4 && vw <= 6) << what << ": w = " << vw;
+    EXPECT_EQ(atLeast.eval(QelAlgorithm(h.getImpl())), 1.0) << what;
+    EXPECT_TRUE(h.getImpl()->checkSolution().empty()) << what;
+  };
+  solvedWithValues("extracted");
+  model.remove(atMost);
+  solvedWithValues("after a removal");
+}
+
 #else
 
 TEST(HandleTest, NoEngine) {
