@@ -8,15 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "engines/support/enginetest.h"
+#include "engines/support/builtengines.h"
 #include "engines/support/models.h"
-
-#ifdef QEL_HAVE_GECODE
-#include <qel/engines/gecode.h>
-#endif
-#ifdef QEL_HAVE_CBC
-#include <qel/engines/cbc.h>
-#endif
 
 using namespace enginetest;
 
@@ -33,12 +26,11 @@ void PrintTo(const EngineKind& kind, std::ostream* os) { *os << kind.name; }
 
 std::vector<EngineKind> Kinds() {
   std::vector<EngineKind> kinds;
-#ifdef QEL_HAVE_GECODE
-  kinds.push_back({"Gecode", &QelNewGecodeEngine, {"PiecewiseLinearCostWithSOS2"}});
-#endif
-#ifdef QEL_HAVE_CBC
-  kinds.push_back({"CBC", [](QelEnv env) { return UnderSanitizer(QelNewCbcEngine(env)); }, {}});
-#endif
+  for (const BuiltEngine& e : BuiltEngines()) {
+    std::vector<std::string> refused;
+    if (std::string(e.name) == "Gecode") refused.push_back("PiecewiseLinearCostWithSOS2");
+    kinds.push_back({e.name, e.make, refused});
+  }
   return kinds;
 }
 

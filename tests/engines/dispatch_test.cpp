@@ -7,15 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "engines/support/enginetest.h"
+#include "engines/support/builtengines.h"
 #include "support/qeltest.h"
-
-#ifdef QEL_HAVE_GECODE
-#include <qel/engines/gecode.h>
-#endif
-#ifdef QEL_HAVE_CBC
-#include <qel/engines/cbc.h>
-#endif
 
 using namespace enginetest;
 
@@ -23,12 +16,7 @@ namespace {
 
 std::vector<QelEngineI* (*)(QelEnv)> Makers() {
   std::vector<QelEngineI* (*)(QelEnv)> makers;
-#ifdef QEL_HAVE_GECODE
-  makers.push_back(&QelNewGecodeEngine);
-#endif
-#ifdef QEL_HAVE_CBC
-  makers.push_back(&QelNewCbcEngine);
-#endif
+  for (const BuiltEngine& e : BuiltEngines()) makers.push_back(e.make);
   return makers;
 }
 
