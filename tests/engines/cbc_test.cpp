@@ -1049,3 +1049,36 @@ TEST_F(CbcTest, AModelWithoutRowsOrObjectiveIsWrittenToo) {
   EXPECT_THROW(QelCbcWriteMps(mip.get(), path, 1), QelWrongUsage);
   std::remove(path.c_str());
 }
+
+// The small model on which CBC 2.10's preprocessing reports a worse
+// solution as optimal (see qel/engines/cbc.h): with the driver's defaults
+// the engine answers as CBC's driver called directly on the same LP does
+// (2 with Debian's CBC 2.10.8; either way a feasible point); without
+// preprocessing it finds the optimum, 0 at a = b = 0.
+TEST_F(CbcTest, WithoutPreprocessingTheModelCbcsPreprocessingGetsWrongIsSolvedExactly) {
+  QelIntVar a(env, 0, 2, "a"), b(env, 0, 1, "b");
+  QelModel m(env);
+  QelRange row(env, -1, 3 * a - 2 * b, 1, "row");
+  m.add(row);
+  m.add(QelObjective(env, 3 * a - b, QelObjective::Minimize, "cost"));
+  mip->extract(m.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  double withDefaults = mip->getObjValue();
+  EXPECT_TRUE(withDefaults == 0 || withDefaults == 2) << withDefaults;
+  EXPECT_EQ(row.eval(QelAlgorithm(mip.get())), 1.0);
+
+  const std::string file = ScratchFile("preprocessing.mps");
+  QelCbcWriteMps(mip.get(), file);
+  cbcdirect::FileLp in;
+  ASSERT_TRUE(cbcdirect::ReadMps(file, in));
+  cbcdirect::Solved direct = cbcdirect::DriverSolve(in.lp);
+  std::remove(file.c_str());
+  ASSERT_TRUE(direct.found);
+  EXPECT_EQ(direct.objective, withDefaults);
+
+  mip->setParam("preprocess", "off");
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(mip->getObjValue(), 0);
+  EXPECT_EQ(mip->getValue(a.getImpl()), 0);
+  EXPECT_EQ(mip->getValue(b.getImpl()), 0);
+}
