@@ -1,17 +1,19 @@
 // Random models under random changes, every solve checked against brute
-// force. Small integer models (ranges, differences, all-different
-// constraints and a linear objective over at most five variables of small
-// domains) are changed step by step through the modeling API: members added,
-// removed, re-added and ended, bounds moved through the handles (with a
-// notice) and on the variable objects (without one), objective coefficients,
-// constant, sense and expression replaced, variables leaving an
-// all-different constraint (a notice) and joining one (no notice). After
-// each change three answers must agree: the engine that extracted the model
-// at the start and followed every change, a fresh extraction of the model as
-// it now is, and an exhaustive search over the variables' domains. The
-// solutions are checked against the constraints as this test keeps them,
-// not through the library's evaluation, and every fresh engine must give
-// its memory back to the environment.
+// force. Small integer models (ranges, differences, all-different and
+// all-min-distance constraints and a linear objective over at most five
+// variables of small domains; some members held by a sub-model) are changed
+// step by step through the modeling API: members added, removed, re-added
+// and ended, one by one and two at a time through an array, the sub-model
+// taken out and put back, bounds moved through the handles (with a notice)
+// and on the variable objects (without one), objective coefficients,
+// constant, sense and expression replaced, variables leaving and joining
+// the all-different and all-min-distance constraints (joining without a
+// notice). After each change three answers must agree: the engine that
+// extracted the model at the start and followed every change, a fresh
+// extraction of the model as it now is, and an exhaustive search over the
+// variables' domains. The solutions are checked against the constraints as
+// this test keeps them, not through the library's evaluation, and every
+// fresh engine must give its memory back to the environment.
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -73,13 +75,15 @@ struct Term {
 
 // A constraint as the test keeps it, beside its handle.
 struct Constraint {
-  enum Kind { Range, Diff, AllDiff } kind = Range;
+  enum Kind { Range, Diff, AllDiff, MinDistance } kind = Range;
   std::vector<Term> terms;  // Range: lb <= sum coef x[var] <= ub
   double lb = 0, ub = 0;
   int x = -1, y = -1;  // Diff: x[x] != x[y], or x[x] != c when y < 0
   QelInt c = 0;
-  std::vector<int> vars;  // AllDiff: pairwise different
+  std::vector<int> vars;  // AllDiff: pairwise different; MinDistance: |x[i] - x[j]| >= k
+  QelInt k = 0;
   QelConstraint handle;
+  bool sub = false;  // held by the sub-model rather than the model
   bool inModel = false;
   bool ended = false;
 };
@@ -87,7 +91,9 @@ struct Constraint {
 // One random model and its changes.
 class Scenario {
  public:
-  Scenario(QelEnv env, unsigned seed) : _env(env), _model(env, "random"), _rng(seed) {
+  Scenario(QelEnv env, unsigned seed)
+      : _env(env), _model(env, "random"), _sub(env, "sub"), _rng(seed) {
+    _model.add(_sub);
     for (int i = 0; i < StartVars; ++i) newVar();
     for (int k = 0; k < 2; ++k) addRange();
     QelNumExpr e(env, 0.0);
@@ -105,7 +111,7 @@ class Scenario {
   // One random change, recorded in the trace; returns what kind it was.
   std::string change() {
     for (;;) {
-      switch (pick(0, 14)) {
+      switch (pick(0, 20)) {
         case 0:
         case 1:
           if (members() >= ManyMembers) continue;
@@ -149,11 +155,37 @@ class Scenario {
           replaceObjective();
           return "objective expression";
         case 13:
-          if (!allDiffLosesVar()) continue;
+          if (!arrayLosesVar(Constraint::AllDiff)) continue;
           return "all-different loses a variable";
-        default:
-          if (!allDiffGainsVar()) continue;
+        case 14:
+          if (!arrayGainsVar(Constraint::AllDiff)) continue;
           return "all-different gains a variable without notice";
+        case 15:
+          if (members() >= ManyMembers) continue;
+          addMinDistance();
+          return "add an all-min-distance";
+        case 16:
+          if (!arrayLosesVar(Constraint::MinDistance)) continue;
+          return "all-min-distance loses a variable";
+        case 17:
+          if (!arrayGainsVar(Constraint::MinDistance)) continue;
+          return "all-min-distance gains a variable without notice";
+        case 18:
+          _subInModel = !_subInModel;
+          if (_subInModel) {
+            _model.add(_sub);
+          } else {
+            _model.remove(_sub);
+          }
+          log() << (_subInModel ? "add" : "remove") << " the sub-model";
+          return _subInModel ? "add the sub-model" : "remove the sub-model";
+        case 19:
+          if (members() + 2 > ManyMembers) continue;
+          addTwoRanges();
+          return "add two ranges in one array";
+        default:
+          if (!removeTwoMembers()) continue;
+          return "remove two members in one array";
       }
     }
   }
@@ -235,9 +267,13 @@ class Scenario {
   QelInt pick(QelInt lo, QelInt hi) { return std::uniform_int_distribution<QelInt>(lo, hi)(_rng); }
   int pickVar() { return static_cast<int>(pick(0, static_cast<QelInt>(_x.size()) - 1)); }
 
+  // Whether `c` is a member of the model, directly or through the
+  // sub-model.
+  bool active(const Constraint& c) const { return c.inModel && (!c.sub || _subInModel); }
+
   int members() const {
     int n = 0;
-    for (const Constraint& c : _cons) n += c.inModel ? 1 : 0;
+    for (const Constraint& c : _cons) n += active(c) ? 1 : 0;
     return n;
   }
 
@@ -246,7 +282,7 @@ class Scenario {
   bool used(int i) const {
     if (_coef[static_cast<size_t>(i)] != 0) return true;
     for (const Constraint& c : _cons) {
-      if (!c.inModel) continue;
+      if (!active(c)) continue;
       for (const Term& t : c.terms)
         if (t.var == i) return true;
       if (c.x == i || c.y == i) return true;
@@ -266,18 +302,22 @@ class Scenario {
       case Constraint::Diff:
         return v[static_cast<size_t>(c.x)] != (c.y >= 0 ? v[static_cast<size_t>(c.y)] : c.c);
       case Constraint::AllDiff:
+      case Constraint::MinDistance: {
+        QelInt k = c.kind == Constraint::AllDiff ? 1 : c.k;
         for (size_t a = 0; a < c.vars.size(); ++a)
-          for (size_t b = a + 1; b < c.vars.size(); ++b)
-            if (v[static_cast<size_t>(c.vars[a])] == v[static_cast<size_t>(c.vars[b])])
-              return false;
+          for (size_t b = a + 1; b < c.vars.size(); ++b) {
+            QelInt d = v[static_cast<size_t>(c.vars[a])] - v[static_cast<size_t>(c.vars[b])];
+            if (d < k && -d < k) return false;
+          }
         return true;
+      }
     }
     return false;
   }
 
   bool meetsAll(const std::vector<QelInt>& v) const {
     for (const Constraint& c : _cons)
-      if (c.inModel && !meets(c, v)) return false;
+      if (active(c) && !meets(c, v)) return false;
     return true;
   }
 
@@ -297,17 +337,64 @@ class Scenario {
     _coef.push_back(0);
   }
 
+  QelModel& holder(const Constraint& c) { return c.sub ? _sub : _model; }
+
+  // Adds `c` to the model or, one time in three, to the sub-model.
   void add(Constraint c, const std::string& what) {
     c.inModel = true;
-    _model.add(c.handle);
-    log() << "add " << what;
+    c.sub = pick(0, 2) == 0;
+    holder(c).add(c.handle);
+    log() << "add " << what << (c.sub ? " to the sub-model" : "");
     _cons.push_back(std::move(c));
+  }
+
+  void addRange() {
+    std::string what;
+    Constraint c = makeRange(what);
+    add(std::move(c), what);
+  }
+
+  // Two ranges added to the model in one call, through an array.
+  void addTwoRanges() {
+    QelExtractableArray both(_env, 0);
+    std::string what = "in one array:";
+    for (int n = 0; n < 2; ++n) {
+      std::string one;
+      Constraint c = makeRange(one);
+      c.inModel = true;
+      both.add(c.handle);
+      what += " " + one + ";";
+      _cons.push_back(std::move(c));
+    }
+    _model.add(both);
+    both.end();
+    log() << "add " << what;
+  }
+
+  // Two members of the model (not of the sub-model) removed in one call,
+  // through an array; false when there are not two.
+  bool removeTwoMembers() {
+    std::vector<int> at;
+    for (size_t k = 0; k < _cons.size(); ++k)
+      if (_cons[k].inModel && !_cons[k].sub) at.push_back(static_cast<int>(k));
+    if (at.size() < 2) return false;
+    std::shuffle(at.begin(), at.end(), _rng);
+    QelExtractableArray both(_env, 0);
+    for (int n = 0; n < 2; ++n) {
+      Constraint& c = _cons[static_cast<size_t>(at[static_cast<size_t>(n)])];
+      both.add(c.handle);
+      c.inModel = false;
+    }
+    _model.remove(both);
+    both.end();
+    log() << "remove members " << at[0] << " and " << at[1] << " in one array";
+    return true;
   }
 
   // A range of two or three terms (a variable may come twice), its bounds
   // around the value of a random point so that it is often met; one side
-  // is sometimes infinite.
-  void addRange() {
+  // is sometimes infinite. Its description goes to `description`.
+  Constraint makeRange(std::string& description) {
     Constraint c;
     c.kind = Constraint::Range;
     QelNumExpr e(_env, 0.0);
@@ -330,7 +417,8 @@ class Scenario {
     if (side == 1) c.ub = QelInfinity;
     what << " in [" << c.lb << ", " << c.ub << "]";
     c.handle = QelRange(_env, c.lb, e, c.ub);
-    add(std::move(c), what.str());
+    description = what.str();
+    return c;
   }
 
   void addDiff() {
@@ -348,6 +436,24 @@ class Scenario {
       c.handle = QelDiff(_env, _x[static_cast<size_t>(c.x)], static_cast<double>(c.c));
       what << "x" << c.x << " != " << c.c;
     }
+    add(std::move(c), what.str());
+  }
+
+  void addMinDistance() {
+    Constraint c;
+    c.kind = Constraint::MinDistance;
+    c.k = pick(1, 2);
+    QelIntVarArray xs(_env, 0);
+    std::ostringstream what;
+    what << "all-min-distance " << c.k;
+    for (int i = 0; i < static_cast<int>(_x.size()); ++i) {
+      if (pick(0, 1) == 0) continue;
+      c.vars.push_back(i);
+      xs.add(_x[static_cast<size_t>(i)]);
+      what << " x" << i;
+    }
+    c.handle = QelAllMinDistance(_env, xs, c.k);
+    xs.end();
     add(std::move(c), what.str());
   }
 
@@ -380,7 +486,7 @@ class Scenario {
   bool removeMember() {
     int k = pickMember(true);
     if (k < 0) return false;
-    _model.remove(_cons[static_cast<size_t>(k)].handle);
+    holder(_cons[static_cast<size_t>(k)]).remove(_cons[static_cast<size_t>(k)].handle);
     _cons[static_cast<size_t>(k)].inModel = false;
     log() << "remove member " << k;
     return true;
@@ -389,7 +495,7 @@ class Scenario {
   bool readdMember() {
     int k = pickMember(false);
     if (k < 0) return false;
-    _model.add(_cons[static_cast<size_t>(k)].handle);
+    holder(_cons[static_cast<size_t>(k)]).add(_cons[static_cast<size_t>(k)].handle);
     _cons[static_cast<size_t>(k)].inModel = true;
     log() << "add member " << k << " again";
     return true;
@@ -473,38 +579,50 @@ class Scenario {
     log() << what.str();
   }
 
-  int pickAllDiff() {
+  // A constraint of kind `kind` (not ended), or -1.
+  int pickOf(Constraint::Kind kind) {
     std::vector<int> at;
     for (size_t k = 0; k < _cons.size(); ++k)
-      if (_cons[k].kind == Constraint::AllDiff && !_cons[k].ended)
-        at.push_back(static_cast<int>(k));
+      if (_cons[k].kind == kind && !_cons[k].ended) at.push_back(static_cast<int>(k));
     if (at.empty()) return -1;
     return at[static_cast<size_t>(pick(0, static_cast<QelInt>(at.size()) - 1))];
   }
 
-  // A variable leaves an all-different constraint (with its notice).
-  bool allDiffLosesVar() {
-    int k = pickAllDiff();
+  // A variable leaves an all-different constraint (with its notice) or an
+  // all-min-distance constraint.
+  bool arrayLosesVar(Constraint::Kind kind) {
+    int k = pickOf(kind);
     if (k < 0) return false;
     Constraint& c = _cons[static_cast<size_t>(k)];
     if (c.vars.empty()) return false;
     auto at = static_cast<size_t>(pick(0, static_cast<QelInt>(c.vars.size()) - 1));
     int i = c.vars[at];
-    static_cast<QelAllDiffI*>(c.handle.getImpl())->removeExpr(_x[static_cast<size_t>(i)].getImpl());
+    QelIntExprI* x = _x[static_cast<size_t>(i)].getImpl();
+    if (kind == Constraint::AllDiff) {
+      static_cast<QelAllDiffI*>(c.handle.getImpl())->removeExpr(x);
+    } else {
+      static_cast<QelAllMinDistanceI*>(c.handle.getImpl())->removeExpr(x);
+    }
     c.vars.erase(std::remove(c.vars.begin(), c.vars.end(), i), c.vars.end());
     log() << "x" << i << " leaves member " << k;
     return true;
   }
 
-  // A variable joins an all-different constraint (the library sends no
-  // notice for it: the engines find it before the next solve).
-  bool allDiffGainsVar() {
-    int k = pickAllDiff();
+  // A variable joins an all-different or all-min-distance constraint (the
+  // library sends no notice for it: the engines find it before the next
+  // solve).
+  bool arrayGainsVar(Constraint::Kind kind) {
+    int k = pickOf(kind);
     if (k < 0) return false;
     Constraint& c = _cons[static_cast<size_t>(k)];
     int i = pickVar();
     if (std::find(c.vars.begin(), c.vars.end(), i) != c.vars.end()) return false;
-    static_cast<QelAllDiffI*>(c.handle.getImpl())->addExpr(_x[static_cast<size_t>(i)].getImpl());
+    QelIntExprI* x = _x[static_cast<size_t>(i)].getImpl();
+    if (kind == Constraint::AllDiff) {
+      static_cast<QelAllDiffI*>(c.handle.getImpl())->addExpr(x);
+    } else {
+      static_cast<QelAllMinDistanceI*>(c.handle.getImpl())->addExpr(x);
+    }
     c.vars.push_back(i);
     log() << "x" << i << " joins member " << k << " without notice";
     return true;
@@ -512,6 +630,8 @@ class Scenario {
 
   QelEnv _env;
   QelModel _model;
+  QelModel _sub;  // a member of _model while _subInModel
+  bool _subInModel = true;
   std::mt19937 _rng;
   std::vector<QelIntVar> _x;
   std::vector<QelInt> _lb, _ub, _coef;
@@ -606,7 +726,7 @@ TEST(OracleScenarios, MeetFeasibleAndInfeasibleModels) {
   }
   EXPECT_GE(feasible, 100);
   EXPECT_GE(infeasible, 100);
-  EXPECT_EQ(kinds.size(), 15u);
+  EXPECT_EQ(kinds.size(), 22u);
   env.end();
 }
 
