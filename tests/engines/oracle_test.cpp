@@ -1,7 +1,8 @@
 // Random models under random changes, every solve checked against brute
 // force. Small integer models (ranges, differences, all-different and
-// all-min-distance constraints and a linear objective over at most five
-// variables of small domains; some members held by a sub-model) are changed
+// all-min-distance constraints and a linear objective, or two criteria
+// optimized lexicographically, over at most five variables of small
+// domains; some members held by a sub-model) are changed
 // step by step through the modeling API: members added, removed, re-added
 // and ended, one by one and two at a time through an array, the sub-model
 // taken out and put back, bounds moved through the handles (with a notice)
@@ -96,13 +97,26 @@ class Scenario {
     _model.add(_sub);
     for (int i = 0; i < StartVars; ++i) newVar();
     for (int k = 0; k < 2; ++k) addRange();
-    QelNumExpr e(env, 0.0);
+    // Every third scenario optimizes two criteria lexicographically.
+    _lex = seed % 3 == 0;
+    QelNumExpr e(env, 0.0), second(env, 0.0);
     for (size_t i = 0; i < _x.size(); ++i) {
       _coef[i] = pick(-3, 3);
       e += static_cast<double>(_coef[i]) * _x[i];
+      if (!_lex) continue;
+      _coef2[i] = pick(-3, 3);
+      second += static_cast<double>(_coef2[i]) * _x[i];
     }
     _sense = pick(0, 1) == 0 ? QelObjective::Minimize : QelObjective::Maximize;
-    _obj = QelObjective(env, e, _sense, "obj");
+    if (_lex) {
+      QelMultiCriterionExpr lex = QelStaticLex(env, e, second);
+      _obj = _sense == QelObjective::Minimize ? QelMinimize(env, lex, "obj")
+                                              : QelMaximize(env, lex, "obj");
+      lex.end();
+    } else {
+      _obj = QelObjective(env, e, _sense, "obj");
+      second.end();  // never used
+    }
     _model.add(_obj);
   }
 
@@ -143,6 +157,7 @@ class Scenario {
           if (!moveRangeBounds()) continue;
           return "range bounds";
         case 10:
+          if (_lex) continue;  // a lexicographic objective takes no such change
           setObjCoef();
           return "objective coefficient";
         case 11:
@@ -152,6 +167,7 @@ class Scenario {
           log() << "sense " << (_sense == QelObjective::Minimize ? "min" : "max");
           return "objective sense";
         case 12:
+          if (_lex) continue;
           replaceObjective();
           return "objective expression";
         case 13:
@@ -190,16 +206,17 @@ class Scenario {
     }
   }
 
-  // The best objective value over every point of the domains that meets
-  // every member, or false when none does.
-  bool bruteForce(double& best) const {
+  // The best objective values (one per criterion, compared
+  // lexicographically) over every point of the domains that meets every
+  // member, or false when none does.
+  bool bruteForce(std::vector<double>& best) const {
     std::vector<QelInt> v(_x.size());
     for (size_t i = 0; i < v.size(); ++i) v[i] = _lb[i];
     bool found = false;
     for (;;) {
       if (meetsAll(v)) {
-        double o = objective(v);
-        if (!found || (_sense == QelObjective::Minimize ? o < best : o > best)) best = o;
+        std::vector<double> o = objective(v);
+        if (!found || better(o, best)) best = o;
         found = true;
       }
       size_t i = 0;
@@ -214,7 +231,8 @@ class Scenario {
 
   // Checks the solution `alg` holds against the members and the optimum
   // `best`: equal to it when `exact`, no better otherwise.
-  void check(QelEngineI* alg, double best, bool exact, const std::string& who) const {
+  void check(QelEngineI* alg, const std::vector<double>& best, bool exact,
+             const std::string& who) const {
     std::vector<QelInt> v(_x.size(), 0);
     for (size_t i = 0; i < _x.size(); ++i) {
       if (!used(static_cast<int>(i))) {
@@ -232,14 +250,16 @@ class Scenario {
       EXPECT_LE(v[i], _ub[i]) << who << ": x" << i << " above its bound";
     }
     EXPECT_TRUE(meetsAll(v)) << who << ": the solution violates a member";
-    EXPECT_NEAR(alg->getObjValue(), objective(v), 1e-6) << who << ": the objective value";
-    if (exact) {
-      EXPECT_NEAR(objective(v), best, 1e-6) << who << ": the solution's own objective";
-    } else if (_sense == QelObjective::Minimize) {
-      EXPECT_GE(objective(v), best - 1e-6) << who << ": better than the optimum";
-    } else {
-      EXPECT_LE(objective(v), best + 1e-6) << who << ": better than the optimum";
+    std::vector<double> own = objective(v);
+    ASSERT_EQ(alg->getNumCriteria(), static_cast<long>(own.size())) << who;
+    for (size_t i = 0; i < own.size(); ++i) {
+      EXPECT_NEAR(alg->getObjValue(static_cast<long>(i)), own[i], 1e-6)
+          << who << ": the objective value of criterion " << i;
+      if (exact) {
+        EXPECT_NEAR(own[i], best[i], 1e-6) << who << ": the solution's criterion " << i;
+      }
     }
+    EXPECT_FALSE(better(own, best)) << who << ": better than the optimum";
   }
 
  private:
@@ -259,7 +279,12 @@ class Scenario {
       os << " x" << i << " in [" << _lb[i] << ", " << _ub[i] << "]";
     os << "\n" << (_sense == QelObjective::Minimize ? "min" : "max");
     for (size_t i = 0; i < _x.size(); ++i) os << " " << _coef[i] << "*x" << i;
-    os << " + " << _const << "\n" << _model;
+    os << " + " << _const;
+    if (_lex) {
+      os << ", then";
+      for (size_t i = 0; i < _x.size(); ++i) os << " " << _coef2[i] << "*x" << i;
+    }
+    os << "\n" << _model;
     return os.str();
   }
 
@@ -280,7 +305,7 @@ class Scenario {
   // Whether variable i is in a member or in the objective (the only ones
   // an engine holds values for).
   bool used(int i) const {
-    if (_coef[static_cast<size_t>(i)] != 0) return true;
+    if (_coef[static_cast<size_t>(i)] != 0 || _coef2[static_cast<size_t>(i)] != 0) return true;
     for (const Constraint& c : _cons) {
       if (!active(c)) continue;
       for (const Term& t : c.terms)
@@ -321,9 +346,24 @@ class Scenario {
     return true;
   }
 
-  double objective(const std::vector<QelInt>& v) const {
-    double o = static_cast<double>(_const);
-    for (size_t i = 0; i < v.size(); ++i) o += static_cast<double>(_coef[i] * v[i]);
+  // Whether the criteria `a` are better than `b` (lexicographically, in
+  // the objective's sense).
+  bool better(const std::vector<double>& a, const std::vector<double>& b) const {
+    for (size_t i = 0; i < a.size(); ++i) {
+      if (a[i] == b[i]) continue;
+      return _sense == QelObjective::Minimize ? a[i] < b[i] : a[i] > b[i];
+    }
+    return false;
+  }
+
+  // The criteria's values at `v`.
+  std::vector<double> objective(const std::vector<QelInt>& v) const {
+    std::vector<double> o{static_cast<double>(_const)};
+    if (_lex) o.push_back(0);
+    for (size_t i = 0; i < v.size(); ++i) {
+      o[0] += static_cast<double>(_coef[i] * v[i]);
+      if (_lex) o[1] += static_cast<double>(_coef2[i] * v[i]);
+    }
     return o;
   }
 
@@ -335,6 +375,7 @@ class Scenario {
     _lb.push_back(lo);
     _ub.push_back(hi);
     _coef.push_back(0);
+    _coef2.push_back(0);
   }
 
   QelModel& holder(const Constraint& c) { return c.sub ? _sub : _model; }
@@ -634,7 +675,8 @@ class Scenario {
   bool _subInModel = true;
   std::mt19937 _rng;
   std::vector<QelIntVar> _x;
-  std::vector<QelInt> _lb, _ub, _coef;
+  std::vector<QelInt> _lb, _ub, _coef, _coef2;  // _coef2: the second criterion
+  bool _lex = false;                            // two criteria
   QelInt _const = 0;
   QelObjective::Sense _sense = QelObjective::Minimize;
   QelObjective _obj;
@@ -672,7 +714,7 @@ TEST_P(Oracle, EveryChangeIsFollowedAsAFreshExtractionAndBruteForceSeeIt) {
   for (int step = 0; step <= Steps; ++step) {
     if (step > 0) s.change();
     SCOPED_TRACE("changes so far:" + s.fullTrace());
-    double best = 0;
+    std::vector<double> best;
     bool feasible = s.bruteForce(best);
     QelEngineStatus want = feasible ? QelEngineStatus::Optimal : QelEngineStatus::Infeasible;
 
@@ -720,7 +762,7 @@ TEST(OracleScenarios, MeetFeasibleAndInfeasibleModels) {
     Scenario s(env, seed);
     for (int step = 0; step <= Steps; ++step) {
       if (step > 0) kinds.insert(s.change());
-      double best = 0;
+      std::vector<double> best;
       (s.bruteForce(best) ? feasible : infeasible) += 1;
     }
   }
