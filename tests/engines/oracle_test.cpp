@@ -1,6 +1,6 @@
 // Random models under random changes, every solve checked against brute
 // force. Small integer models (ranges, differences, all-different and
-// all-min-distance constraints and a linear objective, or two criteria
+// all-min-distance and pack constraints and a linear objective, or two criteria
 // optimized lexicographically, over at most five variables of small
 // domains; some members held by a sub-model) are changed
 // step by step through the modeling API: members added, removed, re-added
@@ -79,13 +79,19 @@ struct Term {
 
 // A constraint as the test keeps it, beside its handle.
 struct Constraint {
-  enum Kind { Range, Diff, AllDiff, MinDistance } kind = Range;
+  enum Kind { Range, Diff, AllDiff, MinDistance, Pack } kind = Range;
   std::vector<Term> terms;  // Range: lb <= sum coef x[var] <= ub
   double lb = 0, ub = 0;
   int x = -1, y = -1;  // Diff: x[x] != x[y], or x[x] != c when y < 0
   QelInt c = 0;
   std::vector<int> vars;  // AllDiff: pairwise different; MinDistance: |x[i] - x[j]| >= k
   QelInt k = 0;
+  // Pack: item i of size sizes[i] goes into bin x[vars[i]], in 0 ..
+  // loads.size() - 1; bin j holds x[loads[j]]; x[used] (when >= 0) bins
+  // are not empty.
+  std::vector<int> loads;
+  std::vector<QelInt> sizes;
+  int used = -1;
   QelConstraint handle;
   bool sub = false;  // held by the sub-model rather than the model
   bool inModel = false;
@@ -134,8 +140,9 @@ class Scenario {
   // One random change, recorded in the trace; returns what kind it was.
   std::string change() {
     for (;;) {
-      int kind = static_cast<int>(pick(0, 20));
-      if (_filesOnly && (kind == 2 || kind == 3 || (kind >= 13 && kind <= 18))) continue;
+      int kind = static_cast<int>(pick(0, 21));
+      if (_filesOnly && (kind == 2 || kind == 3 || (kind >= 13 && kind <= 18) || kind == 21))
+        continue;
       switch (kind) {
         case 0:
         case 1:
@@ -206,6 +213,10 @@ class Scenario {
           }
           log() << (_subInModel ? "add" : "remove") << " the sub-model";
           return _subInModel ? "add the sub-model" : "remove the sub-model";
+        case 21:
+          if (members() >= ManyMembers) continue;
+          addPack();
+          return "add a pack";
         case 19:
           if (members() + 2 > ManyMembers) continue;
           addTwoRanges();
@@ -338,6 +349,8 @@ class Scenario {
         if (t.var == i) return true;
       if (c.x == i || c.y == i) return true;
       if (std::find(c.vars.begin(), c.vars.end(), i) != c.vars.end()) return true;
+      if (std::find(c.loads.begin(), c.loads.end(), i) != c.loads.end()) return true;
+      if (c.used == i) return true;
     }
     return false;
   }
@@ -352,6 +365,20 @@ class Scenario {
       }
       case Constraint::Diff:
         return v[static_cast<size_t>(c.x)] != (c.y >= 0 ? v[static_cast<size_t>(c.y)] : c.c);
+      case Constraint::Pack: {
+        std::vector<QelInt> load(c.loads.size(), 0);
+        for (size_t i = 0; i < c.vars.size(); ++i) {
+          QelInt bin = v[static_cast<size_t>(c.vars[i])];
+          if (bin < 0 || bin >= static_cast<QelInt>(load.size())) return false;
+          load[static_cast<size_t>(bin)] += c.sizes[i];
+        }
+        QelInt nonEmpty = 0;
+        for (size_t j = 0; j < load.size(); ++j) {
+          if (v[static_cast<size_t>(c.loads[j])] != load[j]) return false;
+          nonEmpty += load[j] > 0 ? 1 : 0;
+        }
+        return c.used < 0 || v[static_cast<size_t>(c.used)] == nonEmpty;
+      }
       case Constraint::AllDiff:
       case Constraint::MinDistance: {
         QelInt k = c.kind == Constraint::AllDiff ? 1 : c.k;
@@ -521,6 +548,42 @@ class Scenario {
     }
     c.handle = QelAllMinDistance(_env, xs, c.k);
     xs.end();
+    add(std::move(c), what.str());
+  }
+
+  // A pack of two or three items into two or three bins, over the
+  // scenario's variables (a variable may play several parts), sometimes
+  // with the count of used bins.
+  void addPack() {
+    Constraint c;
+    c.kind = Constraint::Pack;
+    QelIntExprArray load(_env, 0), where(_env, 0);
+    QelIntArray sizes(_env, 0);
+    std::ostringstream what;
+    what << "pack bins";
+    for (QelInt j = pick(2, 3); j > 0; --j) {
+      c.loads.push_back(pickVar());
+      load.add(_x[static_cast<size_t>(c.loads.back())]);
+      what << " x" << c.loads.back();
+    }
+    what << ", items";
+    for (QelInt i = pick(2, 3); i > 0; --i) {
+      c.vars.push_back(pickVar());
+      c.sizes.push_back(pick(1, 3));
+      where.add(_x[static_cast<size_t>(c.vars.back())]);
+      sizes.add(c.sizes.back());
+      what << " x" << c.vars.back() << " (size " << c.sizes.back() << ")";
+    }
+    if (pick(0, 1) == 0) {
+      c.handle = QelPack(_env, load, where, sizes);
+    } else {
+      c.used = pickVar();
+      c.handle = QelPack(_env, load, where, sizes, _x[static_cast<size_t>(c.used)]);
+      what << ", used x" << c.used;
+    }
+    load.end();
+    where.end();
+    sizes.end();
     add(std::move(c), what.str());
   }
 
@@ -863,7 +926,7 @@ TEST(OracleScenarios, MeetFeasibleAndInfeasibleModels) {
   }
   EXPECT_GE(feasible, 100);
   EXPECT_GE(infeasible, 100);
-  EXPECT_EQ(kinds.size(), 22u);
+  EXPECT_EQ(kinds.size(), 23u);
   env.end();
 }
 
