@@ -1107,9 +1107,12 @@ class GecodeEngine : public QelGecodeI {
 
   void removeFromForm(QelExtractableI* m) override {
     // The objective lives in the searched copy only; a variable or an
-    // expression alone constrains nothing.
-    if (QelDynamicCast<QelObjectiveI>(m) != nullptr) return;
-    if (QelDynamicCast<QelNumExprI>(m) != nullptr) return;
+    // expression alone constrains nothing. Their variables stay in the root
+    // (see _strayVariables).
+    if (QelDynamicCast<QelObjectiveI>(m) != nullptr || QelDynamicCast<QelNumExprI>(m) != nullptr) {
+      _strayVariables = true;
+      return;
+    }
     markDirty(QelDescribe(m) + " was removed: Gecode cannot take a propagator out of a space");
   }
 
@@ -1220,6 +1223,7 @@ class GecodeEngine : public QelGecodeI {
 
  private:
   void makeRoot() {
+    _strayVariables = false;
     _root = std::make_unique<ModelSpace>();
     _vars.clear();
     _setIndex.clear();
@@ -1911,6 +1915,8 @@ long QelGecodeI::enumerate(const SolutionCallback& callback, long maxSolutions) 
     QelGecodeI* self;
     ~Reset() { self->_enumerate = nullptr; }
   } reset{this};
+  if (_strayVariables && !isDirty())
+    markDirty("variables that no member uses are left in the space: enumeration rebuilds it");
   _enumerate = &callback;
   _enumerateLimit = maxSolutions;
   _enumerated = 0;

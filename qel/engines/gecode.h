@@ -62,7 +62,10 @@
 //
 // Several solutions: enumerate(callback, n) visits every solution of a
 // model without objective (or the first n), setting the engine's values
-// before each call of the callback, which may stop the enumeration.
+// before each call of the callback, which may stop the enumeration. Each
+// solution is visited once: when an objective or a variable left the model
+// since the space was built, its variables are still in the space, and the
+// enumeration has the space rebuilt first.
 //
 // Following changes: the engine keeps one root space. New members are
 // posted into it at once; the objective is posted into a copy at each solve,
@@ -186,6 +189,12 @@ class QelGecodeI : public QelEngineI {
   long _enumerateLimit = 0;
   /// Solutions visited by the enumeration in progress.
   long _enumerated = 0;
+  /// Whether the root may hold variables that no member uses any more (an
+  /// objective or a variable taken out of the model leaves its variables
+  /// there): a search for an optimum branches on them harmlessly, but an
+  /// enumeration would visit each solution once per value of theirs, so it
+  /// has the root rebuilt first.
+  bool _strayVariables = false;
 };
 
 /// Martello and Toth's lower bound on the number of bins of capacity `c`

@@ -403,6 +403,41 @@ TEST_F(GecodeTest, EnumerationNeedsAModelWithoutObjective) {
   EXPECT_THROW(Gecode(cp)->enumerate([](QelGecodeI&) { return true; }, -1), QelWrongUsage);
 }
 
+// A variable that only the objective used stays in the engine's space when
+// the objective leaves the model; an enumeration then rebuilds the space,
+// so that each solution of the members is visited once, not once per value
+// of that variable. The same holds for a variable taken out of the model.
+TEST_F(GecodeTest, EnumerationAfterTheObjectiveLeftVisitsEachSolutionOnce) {
+  QelIntVar x(env, 0, 2, "x"), y(env, 0, 3, "y"), z(env, 0, 4, "z"), w(env, 1, 3, "w");
+  QelModel m(env);
+  m.add(QelRange(env, 1, x + y, 2));  // (x, y): 5 solutions
+  QelObjective obj(env, 2 * z + x, QelObjective::Minimize, "obj");
+  m.add(obj);
+  m.add(w);
+  cp->extract(m.getImpl());
+  ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(cp->getObjValue(), 0);
+  m.remove(obj);
+  m.remove(w);
+  long rebuilds = cp->getStats().rebuilds;
+  std::set<std::pair<QelInt, QelInt>> seen;
+  long n = Gecode(cp)->enumerate([&](QelGecodeI& e) {
+    seen.insert({static_cast<QelInt>(e.getValue(x.getImpl())),
+                 static_cast<QelInt>(e.getValue(y.getImpl()))});
+    return true;
+  });
+  EXPECT_EQ(n, 5);
+  EXPECT_EQ(seen.size(), 5u);
+  EXPECT_EQ(cp->getStats().rebuilds, rebuilds + 1);
+  // The space holds the members' variables only now: no second rebuild.
+  EXPECT_EQ(Gecode(cp)->enumerate([](QelGecodeI&) { return true; }), 5);
+  EXPECT_EQ(cp->getStats().rebuilds, rebuilds + 1);
+  // With the objective back, the optimum again.
+  m.add(obj);
+  ASSERT_EQ(cp->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(cp->getObjValue(), 0);
+}
+
 // Rows lo <= sum c x <= hi over seven variables in 0..4 (mixed signs);
 // `split` gives each row as two ranges of one bound each; with `objective`
 // a weighted sum of the variables is minimized.

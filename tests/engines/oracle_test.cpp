@@ -228,6 +228,53 @@ class Scenario {
     }
   }
 
+  // Takes the objective out of the model, or puts it back.
+  void setObjectiveInModel(bool in) {
+    if (in) {
+      _model.add(_obj);
+    } else {
+      _model.remove(_obj);
+    }
+  }
+
+  // The variables of the members (the objective left out), in order.
+  std::vector<int> constrained() const {
+    std::vector<int> vars;
+    for (int i = 0; i < static_cast<int>(_x.size()); ++i)
+      if (inMember(i)) vars.push_back(i);
+    return vars;
+  }
+
+  // The values of the variables `vars` at every point of the domains that
+  // meets every member.
+  std::set<std::vector<QelInt>> allSolutions(const std::vector<int>& vars) const {
+    std::set<std::vector<QelInt>> out;
+    std::vector<QelInt> v(_x.size());
+    for (size_t i = 0; i < v.size(); ++i) v[i] = _lb[i];
+    for (;;) {
+      if (meetsAll(v)) {
+        std::vector<QelInt> p;
+        for (int i : vars) p.push_back(v[static_cast<size_t>(i)]);
+        out.insert(p);
+      }
+      size_t i = 0;
+      while (i < v.size() && v[i] == _ub[i]) {
+        v[i] = _lb[i];
+        ++i;
+      }
+      if (i == v.size()) return out;
+      ++v[i];
+    }
+  }
+
+  // The held values of the variables `vars` (rounded).
+  std::vector<QelInt> valuesOf(QelEngineI* alg, const std::vector<int>& vars) const {
+    std::vector<QelInt> p;
+    for (int i : vars)
+      p.push_back(std::llround(alg->getValue(_x[static_cast<size_t>(i)].getImpl())));
+    return p;
+  }
+
   // The best objective values (one per criterion, compared
   // lexicographically) over every point of the domains that meets every
   // member, or false when none does.
@@ -342,7 +389,11 @@ class Scenario {
   // Whether variable i is in a member or in the objective (the only ones
   // an engine holds values for).
   bool used(int i) const {
-    if (_coef[static_cast<size_t>(i)] != 0 || _coef2[static_cast<size_t>(i)] != 0) return true;
+    return _coef[static_cast<size_t>(i)] != 0 || _coef2[static_cast<size_t>(i)] != 0 || inMember(i);
+  }
+
+  // Whether variable i is in a member.
+  bool inMember(int i) const {
     for (const Constraint& c : _cons) {
       if (!active(c)) continue;
       for (const Term& t : c.terms)
@@ -911,6 +962,67 @@ GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(FileOracle);
 
 // The scenarios of the default seeds meet both answers many times, and
 // change the model in every way the test knows.
+#ifdef QEL_HAVE_GECODE
+// Enumeration: with the objective taken out, the Gecode engine visits every
+// solution of the members once (their variables' values, as the exhaustive
+// search finds them), both an engine that followed every change (the
+// objective going out and coming back included) and a fresh one; with the
+// objective back, the next solve finds the optimum again.
+class EnumerationOracle : public ::testing::TestWithParam<unsigned> {
+ protected:
+  void TearDown() override {
+    engine.end();
+    env.end();
+  }
+  QelEnv env;
+  QelGecode engine;
+};
+
+TEST_P(EnumerationOracle, EverySolutionOnceAsTheExhaustiveSearchFindsThem) {
+  Scenario s(env, GetParam());
+  engine = QelGecode(env);
+  engine.extract(s.model());
+  for (int step = 0; step <= Steps; ++step) {
+    if (step > 0) s.change();
+    SCOPED_TRACE("changes so far:" + s.fullTrace());
+    std::vector<int> vars = s.constrained();
+    std::set<std::vector<QelInt>> want = s.allSolutions(vars);
+    s.setObjectiveInModel(false);
+    auto visit = [&](QelGecode& cp, const char* who) {
+      std::set<std::vector<QelInt>> got;
+      long visited = cp.enumerate([&](QelGecodeI& e) {
+        got.insert(s.valuesOf(&e, vars));
+        return true;
+      });
+      EXPECT_EQ(visited, static_cast<long>(got.size())) << who << ": a solution visited twice";
+      EXPECT_EQ(got, want) << who;
+      EXPECT_EQ(cp.getStatus(),
+                want.empty() ? QelEngineStatus::Infeasible : QelEngineStatus::Optimal)
+          << who;
+    };
+    visit(engine, "the engine that followed the changes");
+    QelGecode fresh(env);
+    fresh.extract(s.model());
+    visit(fresh, "a fresh extraction");
+    fresh.end();
+    s.setObjectiveInModel(true);
+    std::vector<double> best;
+    bool feasible = s.bruteForce(best);
+    ASSERT_EQ(engine.solve(), feasible ? QelEngineStatus::Optimal : QelEngineStatus::Infeasible)
+        << "the objective back";
+    if (feasible) s.check(engine.getImpl(), best, true, "the objective back");
+  }
+}
+
+std::vector<unsigned> EnumerationSeeds() {
+  std::vector<unsigned> seeds;
+  for (unsigned seed = 1; seed <= Seeds(); ++seed) seeds.push_back(seed);
+  return seeds;
+}
+
+INSTANTIATE_TEST_SUITE_P(Gecode, EnumerationOracle, ::testing::ValuesIn(EnumerationSeeds()));
+#endif
+
 TEST(OracleScenarios, MeetFeasibleAndInfeasibleModels) {
   QelEnv env;
   int feasible = 0;
