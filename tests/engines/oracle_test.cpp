@@ -249,20 +249,27 @@ class Scenario {
   // meets every member.
   std::set<std::vector<QelInt>> allSolutions(const std::vector<int>& vars) const {
     std::set<std::vector<QelInt>> out;
+    forEachSolution([&](const std::vector<QelInt>& v) {
+      std::vector<QelInt> p;
+      for (int i : vars) p.push_back(v[static_cast<size_t>(i)]);
+      out.insert(p);
+    });
+    return out;
+  }
+
+  // Calls f(v) for every point v of the domains that meets every member.
+  template <class F>
+  void forEachSolution(F&& f) const {
     std::vector<QelInt> v(_x.size());
     for (size_t i = 0; i < v.size(); ++i) v[i] = _lb[i];
     for (;;) {
-      if (meetsAll(v)) {
-        std::vector<QelInt> p;
-        for (int i : vars) p.push_back(v[static_cast<size_t>(i)]);
-        out.insert(p);
-      }
+      if (meetsAll(v)) f(v);
       size_t i = 0;
       while (i < v.size() && v[i] == _ub[i]) {
         v[i] = _lb[i];
         ++i;
       }
-      if (i == v.size()) return out;
+      if (i == v.size()) return;
       ++v[i];
     }
   }
@@ -279,23 +286,13 @@ class Scenario {
   // lexicographically) over every point of the domains that meets every
   // member, or false when none does.
   bool bruteForce(std::vector<double>& best) const {
-    std::vector<QelInt> v(_x.size());
-    for (size_t i = 0; i < v.size(); ++i) v[i] = _lb[i];
     bool found = false;
-    for (;;) {
-      if (meetsAll(v)) {
-        std::vector<double> o = objective(v);
-        if (!found || better(o, best)) best = o;
-        found = true;
-      }
-      size_t i = 0;
-      while (i < v.size() && v[i] == _ub[i]) {
-        v[i] = _lb[i];
-        ++i;
-      }
-      if (i == v.size()) return found;
-      ++v[i];
-    }
+    forEachSolution([&](const std::vector<QelInt>& v) {
+      std::vector<double> o = objective(v);
+      if (!found || better(o, best)) best = o;
+      found = true;
+    });
+    return found;
   }
 
   // Checks the solution `alg` holds against the members and the optimum
