@@ -806,9 +806,12 @@ class QelCbcI : public QelEngineI {
       if (v == nullptr) throw refuse(s, "it holds an empty variable");
       if (std::find(set.vars.begin(), set.vars.end(), v) != set.vars.end())
         throw refuse(s, "the variable " + QelDescribe(v) + " appears twice");
-      // CBC's set branching fixes variables to zero.
+      // CBC's set branching fixes variables to zero; on a member whose lower
+      // bound is above zero it fails an internal check and aborts the process.
       if (v->getLB() < 0)
         throw refuse(s, "the variable " + QelDescribe(v) + " has a negative lower bound");
+      if (v->getLB() > 0)
+        throw refuse(s, "the variable " + QelDescribe(v) + " has a lower bound above zero");
       _boundsUsed[s].push_back(v);
       column(v);
       double w = i < vals.getSize() ? vals[i] : last + 1;

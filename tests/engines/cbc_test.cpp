@@ -1082,3 +1082,45 @@ TEST_F(CbcTest, WithoutPreprocessingTheModelCbcsPreprocessingGetsWrongIsSolvedEx
   EXPECT_EQ(mip->getValue(a.getImpl()), 0);
   EXPECT_EQ(mip->getValue(b.getImpl()), 0);
 }
+
+// A special ordered set's variables need a lower bound of zero: CBC's set
+// branching fixes them to zero, and CBC 2.10 aborts the process on a
+// member whose lower bound is above zero. The engine refuses such a set,
+// also when a bound moves after extraction, and takes it again once the
+// bound is back at zero.
+TEST_F(CbcTest, SetsOverVariablesWhoseLowerBoundIsNotZeroAreRefused) {
+  QelIntVar x(env, 0, 3, "x"), y(env, 0, 3, "y"), z(env, -1, 3, "z");
+  QelModel m(env, "m");
+  QelSOS1 one(env, "one");
+  one->addVar(x);
+  one->addVal(1);
+  one->addVar(y);
+  one->addVal(2);
+  m.add(one);
+  m.add(QelObjective(env, x + 2 * y, QelObjective::Maximize, "gain"));
+  mip->extract(m.getImpl());
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(mip->getObjValue(), 6);  // y = 3 alone
+
+  x.setLB(1);
+  std::string message;
+  try {
+    mip->solve();
+  } catch (const QelEngineError& e) {
+    message = e.what();
+  }
+  EXPECT_EQ(message,
+            "CBC engine cannot extract \"one\" (QelSOS1I): the variable \"x\" (QelNumVarI) has a "
+            "lower bound above zero")
+      << message;
+  x.setLB(0);
+  ASSERT_EQ(mip->solve(), QelEngineStatus::Optimal);
+  EXPECT_EQ(mip->getObjValue(), 6);
+
+  QelSOS2 two(env, "two");
+  two->addVar(z);
+  two->addVal(1);
+  EXPECT_TRUE(
+      Contains(refusalOf(two), "the variable \"z\" (QelNumVarI) has a negative lower bound"))
+      << refusalOf(two);
+}
