@@ -2,7 +2,12 @@
 // with one of Qel's engines and prints the outcome.
 //
 //   qel-solve FILE [--engine cbc|gecode] [--time-limit SECONDS]
-//                  [--write OUT.{lp,mps}] [--quiet]
+//                  [--param NAME=VALUE]... [--write OUT.{lp,mps}] [--quiet]
+//
+// --param sets one of the engine's settings by name, as QelEngine::setParam
+// does: a shared one (relativeGap, nodeLimit, threads, logLevel, ...) or
+// one of the engine's own (for CBC, any option of its driver, e.g.
+// --param preprocess=off); an unknown name is bad input.
 //
 // The last three lines are always
 //   status: <Optimal|Feasible|Infeasible|Unbounded|Unknown>
@@ -16,6 +21,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <qel/qel.h>
 
@@ -40,13 +47,14 @@ struct Options {
   std::string engine = "cbc";
   bool engineAsked = false;
   double timeLimit = 0;
+  std::vector<std::pair<std::string, std::string>> params;  // --param NAME=VALUE, in order
   std::string write;
   bool quiet = false;
 };
 
 const char* const Usage =
     "usage: qel-solve FILE [--engine cbc|gecode] [--time-limit SECONDS] "
-    "[--write OUT.{lp,mps}] [--quiet]";
+    "[--param NAME=VALUE]... [--write OUT.{lp,mps}] [--quiet]";
 
 int BadInput(const std::string& message) {
   std::fprintf(stderr, "qel-solve: %s\n", message.c_str());
@@ -71,6 +79,11 @@ std::string ParseArgs(int argc, char** argv, Options& o) {
       if (v != nullptr) o.timeLimit = std::strtod(v, &end);
       if (v == nullptr || end == v || *end != '\0' || !(o.timeLimit >= 0))
         return "--time-limit needs a number of seconds";
+    } else if (a == "--param") {
+      const char* v = value();
+      const char* eq = v != nullptr ? std::strchr(v, '=') : nullptr;
+      if (eq == nullptr || eq == v) return "--param needs NAME=VALUE";
+      o.params.emplace_back(std::string(v, eq), std::string(eq + 1));
     } else if (a == "--write") {
       const char* v = value();
       if (v == nullptr) return "--write needs a file name (.lp or .mps)";
@@ -155,6 +168,7 @@ int Run(const Options& o) {
   int code = ExitBadInput;
   try {
     if (o.timeLimit > 0) engine.getImpl()->setTimeLimit(o.timeLimit);
+    for (const auto& p : o.params) engine.getImpl()->setParam(p.first, p.second);
     engine.extract(model);
     QelEngineStatus status = engine.solve();
     bool found = status == QelEngineStatus::Optimal || status == QelEngineStatus::Feasible;

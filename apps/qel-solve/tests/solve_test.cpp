@@ -179,6 +179,35 @@ TEST(QelSolve, FilesQelWroteMatchTheEngineSolve) {
   }
 }
 
+// --param reaches the engine's settings by name: CBC's preprocessing off
+// gives the optimum of the small model on which CBC 2.10's preprocessing
+// reports a worse one (see qel/engines/cbc.h); a name the engine does not
+// know, and a --param without NAME=VALUE, are bad input.
+TEST(QelSolve, ParamsReachTheEngine) {
+  std::string path = ::testing::TempDir() + "qel_solve_param_" + std::to_string(getpid()) + ".lp";
+  {
+    std::ofstream f(path);
+    f << "Minimize\n obj: 3 a - b\nSubject To\n row: -1 <= 3 a - 2 b <= 1\nBounds\n"
+         " 0 <= a <= 2\n 0 <= b <= 1\nGenerals\n a b\nEnd\n";
+  }
+  Outcome o = Solve(path + " --quiet --param preprocess=off --param logLevel=0");
+  EXPECT_EQ(o.code, 0) << o.err;
+  EXPECT_EQ(Objective(o), 0);
+  o = Solve(path + " --param nosuch=1");
+  EXPECT_EQ(o.code, 2);
+  EXPECT_EQ(
+      o.err.rfind("qel-solve: CBC engine: parameter \"nosuch\": unknown name; the names known are ",
+                  0),
+      0u)
+      << o.err;
+  o = Solve(path + " --param preprocess");
+  EXPECT_EQ(o.code, 2);
+  EXPECT_EQ(o.err, "qel-solve: --param needs NAME=VALUE\n");
+  o = Solve(path + " --param =off");
+  EXPECT_EQ(o.err, "qel-solve: --param needs NAME=VALUE\n");
+  std::remove(path.c_str());
+}
+
 TEST(QelSolve, NoSolutionGivesExitOne) {
   Outcome o = Solve(Data("infeasible.lp") + " --quiet");
   EXPECT_EQ(o.code, 1) << o.err;
