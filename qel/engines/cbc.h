@@ -93,9 +93,9 @@
 // program gives the same on the same file. The engine keeps the driver's
 // default; where the exact optimum of such models matters more than what
 // preprocessing gains on large ones, mip.setParam("preprocess", "off").
-// Random models checked against brute force (tests/engines/oracle_test.cpp)
-// met it in 4 of 400 scenarios of 30 changes; without preprocessing, in none
-// of 1,000.
+// Random models checked against brute force (tests/engines/oracle_test.cpp,
+// in its first version) met it in 4 of 400 scenarios of 30 changes; without
+// preprocessing, in none of 1,000.
 //
 // A second defect of CBC 2.10 (Debian's 2.10.8 is built with its internal
 // checks on): on some small integer models an assertion in
